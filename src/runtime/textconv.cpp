@@ -1,0 +1,158 @@
+#include "runtime/textconv.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace kivreg::rt {
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+bool isContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
+
+// Decodes one UTF-8 sequence starting at p (p < end, *p >= 0x80).
+// On success stores the code point and the sequence length.
+int decodeMultiByte(const unsigned char* p, const unsigned char* end, char32_t& cp, size_t& len) {
+    const unsigned char b0 = p[0];
+    char32_t minimum;
+    if (b0 < 0xC0) return CONV_BAD_BYTE;
+    if (b0 < 0xE0) {
+        len = 2; cp = b0 & 0x1F; minimum = 0x80;
+    } else if (b0 < 0xF0) {
+        len = 3; cp = b0 & 0x0F; minimum = 0x800;
+    } else if (b0 < 0xF8) {
+        len = 4; cp = b0 & 0x07; minimum = 0x10000;
+    } else {
+        return CONV_BAD_BYTE;
+    }
+    const size_t avail = static_cast<size_t>(end - p);
+    for (size_t i = 1; i < len; ++i) {
+        if (i >= avail) return CONV_TRUNCATED;
+        if (!isContinuation(p[i])) return CONV_BAD_CONTINUATION;
+        cp = (cp << 6) | (p[i] & 0x3F);
+    }
+    if (cp < minimum) return CONV_OVERLONG;
+    if (cp > 0x10FFFF) return CONV_TOO_LARGE;
+    if (cp >= 0xD800 && cp <= 0xDFFF) return CONV_SURROGATE;
+    return CONV_OK;
+}
+
+// Runs of ASCII are the common case; test eight bytes at once.
+size_t asciiPrefix(const unsigned char* p, size_t n) {
+    size_t i = 0;
+    while (i + 8 <= n) {
+        uint64_t word;
+        std::memcpy(&word, p + i, 8);
+        if (word & 0x8080808080808080ULL) break;
+        i += 8;
+    }
+    while (i < n && p[i] < 0x80) ++i;
+    return i;
+}
+
+inline char* putUtf8(char* o, char32_t cp) {
+    if (cp < 0x80) {
+        *o++ = static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        *o++ = static_cast<char>(0xC0 | (cp >> 6));
+        *o++ = static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        *o++ = static_cast<char>(0xE0 | (cp >> 12));
+        *o++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *o++ = static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        *o++ = static_cast<char>(0xF0 | (cp >> 18));
+        *o++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        *o++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *o++ = static_cast<char>(0x80 | (cp & 0x3F));
+    }
+    return o;
+}
+
+// Shared decoder loop for UTF-8 input; Unit is char16_t or char32_t.
+template <typename Unit>
+int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
+    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
+    const auto* end = p + in.size();
+    const size_t base = out.size();
+    out.resize(base + in.size());  // never more units than bytes
+    Unit* o = out.data() + base;
+    int rc = CONV_OK;
+    while (p < end) {
+        const size_t run = asciiPrefix(p, static_cast<size_t>(end - p));
+        for (size_t i = 0; i < run; ++i) o[i] = p[i];
+        o += run;
+        p += run;
+        if (p == end) break;
+        char32_t cp;
+        size_t len;
+        const int r = decodeMultiByte(p, end, cp, len);
+        if (r != CONV_OK) {
+            if (!lenient) { rc = r; break; }
+            cp = kReplacement;
+            len = 1;
+        }
+        p += len;
+        if constexpr (sizeof(Unit) == 2) {
+            if (cp >= 0x10000) {
+                cp -= 0x10000;
+                *o++ = static_cast<Unit>(0xD800 + (cp >> 10));
+                *o++ = static_cast<Unit>(0xDC00 + (cp & 0x3FF));
+                continue;
+            }
+        }
+        *o++ = static_cast<Unit>(cp);
+    }
+    out.resize(static_cast<size_t>(o - out.data()));
+    return rc;
+}
+
+int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
+    const size_t base = out.size();
+    out.resize(base + in.size() * 3);  // a unit gives at most 3 bytes; a pair 4 for 2 units
+    char* o = out.data() + base;
+    const char16_t* p = in.data();
+    const char16_t* end = p + in.size();
+    int rc = CONV_OK;
+    while (p < end) {
+        char32_t u = *p++;
+        if (u < 0x80) { *o++ = static_cast<char>(u); continue; }
+        if (u >= 0xD800 && u <= 0xDFFF) {
+            if (u <= 0xDBFF && p < end && *p >= 0xDC00 && *p <= 0xDFFF) {
+                u = 0x10000 + ((u - 0xD800) << 10) + (*p++ - 0xDC00);
+            } else if (lenient) {
+                u = kReplacement;
+            } else {
+                rc = (u <= 0xDBFF && p == end) ? CONV_TRUNCATED : CONV_LONE_SURROGATE;
+                break;
+            }
+        }
+        o = putUtf8(o, u);
+    }
+    out.resize(static_cast<size_t>(o - out.data()));
+    return rc;
+}
+
+}  // namespace
+
+int utf8ToUtf16(std::string_view in, std::u16string& out) { return fromUtf8(in, out, false); }
+int utf8ToUtf32(std::string_view in, std::u32string& out) { return fromUtf8(in, out, false); }
+void utf8ToUtf16Lenient(std::string_view in, std::u16string& out) { fromUtf8(in, out, true); }
+int utf16ToUtf8(std::u16string_view in, std::string& out) { return fromUtf16(in, out, false); }
+void utf16ToUtf8Lenient(std::u16string_view in, std::string& out) { fromUtf16(in, out, true); }
+
+int utf32ToUtf8(std::u32string_view in, std::string& out) {
+    const size_t base = out.size();
+    out.resize(base + in.size() * 4);
+    char* o = out.data() + base;
+    int rc = CONV_OK;
+    for (char32_t cp : in) {
+        if (cp > 0x10FFFF) { rc = CONV_TOO_LARGE; break; }
+        if (cp >= 0xD800 && cp <= 0xDFFF) { rc = CONV_SURROGATE; break; }
+        o = putUtf8(o, cp);
+    }
+    out.resize(static_cast<size_t>(o - out.data()));
+    return rc;
+}
+
+}  // namespace kivreg::rt

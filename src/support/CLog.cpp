@@ -1,0 +1,133 @@
+#include "support/CLog.h"
+
+#include <clocale>
+#include <ctime>
+#include <locale.h>
+
+#include "support/CGetStr.h"
+#include "runtime/textconv.h"
+
+namespace kivreg {
+
+void appendUtf8Lenient(std::string& out, std::u16string_view text) {
+    rt::utf16ToUtf8Lenient(text, out);
+}
+
+CLog::CLog() = default;
+
+CLog::CLog(const std::u16string& fileName) : m_fileName(fileName) { openFile(); }
+
+CLog::~CLog() { close(); }
+
+void CLog::setFileName(const std::u16string& fileName) {
+    if (!m_fileName.empty() && m_fileName != fileName) close();
+    // Naming the file that is already open keeps it: reopening would only
+    // produce a second handle on the same file.
+    if (m_fileName == fileName && m_file != nullptr) return;
+    m_fileName = fileName;
+    openFile();
+}
+
+void CLog::openFile() {
+    if (!m_fileName.empty()) {
+        std::string path;
+        appendUtf8Lenient(path, m_fileName);
+        m_file = std::fopen(path.c_str(), "a");
+        if (m_file == nullptr) {
+            std::string msg = "*** Failed to open log file ";
+            msg += path;
+            msg += " ***\n";
+            std::fwrite(msg.data(), 1, msg.size(), stderr);
+            std::fflush(stderr);
+        }
+    }
+    m_entry = false;
+}
+
+void CLog::close() {
+    if (m_file != nullptr) {
+        std::fclose(m_file);
+        m_file = nullptr;
+    }
+}
+
+void CLog::flush() {
+    std::string bytes;
+    bytes.reserve(m_line.size() + 1);
+    appendUtf8Lenient(bytes, m_line);
+    bytes += '\n';
+    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    std::fflush(stdout);
+    if (m_file != nullptr) {
+        std::fwrite(bytes.data(), 1, bytes.size(), m_file);
+        std::fflush(m_file);
+    }
+}
+
+CLog& CLog::operator<<(char16_t c) {
+    m_entry = true;
+    m_line += c;
+    return *this;
+}
+
+CLog& CLog::operator<<(const char16_t* text) {
+    return *this << (text ? std::u16string_view(text) : std::u16string_view());
+}
+
+CLog& CLog::operator<<(std::u16string_view text) {
+    m_entry = true;
+    m_line.append(text);
+    return *this;
+}
+
+CLog& CLog::operator<<(const char* utf8) {
+    m_entry = true;
+    if (utf8 != nullptr) rt::utf8ToUtf16Lenient(utf8, m_line);
+    return *this;
+}
+
+CLog& CLog::operator<<(bool value) { return *this << (value ? u"true" : u"false"); }
+
+template <typename T>
+CLog& CLog::appendNumber(T value) {
+    return *this << CGetStr<T>::get(value);
+}
+
+CLog& CLog::operator<<(int value) { return appendNumber(value); }
+CLog& CLog::operator<<(unsigned int value) { return appendNumber(value); }
+CLog& CLog::operator<<(long value) { return appendNumber(value); }
+CLog& CLog::operator<<(unsigned long value) { return appendNumber(value); }
+CLog& CLog::operator<<(long long value) { return appendNumber(value); }
+CLog& CLog::operator<<(unsigned long long value) { return appendNumber(value); }
+
+CLog& endlog(CLog& log) {
+    log.flush();
+    log.clearBuffer();
+    log.unsetLock();
+    return log;
+}
+
+CLog& timestamp(CLog& log) {
+    // English day and month names whatever locale the host process selected.
+    static locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char buf[30];
+    const size_t n = cLocale ? strftime_l(buf, sizeof buf, "%a %b %d %H:%M:%S %Y", &local, cLocale)
+                             : std::strftime(buf, sizeof buf, "%a %b %d %H:%M:%S %Y", &local);
+    if (n == 0) return log;
+    return log << buf << u' ';
+}
+
+const std::u16string& fileinfo(const char16_t* file, int line) {
+    static std::u16string text;
+    text = u" [";
+    if (file != nullptr) text += file;
+    text += u':';
+    text += CGetStr<int>::get(line);
+    text += u']';
+    return text;
+}
+
+}  // namespace kivreg

@@ -1,0 +1,73 @@
+#pragma once
+// The log stream: every entry goes to standard output and, once a log file is
+// set, is appended to that file too. An entry is composed with << and written
+// as a whole by endlog:   log << timestamp << u"text" << value << endlog;
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace kivreg {
+
+class CLog {
+public:
+    CLog();
+    explicit CLog(const std::u16string& fileName);
+    ~CLog();
+    CLog(const CLog&) = delete;
+    CLog& operator=(const CLog&) = delete;
+
+    void setFileName(const std::u16string& fileName);
+    void openFile(const std::u16string& fileName) { setFileName(fileName); }
+    void openFile();
+    bool isOpen() const { return m_file != nullptr; }
+    void close();
+
+    // Writes the pending line to standard output and the log file.
+    void flush();
+    void clearBuffer() { m_line.clear(); }
+    void setLock() { m_entry = true; }
+    void unsetLock() { m_entry = false; }
+
+    const std::u16string& getFileName() const { return m_fileName; }
+
+    CLog& operator<<(char16_t c);
+    CLog& operator<<(const char16_t* text);
+    CLog& operator<<(std::u16string_view text);
+    CLog& operator<<(const std::u16string& text) { return *this << std::u16string_view(text); }
+    // UTF-8 text from outside the library (system and TLS messages); malformed
+    // bytes are shown as U+FFFD rather than failing the entry.
+    CLog& operator<<(const char* utf8);
+    CLog& operator<<(bool value);
+    CLog& operator<<(int value);
+    CLog& operator<<(unsigned int value);
+    CLog& operator<<(long value);
+    CLog& operator<<(unsigned long value);
+    CLog& operator<<(long long value);
+    CLog& operator<<(unsigned long long value);
+    CLog& operator<<(CLog& (*manipulator)(CLog&)) { return manipulator(*this); }
+    CLog& operator<<(char) = delete;  // would print as a number
+
+private:
+    template <typename T>
+    CLog& appendNumber(T value);
+
+    std::u16string m_line;
+    std::u16string m_fileName;
+    bool m_entry = false;
+    std::FILE* m_file = nullptr;
+};
+
+// Ends an entry: writes it out and starts a new one.
+CLog& endlog(CLog& log);
+// Inserts the local date and time ("Sat Nov 14 12:04:22 2026") and a blank.
+CLog& timestamp(CLog& log);
+
+// " [file:line]" for source positions; the text lives until the next call.
+const std::u16string& fileinfo(const char16_t* file, int line);
+
+// Appends a 16-bit text as UTF-8, writing U+FFFD for unpaired surrogates.
+// For output that must never fail (log lines, prompts).
+void appendUtf8Lenient(std::string& out, std::u16string_view text);
+
+}  // namespace kivreg

@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+
+#include "support/CCConv.h"
+#include "support/CStrTok.h"
+
+namespace kivreg {
+namespace {
+
+const unsigned char* bytes(const std::string& s) {
+    return reinterpret_cast<const unsigned char*>(s.c_str());
+}
+
+std::u16string messageOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const ERegExcept& e) {
+        EXPECT_EQ(e.getExceptionType(), EREG_CONVERSION);
+        return e.getExceptionMsg();
+    }
+    return u"(no exception)";
+}
+
+TEST(CCConv, RoundTripsMixedTextThroughEveryForm) {
+    const std::u16string text = u"ASCII \u00e9\u00df \u6f22\u5b57 \U0001F600\U0010FFFF end";
+    const std::string utf8 = CCConv::toUTF8Str(text);
+    EXPECT_EQ(utf8, "ASCII \xC3\xA9\xC3\x9F \xE6\xBC\xA2\xE5\xAD\x97 \xF0\x9F\x98\x80\xF4\x8F\xBF\xBF end");
+    EXPECT_EQ(CCConv::m_qorRc, 0);
+    EXPECT_EQ(CCConv::fromUTF8Str(utf8), text);
+    EXPECT_EQ(CCConv::convertUTF8toUC(bytes(utf8)), text);
+    EXPECT_EQ(CCConv::Utf8ToUtf16(bytes(utf8), utf8.size()), text);
+    const std::u32string wide = CCConv::toUCS2Str(text);
+    EXPECT_EQ(wide.size(), text.size() - 2);  // two surrogate pairs become two code points
+    EXPECT_EQ(CCConv::fromUCS2Str(wide), text);
+    EXPECT_EQ(CCConv::U4ToUtf8(wide.data(), wide.size()), utf8);
+    EXPECT_EQ(CCConv::getUtf8Bytes(bytes(utf8)), utf8.size());
+    EXPECT_EQ(CCConv::getUtf16Bytes(text.c_str()), text.size() * 2);
+    EXPECT_EQ(CCConv::getU4Bytes(wide.c_str()), wide.size() * 4);
+    EXPECT_EQ(CCConv::fromUCS2Str(U""), u"");
+}
+
+// Every kind of malformed input is refused with the failing call's own text
+// and the service's code, and the code stays in m_qorRc.
+TEST(CCConv, MalformedUtf8IsRefused) {
+    struct Row {
+        const char* name;
+        std::string input;
+        int code;
+    };
+    const Row rows[] = {
+        {"truncated two-byte", "ab\xC3", 1},
+        {"truncated four-byte", "\xF0\x9F\x98", 1},
+        {"lone continuation", "a\x80", 2},
+        {"byte F8", "\xF8\x88\x80\x80\x80", 2},
+        {"byte FF", "x\xFF", 2},
+        {"lead without continuation", "\xE6" "ab", 3},
+        {"overlong slash", "\xC0\xAF", 4},
+        {"overlong NUL", "\xC1\x80", 4},
+        {"overlong three-byte", "\xE0\x80\xAF", 4},
+        {"overlong four-byte", "\xF0\x80\x80\xAF", 4},
+        {"encoded high surrogate", "\xED\xA0\x80", 5},
+        {"encoded low surrogate", "\xED\xBF\xBF", 5},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", 6},
+        {"F5 lead", "\xF5\x80\x80\x80", 6},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::u16string rc = u"RC=" + std::u16string(1, char16_t(u'0' + row.code));
+        EXPECT_EQ(messageOf([&] { CCConv::fromUTF8Str(row.input); }),
+                  u"CCConv::Utf8ToUc: Function 'Utf8nToUcnCP' failed. " + rc);
+        EXPECT_EQ(CCConv::m_qorRc, row.code);
+        EXPECT_EQ(messageOf([&] { CCConv::convertUTF8toUC(bytes(row.input)); }),
+                  u"CCConv::convertUTF8toUC: Function 'Utf8nToUcnCP' failed. " + rc);
+        EXPECT_EQ(messageOf([&] { CCConv::Utf8ToU4(bytes(row.input), row.input.size()); }),
+                  u"CCConv::Utf8ToU4: Function 'Utf8nToU4n' failed. " + rc);
+        EXPECT_EQ(messageOf([&] { CCConv::Utf8ToUtf16(bytes(row.input), row.input.size()); }),
+                  u"CCConv::Utf8ToUtf16: Function 'Utf8nToUtf16n' failed. " + rc);
+    }
+}
+
+TEST(CCConv, LoneSurrogatesInUtf16AreRefused) {
+    struct Row {
+        const char* name;
+        std::u16string input;
+        int code;
+    };
+    const Row rows[] = {
+        {"high at end", std::u16string(u"ab") + char16_t(0xD83D), 1},
+        {"high before letter", std::u16string(1, char16_t(0xD83D)) + u"x", 7},
+        {"low alone", std::u16string(1, char16_t(0xDE00)), 7},
+        {"two highs", std::u16string{char16_t(0xD800), char16_t(0xD800)}, 7},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::u16string rc = u"RC=" + std::u16string(1, char16_t(u'0' + row.code));
+        EXPECT_EQ(messageOf([&] { CCConv::toUTF8Str(row.input); }),
+                  u"CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. " + rc);
+        EXPECT_EQ(CCConv::m_qorRc, row.code);
+        EXPECT_EQ(messageOf([&] { CCConv::convertUCtoUTF8(row.input.c_str()); }),
+                  u"CCConv::convertUCtoUTF8: Function 'UcnToUtf8nCP' failed. " + rc);
+        EXPECT_EQ(messageOf([&] { CCConv::UcToUtf8(row.input.c_str()); }),
+                  u"CCConv::UcToUtf8: Function 'UcnToUtf8nCP' failed. " + rc);
+        EXPECT_EQ(messageOf([&] { CCConv::Utf16ToUtf8(row.input.data(), row.input.size()); }),
+                  u"CCConv::Utf16ToUtf8: Function 'Utf16nToUtf8n' failed. " + rc);
+    }
+    const std::u32string bad[] = {U"\x110000", std::u32string(1, char32_t(0xD800))};
+    EXPECT_EQ(messageOf([&] { CCConv::U4ToUtf8(bad[0].data(), 1); }),
+              u"CCConv::U4ToUtf8: Function 'U4nToUtf8n' failed. RC=6");
+    EXPECT_EQ(messageOf([&] { CCConv::fromUCS2Str(bad[1]); }),
+              u"CCConv::U4ToUtf8: Function 'U4nToUtf8n' failed. RC=5");
+}
+
+TEST(CCConv, SuccessResetsTheCode) {
+    EXPECT_THROW(CCConv::fromUTF8Str(std::string("\xFF")), ERegExcept);
+    EXPECT_NE(CCConv::m_qorRc, 0);
+    EXPECT_EQ(CCConv::fromUTF8Str(std::string("ok")), u"ok");
+    EXPECT_EQ(CCConv::m_qorRc, 0);
+}
+
+TEST(CCConv, TrimAndCondense) {
+    EXPECT_EQ(CCConv::trim(u"   "), u"");
+    EXPECT_EQ(CCConv::trim(u"\ta "), u"\ta");
+    EXPECT_EQ(CCConv::trim(u"  x y  "), u"x y");
+    EXPECT_EQ(CCConv::trim(u"--a--", u"-"), u"-a-");
+    EXPECT_EQ(CCConv::trim(u"ab", u"abc"), u"ab");
+    EXPECT_EQ(CCConv::condense(u"  a    b  "), u"a b");
+    EXPECT_EQ(CCConv::condense(u"a\t\tb"), u"a\t\tb");
+}
+
+TEST(CCConv, SubstituteAll) {
+    struct Row {
+        std::u16string s, search, repl, expected;
+    };
+    const Row rows[] = {
+        {u"aaa", u"a", u"aa", u"aaaaaa"},
+        {u"", u"", u"x", u"x"},
+        {u"abc", u"", u"x", u"abc"},
+        {u"abc", u"abc", u"", u""},
+        {u"${h}:${h}", u"${h}", u"host", u"host:host"},
+        {u"xyz", u"q", u"w", u"xyz"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(CCConv::stringSubstituteAll(r.s, r.search, r.repl), r.expected);
+    }
+}
+
+TEST(CCConv, ChopSplitsAtTheFirstDelimiter) {
+    std::u16string left = u"keep", right = u"keep";
+    EXPECT_FALSE(CCConv::chop(u"abc", u"=", left, right));
+    EXPECT_FALSE(CCConv::chop(u"a", u"==", left, right));
+    EXPECT_EQ(left, u"keep");
+    EXPECT_TRUE(CCConv::chop(u"user=a=b", u"=", left, right));
+    EXPECT_EQ(left, u"user");
+    EXPECT_EQ(right, u"a=b");
+    EXPECT_TRUE(CCConv::chop(u"=", u"=", left, right));
+    EXPECT_EQ(left, u"");
+    EXPECT_EQ(right, u"");
+}
+
+TEST(CStrTok, CollapsesDelimiterRunsAndSplits) {
+    CStrTok tok(u"a,,b,,,c", u",");
+    EXPECT_EQ(tok.remainingString(), u"a,b,c");
+    std::vector<std::u16string> parts;
+    while (tok.hasMoreTokens()) parts.push_back(tok.nextToken());
+    EXPECT_EQ(parts, (std::vector<std::u16string>{u"a", u"b", u"c"}));
+    CStrTok blanks(u"one two");
+    EXPECT_EQ(blanks.nextToken(), u"one");
+    EXPECT_EQ(blanks.nextToken(), u"two");
+    EXPECT_FALSE(blanks.hasMoreTokens());
+}
+
+}  // namespace
+}  // namespace kivreg

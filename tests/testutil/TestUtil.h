@@ -1,0 +1,58 @@
+#pragma once
+// Helpers shared by the test programs.
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/CLog.h"
+
+namespace kivreg::test {
+
+// A fresh directory under the system's temporary directory, removed with its
+// contents when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return m_path; }
+    std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& bytes);
+
+std::u16string u16(const std::string& utf8);
+std::string u8(const std::u16string& text);
+std::u16string u16(const std::filesystem::path& path);
+
+// A CLog whose entries are also appended to a file, so that a test can read
+// back what was logged. messages() returns the entries without their time stamp.
+class LogCapture {
+public:
+    LogCapture();
+    CLog& log() { return *m_log; }
+    CLog* operator->() { return m_log.get(); }
+    operator CLog*() { return m_log.get(); }
+    // Every line of the log file since the capture began.
+    std::vector<std::string> lines() const;
+    // The same lines with the leading "Sat Nov 14 12:04:22 2026 " removed.
+    std::vector<std::string> messages() const;
+    // All messages joined with "\n", for substring checks.
+    std::string text() const;
+
+private:
+    TempDir m_dir;
+    std::unique_ptr<CLog> m_log;
+};
+
+// Removes a leading log time stamp ("Www Mmm dd hh:mm:ss yyyy ") if present.
+std::string stripTimestamp(const std::string& line);
+
+}  // namespace kivreg::test
