@@ -1,0 +1,125 @@
+#pragma once
+// The connection store: the HTTP connection settings (user, password, host,
+// port, HTTPS switch) kept in a DES-encrypted connection file, under either
+// the built-in key or a random key written beside it in "<file>.key".
+//
+// Files are written in the binary form (header 15 0C 13 3B, then the cipher
+// text); files of earlier releases, held as 16-bit text, are still read.
+// Nothing here writes a value to the log: messages name files only.
+
+#include <array>
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/CLog.h"
+
+namespace kivreg {
+
+class CSecStore {
+public:
+    using Entries = std::map<std::u16string, std::u16string>;
+    using Bytes = std::vector<unsigned char>;
+
+    static const std::u16string ms_sep;  // ends every entry in the plain text
+    static const std::u16string ms_eq;   // separates key and value
+    static constexpr size_t ms_keyLen = 8;
+    static constexpr int ms_maxKeyValue = 255;
+    static const unsigned char ms_key[ms_keyLen];  // the built-in key
+    static constexpr size_t utf8_header_size = 4;
+    static const unsigned char utf8_header[utf8_header_size];
+
+    // Built-in key.
+    CSecStore(CLog* log, const std::u16string& fileName);
+    // With useKeyFile a random key is generated at once.
+    CSecStore(CLog* log, const std::u16string& fileName, bool useKeyFile);
+    ~CSecStore();
+    CSecStore(const CSecStore&) = delete;
+    CSecStore& operator=(const CSecStore&) = delete;
+
+    // Keeps an existing value: the first add of a key wins.
+    void add(const std::u16string& key, const std::u16string& value);
+    // Empty when the key is absent.
+    std::u16string get(const std::u16string& key) const;
+    void remove(const std::u16string& key);
+    const Entries& getAll() const { return m_entries; }
+
+    // Moves earlier files aside, then writes the connection file (and the key
+    // file when one is used). False, with a log line, on any failure.
+    bool store();
+    // Reads the connection file, with the key of the key file when one lies
+    // beside it. On failure the entries are left empty.
+    bool fetch();
+
+    // Renames an existing connection file, and key file when one is used,
+    // aside under a time-stamped name.
+    bool renameOnDemand();
+    // Renames `path` to "<path>.<stamp>" (".1", ".2", ... appended when that
+    // name is taken). A file that cannot be opened counts as done.
+    bool unifyFile(const std::u16string& path);
+    bool unifyFile(const std::u16string& path, const std::u16string& stamp);
+    // Local time as "%Y%m%d%H%M%S".
+    static std::u16string getFileUnifier();
+
+    bool usesKeyFile() const { return m_useKeyFile; }
+    // Generates a random key if none is held, then uses a key file.
+    void setKeyFile();
+    // Drops the random key and returns to the built-in key.
+    void unsetKeyFile();
+    const std::u16string& getFileName() const { return m_fileName; }
+    std::u16string getKeyFileName() const { return m_fileName + u".key"; }
+
+    // The random key: from the operating system's random source.
+    void generateKey();
+    // The old text form of the key: one 16-bit unit per key byte. Empty when
+    // no random key is held.
+    std::u16string getRandKeyString() const;
+    // Takes the low byte of each of exactly ms_keyLen units; false otherwise.
+    bool setRandKey(const std::u16string& keyText);
+    void setRandKeyBinary(const unsigned char* key);
+    // Null when no random key is held.
+    const unsigned char* getRandKeyBinary() const;
+
+    // The old text form: bytes of the 16-bit text (high byte first), encrypted,
+    // written as nibble text and packed two characters to a unit.
+    static std::u16string encrypt(const std::u16string& text, const unsigned char* key);
+    static std::u16string decrypt(const std::u16string& text, const unsigned char* key);
+    // The binary form: a copy of the data, encrypted in place; same length.
+    static Bytes encryptBinary(const unsigned char* data, size_t size, const unsigned char* key);
+    static Bytes decryptBinary(const unsigned char* data, size_t size, const unsigned char* key);
+
+    // Four blanks, then per byte the low and the high nibble plus 0x20.
+    static std::string encodeBytes(const Bytes& bytes);
+    // Nothing when the four leading blanks are missing.
+    static std::optional<Bytes> decodeBytes(std::string_view text);
+
+    // "key=value;" for every entry in key order.
+    std::u16string mapToString() const;
+    // Replaces the entries by those of a plain text.
+    void stringToMap(const std::u16string& text);
+
+    // Whole-file input and output. The 16-bit text forms hold units in the
+    // machine's byte order, ended by the first zero unit.
+    static std::optional<std::u16string> readFile(const std::u16string& path);
+    static bool writeFile(const std::u16string& path, const std::u16string& text);
+    // The bytes behind the header; nothing when the file cannot be read, is
+    // shorter than the header or does not begin with it.
+    static std::optional<Bytes> readFileBinary(const std::u16string& path);
+    static bool writeFileBinary(const std::u16string& path, const Bytes& payload);
+
+private:
+    const unsigned char* activeKey() const;
+    bool readKeyFile();
+    bool fetchOldForm(const unsigned char* key);
+
+    CLog* m_log;
+    std::u16string m_fileName;
+    Entries m_entries;
+    std::optional<std::array<unsigned char, ms_keyLen>> m_randKey;
+    bool m_useKeyFile = false;
+};
+
+}  // namespace kivreg
