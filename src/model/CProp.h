@@ -1,0 +1,49 @@
+#pragma once
+// A property of an instance: a name, a free-text source format and its values.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/CBaseElem.h"
+
+namespace kivreg {
+
+class CProp : public CBaseElem {
+public:
+    using ValueList = std::vector<std::u16string>;
+
+    CProp() = default;
+    explicit CProp(std::u16string name) : m_name(std::move(name)) {}
+    explicit CProp(const CProp* other) : CProp(*other) {}
+
+    const std::u16string& getName() const { return m_name; }
+    const std::u16string& getSourceformat() const { return m_sourceformat; }
+    void setSourceformat(std::u16string format) { m_sourceformat = std::move(format); }
+
+    void addValue(std::u16string value) { m_values.push_back(std::move(value)); }
+    void setValues(ValueList values) { m_values = std::move(values); }
+    size_t getValueCount() const { return m_values.size(); }
+    ValueList::const_iterator getValueIterator() const { return m_values.begin(); }
+    ValueList::const_iterator getValueEnd() const { return m_values.end(); }
+    ValueList::iterator getValueChangeIterator() { return m_values.begin(); }
+    ValueList::iterator getValueChangeEnd() { return m_values.end(); }
+    const ValueList& values() const { return m_values; }
+
+    // True when the property has no name; the values do not count.
+    bool isEmpty() const { return m_name.empty(); }
+
+    void appendXml(std::u16string& out) const override;
+
+    // The five markup characters of a value replaced by their entities;
+    // everything else, an existing entity included, is copied as it is.
+    static std::u16string escapeXML(std::u16string_view value);
+    static void appendEscaped(std::u16string& out, std::u16string_view value);
+
+private:
+    std::u16string m_name;
+    std::u16string m_sourceformat;
+    ValueList m_values;
+};
+
+}  // namespace kivreg

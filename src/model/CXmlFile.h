@@ -1,0 +1,144 @@
+#pragma once
+// The supplier's input document and the root of the model: loading from a
+// file, a string or standard input, symbol replacement, reference
+// validation, the transfer bodies and the data trace dump.
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "model/CGroup.h"
+#include "model/PSymbols.h"
+
+namespace kivreg {
+
+class CLog;
+
+namespace rt {
+class XmlDocument;
+class XmlElement;
+class XmlInputStream;
+class XmlParser;
+}  // namespace rt
+
+class CXmlFile {
+public:
+    using GroupList = std::vector<CGroup>;
+
+    // Element and attribute names of the input vocabulary.
+    static constexpr std::string_view ms_tagKivInfo = "kivinfo";
+    static constexpr std::string_view ms_tagGroup = "group";
+    static constexpr std::string_view ms_tagClass = "class";
+    static constexpr std::string_view ms_tagRootClass = "rootclass";
+    static constexpr std::string_view ms_tagMemberClass = "memberclass";
+    static constexpr std::string_view ms_tagInstance = "instance";
+    static constexpr std::string_view ms_tagProperty = "property";
+    static constexpr std::string_view ms_tagValue = "value";
+    static constexpr std::string_view ms_tagReference = "reference";
+    static constexpr std::string_view ms_attrSupplierName = "supplier_name";
+    static constexpr std::string_view ms_attrSupplierVersion = "supplier_version";
+    static constexpr std::string_view ms_attrSupplierVendor = "supplier_vendor";
+    static constexpr std::string_view ms_attrModelVersion = "model_version";
+    static constexpr std::string_view ms_attrName = "name";
+    static constexpr std::string_view ms_attrDataType = "data_type";
+    static constexpr std::string_view ms_attrDataVersion = "data_version";
+    static constexpr std::string_view ms_attrGroupType = "group_type";
+    static constexpr std::string_view ms_attrSync = "sync";
+    static constexpr std::string_view ms_attrMergeProperties = "merge_properties";
+    static constexpr std::string_view ms_attrClean = "clean";
+    static constexpr std::string_view ms_attrMergeRoots = "merge_roots";
+    static constexpr std::string_view ms_attrAssocName = "association_name";
+    static constexpr std::string_view ms_attrRootRole = "root_role";
+    static constexpr std::string_view ms_attrMemberRole = "member_role";
+    static constexpr std::string_view ms_attrMergeMembers = "merge_members";
+    static constexpr std::string_view ms_attrOptional = "optional";
+    static constexpr std::string_view ms_attrMergeAssocClass = "mergeAssocClass";
+    static constexpr std::string_view ms_attrMergeRootClass = "mergeRootClass";
+    static constexpr std::string_view ms_attrMergeMemberClass = "mergeMemberClass";
+    static constexpr std::string_view ms_attrInstId = "inst_id";
+    static constexpr std::string_view ms_attrSourceformat = "sourceformat";
+    static constexpr std::string_view ms_attrRoleName = "rolename";
+    static constexpr std::string_view ms_attrGroupName = "groupname";
+    static constexpr std::string_view ms_attrClassName = "classname";
+    static constexpr std::string_view ms_attrTypeId = "typeid";
+    static constexpr std::string_view ms_attrVersionId = "versionid";
+
+    static constexpr std::u16string_view GENERIC_GROUP_TYPE = u"GENERIC";
+    static constexpr std::u16string_view SPECIFIC_GROUP_TYPE = u"SPECIFIC";
+    static constexpr std::u16string_view TRUE_VALUE = u"TRUE";
+    static constexpr std::u16string_view FALSE_VALUE = u"FALSE";
+    static constexpr std::u16string_view CLEAN_NONE = u"NONE";
+    static constexpr std::u16string_view CLEAN_LONE = u"LONE";
+    static constexpr std::u16string_view CLEAN_ALL = u"ALL";
+
+    // Reads standard input.
+    explicit CXmlFile(CLog* log);
+    // Reads the file; an empty name reads standard input.
+    CXmlFile(CLog* log, const std::u16string& fileName);
+    // Parses the text handed in; the integer only selects this overload.
+    CXmlFile(CLog* log, const std::u16string& data, int);
+
+    bool load();
+    bool load(const std::u16string& data);
+    // The whole of standard input; its last character comes out twice.
+    static std::u16string getStdin();
+    // A value text without line breaks, tabs as blanks, blank runs condensed.
+    static std::u16string trimValue(std::u16string_view text);
+
+    bool isLoaded() const { return m_loaded; }
+    const std::u16string& getSupplierName() const { return m_supplierName; }
+    const std::u16string& getSupplierVersion() const { return m_supplierVersion; }
+    const std::u16string& getSupplierVendor() const { return m_supplierVendor; }
+    const std::u16string& getModelVersion() const { return m_modelVersion; }
+    const std::u16string& getFileName() const { return m_fileName; }
+
+    GroupList::const_iterator getGroupIterator() const { return m_groups.begin(); }
+    GroupList::const_iterator getGroupEnd() const { return m_groups.end(); }
+    GroupList::iterator getGroupChangeIterator() { return m_groups.begin(); }
+    GroupList::iterator getGroupChangeEnd() { return m_groups.end(); }
+    const GroupList& groups() const { return m_groups; }
+    // The group a reference to this name resolves to (the last of that name).
+    const CGroup* findGroup(const std::u16string& name) const;
+    bool hasGroupOfType(const std::u16string& type) const;
+
+    void setSymbols(const PSymbols& symbols) { m_symbols = symbols; }
+    const PSymbols& getSymbols() const { return m_symbols; }
+    void replaceSymbols();
+
+    bool validateReferences() const;
+
+    void setOldTransferDtd(bool on) { m_oldTransferDtd = on; }
+    bool useOldTransferDtd() const { return m_oldTransferDtd; }
+    // The transfer body, built at the first call and kept from then on.
+    const std::u16string& getBody();
+    void createBody();
+    void createBodyOld();
+
+    // Writes the whole model to the log.
+    void write2File() const;
+
+private:
+    bool loadStream(rt::XmlInputStream& in);
+    void doLoad(rt::XmlParser& parser, rt::XmlInputStream& in);
+    bool parse(const rt::XmlDocument& doc, std::u16string& errorText);
+    bool processGroup(const rt::XmlElement& elem, CGroup& group);
+    bool processClass(const rt::XmlElement& elem, int type, CClass& cls);
+    CInst processInstance(const rt::XmlElement& elem);
+    void addGroup(CGroup&& group);
+
+    GroupList m_groups;
+    std::unordered_map<std::u16string, size_t> m_groupsByName;  // index into m_groups
+    CLog* m_log;
+    bool m_loaded = false;
+    std::u16string m_fileName;
+    std::u16string m_body;
+    std::u16string m_supplierName;
+    std::u16string m_supplierVersion;
+    std::u16string m_supplierVendor;
+    std::u16string m_modelVersion;
+    bool m_oldTransferDtd = false;
+    PSymbols m_symbols;
+};
+
+}  // namespace kivreg

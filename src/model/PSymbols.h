@@ -1,0 +1,77 @@
+#pragma once
+// The symbol table: name/value pairs read from symbol files, and the
+// replacement of "${name}" placeholders in texts.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kivreg {
+
+class CLog;
+
+class PSymbols {
+public:
+    class PSymbol {
+    public:
+        PSymbol(std::u16string name, std::u16string value)
+            : m_name(std::move(name)), m_value(std::move(value)) {}
+        explicit PSymbol(const PSymbol* other) : PSymbol(*other) {}
+
+        const std::u16string& getName() const { return m_name; }
+        const std::u16string& getValue() const { return m_value; }
+        void setName(std::u16string name) { m_name = std::move(name); }
+        void setValue(std::u16string value) { m_value = std::move(value); }
+
+    private:
+        std::u16string m_name;
+        std::u16string m_value;
+    };
+
+    static constexpr std::u16string_view symbol_start = u"${";
+    static constexpr std::u16string_view symbol_end = u"}";
+    // A value may name other symbols; resolution stops after this many passes.
+    static constexpr int MAX_PASSES = 100;
+    // Longer lines of a symbol file are taken in pieces of this many units.
+    static constexpr size_t MAX_LINE = 65535;
+
+    // Results of addSymbol/addSymbols.
+    static constexpr int RC_OK = 1;
+    static constexpr int RC_NO_MEMORY = -1;
+    static constexpr int RC_SYNTAX = -2;
+    static constexpr int RC_OPEN_FAILED = -10;
+    static constexpr int RC_READ_FAILED = -11;
+
+    explicit PSymbols(CLog* log) : m_log(log) {}
+
+    // Reads a UTF-8 symbol file: 1, -10 (cannot open), -11 (read error or
+    // malformed text), or the first failing line's code.
+    int addSymbols(const std::u16string& fileName);
+    // One line of a symbol file: 1 (defined or skipped), -1, -2.
+    int addSymbol(const char16_t* line);
+    int addSymbol(std::u16string_view line);
+    // Replaces every symbol of that name; the new one goes to the end.
+    void addSymbol(const std::u16string& name, const std::u16string& value);
+    void removeSymbol(const std::u16string& name);
+
+    std::u16string getSymbolValue(const std::u16string& name) const;
+    std::u16string getSymbolValueIgnCase(std::u16string name) const;
+    size_t getSymbolCount() const { return m_symbols.size(); }
+    const std::vector<PSymbol>& symbols() const { return m_symbols; }
+
+    static bool checkSymbolFile(const std::u16string& fileName);
+    static const char16_t* maskLeadingBlanks(const char16_t* s);
+    static void trimTrailingBlanks(char16_t* s);
+    static char16_t convertToLower(char16_t c);
+
+    void printSymbols() const;
+    std::u16string replaceSymbols(const std::u16string& text) const;
+    // Replaces in place; false (text untouched) when nothing changed.
+    bool replaceSymbolsInPlace(std::u16string& text) const;
+
+private:
+    CLog* m_log;
+    std::vector<PSymbol> m_symbols;
+};
+
+}  // namespace kivreg
