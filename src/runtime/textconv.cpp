@@ -86,6 +86,22 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
         if (p == end) break;
         char32_t cp;
         size_t len;
+        // Well-formed two- and three-byte forms outside the surrogate range
+        // take the short path; everything else goes through the full checks.
+        const unsigned char b0 = p[0];
+        if (b0 >= 0xC2 && b0 < 0xE0 && end - p >= 2 && isContinuation(p[1])) {
+            cp = (char32_t(b0 & 0x1F) << 6) | (p[1] & 0x3F);
+            p += 2;
+            *o++ = static_cast<Unit>(cp);
+            continue;
+        }
+        if (b0 >= 0xE1 && b0 < 0xF0 && b0 != 0xED && end - p >= 3 && isContinuation(p[1]) &&
+            isContinuation(p[2])) {
+            cp = (char32_t(b0 & 0x0F) << 12) | (char32_t(p[1] & 0x3F) << 6) | (p[2] & 0x3F);
+            p += 3;
+            *o++ = static_cast<Unit>(cp);
+            continue;
+        }
         const int r = decodeMultiByte(p, end, cp, len);
         if (r != CONV_OK) {
             if (!lenient) { rc = r; break; }
