@@ -15,17 +15,27 @@ public:
     class PSymbol {
     public:
         PSymbol(std::u16string name, std::u16string value)
-            : m_name(std::move(name)), m_value(std::move(value)) {}
+            : m_name(std::move(name)), m_value(std::move(value)) {
+            makePlaceholder();
+        }
         explicit PSymbol(const PSymbol* other) : PSymbol(*other) {}
 
         const std::u16string& getName() const { return m_name; }
         const std::u16string& getValue() const { return m_value; }
-        void setName(std::u16string name) { m_name = std::move(name); }
+        // "${name}", kept so that replacing in many texts builds it once.
+        const std::u16string& getPlaceholder() const { return m_placeholder; }
+        void setName(std::u16string name) {
+            m_name = std::move(name);
+            makePlaceholder();
+        }
         void setValue(std::u16string value) { m_value = std::move(value); }
 
     private:
+        void makePlaceholder();
+
         std::u16string m_name;
         std::u16string m_value;
+        std::u16string m_placeholder;
     };
 
     static constexpr std::u16string_view symbol_start = u"${";

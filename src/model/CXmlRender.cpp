@@ -1,0 +1,163 @@
+// The two transfer bodies and the data trace dump.
+
+#include "model/CClassicXml.h"
+#include "model/CXmlFile.h"
+#include "support/CLog.h"
+
+namespace kivreg {
+
+// ---- transfer document
+
+const std::u16string& CXmlFile::getBody() {
+    if (m_body.empty()) {
+        if (m_oldTransferDtd)
+            createBodyOld();
+        else
+            createBody();
+    }
+    return m_body;
+}
+
+void CXmlFile::createBody() {
+    m_body.clear();
+    if (m_oldTransferDtd) return;
+    std::u16string& out = m_body;
+    out += u"<kivinfo supplier_name=\"";
+    out += m_supplierName;
+    out += u'"';
+    auto optional = [&](const char16_t* name, const std::u16string& value) {
+        if (value.empty()) return;
+        out += name;
+        out += value;
+        out += u'"';
+    };
+    optional(u" supplier_version=\"", m_supplierVersion);
+    optional(u" supplier_vendor=\"", m_supplierVendor);
+    optional(u" model_version=\"", m_modelVersion);
+    out += u'>';
+    for (const CGroup& g : m_groups) g.appendXml(out);
+    out += u"</kivinfo>";
+}
+
+void CXmlFile::createBodyOld() {
+    m_body.clear();
+    if (!m_oldTransferDtd) return;
+    CClassicXml classic(m_supplierName, m_supplierVersion, this);
+    m_body = std::move(classic).takeXml();
+}
+
+// ---- old transfer document
+
+void CClassicXml::reset(std::u16string type, std::u16string version, const CXmlFile* file) {
+    m_type = std::move(type);
+    m_version = std::move(version);
+    m_file = file;
+    m_text.clear();
+}
+
+void CClassicXml::parse() {
+    std::u16string& out = m_text;
+    out.clear();
+    out += u"<qordata type=\"";
+    out += m_type;
+    out += u"\" version=\"";
+    out += m_version;
+    out += u"\">";
+    if (m_file != nullptr) {
+        for (const CGroup& g : m_file->groups()) {
+            for (const CClass& c : g.classes()) {
+                for (const CInst& inst : c.instances()) {
+                    out += u"<instance classname=\"";
+                    out += c.getName();
+                    out += u'"';
+                    if (!inst.getId().empty()) {
+                        out += u" inst_id=\"";
+                        out += inst.getId();
+                        out += u'"';
+                    }
+                    out += u'>';
+                    for (const auto& [name, prop] : inst.properties()) {
+                        out += u"<property name=\"";
+                        out += name;
+                        out += u"\">";
+                        for (const std::u16string& v : prop.values()) {
+                            out += u"<value>";
+                            out += v;
+                            out += u"</value>";
+                        }
+                        out += u"</property>";
+                    }
+                    for (const auto& [role, ref] : inst.references()) {
+                        out += u"<reference rolename=\"";
+                        out += role;
+                        out += u"\" classname=\"";
+                        out += ref.getClassName();
+                        out += u"\" inst_id=\"";
+                        out += ref.getInstId();
+                        out += u"\"/>";
+                    }
+                    out += u"</instance>";
+                }
+            }
+        }
+    }
+    out += u"</qordata>";
+}
+
+const std::u16string& CClassicXml::getXml() {
+    if (m_text.empty()) parse();
+    return m_text;
+}
+
+std::u16string CClassicXml::takeXml() && {
+    getXml();
+    return std::move(m_text);
+}
+
+// ---- data trace
+
+void CXmlFile::write2File() const {
+    CLog& log = *m_log;
+    log << timestamp << u"Supplier Name: " << m_supplierName << endlog;
+    log << timestamp << u"Supplier Version: " << m_supplierVersion << endlog;
+    log << timestamp << u"Supplier Vendor: " << m_supplierVendor << endlog;
+    log << timestamp << u"Model Version: " << m_modelVersion << endlog;
+    auto attributes = [&](const CBaseElem& elem) {
+        for (const CAttr& a : elem.attributes())
+            log << timestamp << u"  Attribute: " << a.getName() << u": " << a.getValue() << endlog;
+    };
+    std::u16string escaped;
+    for (const CGroup& g : m_groups) {
+        log << timestamp << u"Group Name: " << g.getName() << u"[Class count: "
+            << g.getClassCount() << u"]" << endlog;
+        attributes(g);
+        for (const CClass& c : g.classes()) {
+            log << timestamp << c.getType() << u" name: " << c.getName() << u"[Instances count: "
+                << c.getInstanceCount() << u"]" << endlog;
+            attributes(c);
+            size_t number = 0;
+            for (const CInst& inst : c.instances()) {
+                log << timestamp << u"  Instance Number: " << number++ << endlog;
+                for (const auto& [name, prop] : inst.properties()) {
+                    log << timestamp << u"    Property: " << name << endlog;
+                    if (!prop.getSourceformat().empty())
+                        log << timestamp << u"      Source format: " << prop.getSourceformat()
+                            << endlog;
+                    for (const std::u16string& v : prop.values()) {
+                        log << timestamp << u"      Parsed Value: " << v << endlog;
+                        escaped.clear();
+                        CProp::appendEscaped(escaped, v);
+                        log << timestamp << u"      Output Value: " << escaped << endlog;
+                    }
+                }
+                for (const auto& [role, ref] : inst.references()) {
+                    log << timestamp << u"    Reference (role): " << role << endlog;
+                    log << timestamp << u"      Group/Class/instId  : " << ref.getGroupName() << u"/"
+                        << ref.getClassName() << u"/" << ref.getInstId() << endlog;
+                }
+            }
+        }
+    }
+}
+
+}  // namespace kivreg
