@@ -1,9 +1,7 @@
 #include "secstore/CGetPass.h"
 
 #include <openssl/crypto.h>
-#include <stdio_ext.h>
 #include <termios.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -29,65 +27,50 @@ TermState& term() {
     return state;
 }
 
-// Drops what stdio holds of a line read earlier (typically its line end);
-// input still queued at the terminal stays for the next read.
-void flushStdin() { __fpurge(stdin); }
+// Syncs standard input with its file. Where the input cannot seek (terminal,
+// pipe) stdio keeps what it has read ahead, so keys typed early are not lost.
+void flushStdin() { std::fflush(stdin); }
+
+// One byte, or -1 at the end of the input.
+int byte() {
+    for (;;) {
+        const int c = std::getc(stdin);
+        if (c != EOF) return c;
+        if (!std::ferror(stdin) || errno != EINTR) return -1;
+        std::clearerr(stdin);
+    }
+}
 
 void show(const char* text) {
     std::fputs(text, stdout);
     std::fflush(stdout);
 }
 
-// Key presses straight from descriptor 0, one byte per read, so that nothing
-// beyond the last key taken is consumed. UTF-8 sequences become one
-// character; a byte that cannot start one is taken as a Latin-1 character.
-class KeyReader {
-public:
-    // The next character, or -1 at the end of the input.
-    long next() {
-        const int lead = byte();
-        if (lead < 0x80) return lead;
-        const int extra = lead >= 0xF0 && lead <= 0xF4   ? 3
-                          : lead >= 0xE0 && lead <= 0xEF ? 2
-                          : lead >= 0xC2 && lead <= 0xDF ? 1
-                                                         : 0;
-        if (extra == 0) return lead;
-        long cp = lead & (0x3F >> extra);
-        for (int i = 0; i < extra; ++i) {
-            const int c = byte();
-            if (c < 0 || (c & 0xC0) != 0x80) {
-                m_pending = c;
-                return REPLACEMENT;
-            }
-            cp = cp << 6 | (c & 0x3F);
-        }
-        const long least[] = {0, 0x80, 0x800, 0x10000};
-        if (cp < least[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+// Key presses from standard input through stdio, like every other reader of
+// it in the process. UTF-8 sequences become one character; a byte that cannot
+// start one is taken as a Latin-1 character.
+long nextKey() {
+    constexpr long REPLACEMENT = 0xFFFD;
+    const int lead = byte();
+    if (lead < 0x80) return lead;
+    const int extra = lead >= 0xF0 && lead <= 0xF4   ? 3
+                      : lead >= 0xE0 && lead <= 0xEF ? 2
+                      : lead >= 0xC2 && lead <= 0xDF ? 1
+                                                     : 0;
+    if (extra == 0) return lead;
+    long cp = lead & (0x3F >> extra);
+    for (int i = 0; i < extra; ++i) {
+        const int c = byte();
+        if (c < 0 || (c & 0xC0) != 0x80) {
+            if (c >= 0) std::ungetc(c, stdin);  // it starts the next key
             return REPLACEMENT;
-        return cp;
-    }
-
-private:
-    static constexpr long REPLACEMENT = 0xFFFD;
-
-    int byte() {
-        if (m_pending != NONE) {
-            const int b = m_pending;
-            m_pending = NONE;
-            return b;
         }
-        unsigned char c;
-        for (;;) {
-            const ssize_t n = ::read(0, &c, 1);
-            if (n == 1) return c;
-            if (n < 0 && errno == EINTR) continue;
-            return -1;
-        }
+        cp = cp << 6 | (c & 0x3F);
     }
-
-    static constexpr int NONE = -2;
-    int m_pending = NONE;
-};
+    const long least[] = {0, 0x80, 0x800, 0x10000};
+    if (cp < least[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return REPLACEMENT;
+    return cp;
+}
 
 bool isSurrogatePairEnd(const char16_t* text, size_t len) {
     return len >= 2 && text[len - 1] >= 0xDC00 && text[len - 1] <= 0xDFFF &&
@@ -129,9 +112,8 @@ void CGetPass::getHiddenInput(char16_t* buffer) {
     constexpr size_t limit = MAX_INPUT_LEN;
     size_t len = 0;
     int emptyEnters = 0;
-    KeyReader keys;
     for (;;) {
-        const long c = keys.next();
+        const long c = nextKey();
         if (c < 0) break;
         if (c == '\f') continue;
         if (c == '\b') {

@@ -83,6 +83,12 @@ std::optional<std::string> readAll(const Fd& fd) {
     }
 }
 
+std::optional<std::string> readWhole(const std::u16string& path) {
+    const Fd fd = openForReading(path);
+    if (!fd.ok()) return std::nullopt;
+    return readAll(fd);
+}
+
 bool writeAll(const Fd& fd, const void* data, size_t size) {
     const char* p = static_cast<const char*>(data);
     while (size > 0) {
@@ -320,9 +326,7 @@ void CSecStore::stringToMap(const std::u16string& text) {
 }
 
 std::optional<std::u16string> CSecStore::readFile(const std::u16string& path) {
-    const Fd fd = openForReading(path);
-    if (!fd.ok()) return std::nullopt;
-    const std::optional<std::string> bytes = readAll(fd);
+    const std::optional<std::string> bytes = readWhole(path);
     if (!bytes) return std::nullopt;
     return unitsOf(*bytes);
 }
@@ -335,9 +339,7 @@ bool CSecStore::writeFile(const std::u16string& path, const std::u16string& text
 }
 
 std::optional<CSecStore::Bytes> CSecStore::readFileBinary(const std::u16string& path) {
-    const Fd fd = openForReading(path);
-    if (!fd.ok()) return std::nullopt;
-    const std::optional<std::string> bytes = readAll(fd);
+    const std::optional<std::string> bytes = readWhole(path);
     if (!bytes) return std::nullopt;
     return payloadBehindHeader(*bytes);
 }

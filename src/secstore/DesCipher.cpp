@@ -26,20 +26,20 @@ DesCipher::DesCipher(const unsigned char* key) : m_schedule(std::make_unique<Sch
 
 DesCipher::~DesCipher() { OPENSSL_cleanse(&m_schedule->ks, sizeof m_schedule->ks); }
 
-void DesCipher::encryptBlock(const unsigned char* in, unsigned char* out) const {
+void DesCipher::crypt(const unsigned char* in, unsigned char* out, bool encrypting) const {
     DES_cblock src;
     DES_cblock dst;
     std::memcpy(src, in, BLOCK);
-    DES_ecb_encrypt(&src, &dst, &m_schedule->ks, DES_ENCRYPT);
+    DES_ecb_encrypt(&src, &dst, &m_schedule->ks, encrypting ? DES_ENCRYPT : DES_DECRYPT);
     std::memcpy(out, dst, BLOCK);
 }
 
+void DesCipher::encryptBlock(const unsigned char* in, unsigned char* out) const {
+    crypt(in, out, true);
+}
+
 void DesCipher::decryptBlock(const unsigned char* in, unsigned char* out) const {
-    DES_cblock src;
-    DES_cblock dst;
-    std::memcpy(src, in, BLOCK);
-    DES_ecb_encrypt(&src, &dst, &m_schedule->ks, DES_DECRYPT);
-    std::memcpy(out, dst, BLOCK);
+    crypt(in, out, false);
 }
 
 void DesCipher::xorTail(unsigned char* tail, size_t size,

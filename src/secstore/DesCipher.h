@@ -27,6 +27,7 @@ public:
     void decrypt(unsigned char* data, size_t size) const;
 
 private:
+    void crypt(const unsigned char* in, unsigned char* out, bool encrypting) const;
     void xorTail(unsigned char* tail, size_t size, const unsigned char* lastCipherBlock) const;
 
     // The key schedule; opaque so that the deprecated header stays in the one

@@ -280,5 +280,20 @@ TEST(CGetPass, PipedInputIsStillRead) {
     EXPECT_TRUE(kb.exitedCleanly());
 }
 
+// Visible and hidden reads share one stdio stream: a line read ahead with the
+// first answer is not lost to the password.
+TEST(CGetPass, VisibleAndHiddenReadsShareThePipedInput) {
+    Keyboard kb({Read::Echo, Read::Hidden, Read::Echo}, true);
+    kb.begin();
+    kb.begin();
+    kb.begin();
+    kb.type("admin\nsecret\nregistry.example.org\n");
+    EXPECT_EQ(kb.result(), "admin");
+    EXPECT_EQ(kb.result(), "secret");
+    EXPECT_EQ(kb.result(), "registry.example.org");
+    EXPECT_EQ(kb.screen(), "******");
+    EXPECT_TRUE(kb.exitedCleanly());
+}
+
 }  // namespace
 }  // namespace kivreg

@@ -12,6 +12,16 @@ namespace {
 using test::LogCapture;
 using Bytes = CSecStore::Bytes;
 
+// The byte order of the old text form: high byte of each unit first.
+Bytes highByteFirst(const std::u16string& text) {
+    Bytes out;
+    for (char16_t unit : text) {
+        out.push_back(static_cast<unsigned char>(unit >> 8));
+        out.push_back(static_cast<unsigned char>(unit & 0xFF));
+    }
+    return out;
+}
+
 const unsigned char otherKey[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
 
 TEST(CSecStore, AddKeepsTheFirstValueAndEntriesStaySorted) {
@@ -71,11 +81,7 @@ TEST(CSecStore, NibbleTextCodesLowNibbleFirst) {
 // byte first, encrypted, written as nibble text and packed in memory order.
 TEST(CSecStore, OldTextFormIsNibbleTextOfTheCipherBytes) {
     const std::u16string plain = u"host_param=\u00e9;";
-    Bytes bytes;
-    for (char16_t unit : plain) {
-        bytes.push_back(static_cast<unsigned char>(unit >> 8));
-        bytes.push_back(static_cast<unsigned char>(unit & 0xFF));
-    }
+    const Bytes bytes = highByteFirst(plain);
     const std::string nibbles = CSecStore::encodeBytes(
         CSecStore::encryptBinary(bytes.data(), bytes.size(), CSecStore::ms_key));
     std::u16string expected(nibbles.size() / 2, u'\0');
@@ -102,11 +108,7 @@ TEST(CSecStore, OldTextFormRoundTripsAroundTheBlockBoundary) {
 // Without the four blanks the string's memory is the cipher text itself.
 TEST(CSecStore, OldestTextFormDecryptsTheRawBytes) {
     const std::u16string plain = u"user_param=x;";
-    Bytes bytes;
-    for (char16_t unit : plain) {
-        bytes.push_back(static_cast<unsigned char>(unit >> 8));
-        bytes.push_back(static_cast<unsigned char>(unit & 0xFF));
-    }
+    const Bytes bytes = highByteFirst(plain);
     const Bytes cipher = CSecStore::encryptBinary(bytes.data(), bytes.size(), CSecStore::ms_key);
     std::u16string raw(cipher.size() / 2, u'\0');
     std::memcpy(raw.data(), cipher.data(), cipher.size());
