@@ -1,0 +1,222 @@
+#include "runtime/NetSocket.h"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <memory>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kivreg::rt {
+
+const char* netRcText(int rc) noexcept {
+    switch (rc) {
+        case NET_OK: return "ok";
+        case NET_ERR_RESOLVE: return "host name not resolved";
+        case NET_ERR_REFUSED: return "connection refused";
+        case NET_ERR_TIMEOUT: return "timed out";
+        case NET_ERR_CLOSED: return "connection closed by peer";
+        case NET_ERR_UNREACHABLE: return "host unreachable";
+        case NET_ERR_IO: return "socket error";
+        case NET_ERR_INVALID: return "invalid handle or argument";
+        case NET_ERR_TLS: return "TLS failure";
+        case NET_ERR_TLS_VERIFY: return "server certificate not accepted";
+        case NET_ERR_PROTOCOL: return "malformed answer";
+        case NET_ERR_LIMIT: return "answer too large";
+        default: return "unknown code";
+    }
+}
+
+namespace {
+
+long long nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+int rcFromErrno(int err) {
+    switch (err) {
+        case ECONNREFUSED: return NET_ERR_REFUSED;
+        case ETIMEDOUT: return NET_ERR_TIMEOUT;
+        case EPIPE:
+        case ECONNRESET:
+        case ECONNABORTED:
+        case ENOTCONN: return NET_ERR_CLOSED;
+        case ENETUNREACH:
+        case EHOSTUNREACH:
+        case ENETDOWN:
+        case EHOSTDOWN: return NET_ERR_UNREACHABLE;
+        case EBADF:
+        case ENOTSOCK:
+        case EINVAL: return NET_ERR_INVALID;
+        default: return NET_ERR_IO;
+    }
+}
+
+// Waits for one event on the socket within the deadline.
+int waitFor(int fd, short events, const NetDeadline& deadline) {
+    for (;;) {
+        pollfd p{fd, events, 0};
+        const int n = poll(&p, 1, deadline.remainingMs());
+        if (n > 0) return NET_OK;  // readiness or an error: the next call tells which
+        if (n == 0) return NET_ERR_TIMEOUT;
+        if (errno != EINTR) return rcFromErrno(errno);
+    }
+}
+
+int connectOne(const addrinfo& ai, const NetDeadline& deadline, int* handle) {
+    const int fd = socket(ai.ai_family, ai.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai.ai_protocol);
+    if (fd < 0) return rcFromErrno(errno);
+    int rc = NET_OK;
+    if (connect(fd, ai.ai_addr, ai.ai_addrlen) != 0) {
+        if (errno != EINPROGRESS && errno != EINTR) {
+            rc = rcFromErrno(errno);
+        } else if ((rc = waitFor(fd, POLLOUT, deadline)) == NET_OK) {
+            int err = 0;
+            socklen_t len = sizeof err;
+            if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+            if (err != 0) rc = rcFromErrno(err);
+        }
+    }
+    if (rc != NET_OK) {
+        ::close(fd);
+        return rc;
+    }
+    // The request header is small and goes out ahead of the body; it should not
+    // wait for an acknowledgement.
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    *handle = fd;
+    return NET_OK;
+}
+
+struct AddrInfoFree {
+    void operator()(addrinfo* ai) const { freeaddrinfo(ai); }
+};
+using AddrInfoPtr = std::unique_ptr<addrinfo, AddrInfoFree>;
+
+int resolve(const char* host, const char* service, int flags, AddrInfoPtr& out) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = flags;
+    addrinfo* list = nullptr;
+    const int g = getaddrinfo(host, service, &hints, &list);
+    out.reset(list);
+    if (g == 0) return NET_OK;
+    return g == EAI_SYSTEM ? rcFromErrno(errno) : NET_ERR_RESOLVE;
+}
+
+}  // namespace
+
+NetDeadline::NetDeadline(int timeoutMs) : m_unlimited(timeoutMs < 0) {
+    if (!m_unlimited) m_endNs = nowNs() + static_cast<long long>(timeoutMs) * 1000000LL;
+}
+
+int NetDeadline::remainingMs() const {
+    if (m_unlimited) return -1;
+    const long long left = m_endNs - nowNs();
+    if (left <= 0) return 0;
+    const long long ms = (left + 999999LL) / 1000000LL;
+    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+}
+
+int netOpen(const char* host, const char* service, int timeoutMs, int* handle) {
+    if (handle == nullptr) return NET_ERR_INVALID;
+    *handle = -1;
+    if (host == nullptr || *host == '\0' || service == nullptr || *service == '\0')
+        return NET_ERR_INVALID;
+    AddrInfoPtr list;
+    if (const int rc = resolve(host, service, AI_ADDRCONFIG, list); rc != NET_OK) return rc;
+    const NetDeadline deadline(timeoutMs);
+    int rc = NET_ERR_RESOLVE;
+    for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
+        rc = connectOne(*ai, deadline, handle);
+        if (rc == NET_OK || rc == NET_ERR_TIMEOUT) break;
+    }
+    return rc;
+}
+
+int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written) {
+    size_t done = 0;
+    int rc = NET_OK;
+    if (handle < 0 || (data == nullptr && size > 0)) rc = NET_ERR_INVALID;
+    const NetDeadline deadline(timeoutMs);
+    const auto* p = static_cast<const char*>(data);
+    while (rc == NET_OK && done < size) {
+        // One call hands the kernel as much as it will take; MSG_NOSIGNAL turns
+        // a vanished peer into EPIPE instead of a signal.
+        const ssize_t n = send(handle, p + done, size - done, MSG_NOSIGNAL);
+        if (n >= 0) {
+            done += static_cast<size_t>(n);
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            rc = waitFor(handle, POLLOUT, deadline);
+        } else if (errno != EINTR) {
+            rc = rcFromErrno(errno);
+        }
+    }
+    if (written != nullptr) *written = done;
+    return rc;
+}
+
+int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got) {
+    if (got != nullptr) *got = 0;
+    if (handle < 0 || data == nullptr) return NET_ERR_INVALID;
+    if (size == 0) return NET_OK;
+    const NetDeadline deadline(timeoutMs);
+    for (;;) {
+        const ssize_t n = recv(handle, data, size, 0);
+        if (n > 0) {
+            if (got != nullptr) *got = static_cast<size_t>(n);
+            return NET_OK;
+        }
+        if (n == 0) return NET_ERR_CLOSED;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (const int rc = waitFor(handle, POLLIN, deadline); rc != NET_OK) return rc;
+        } else if (errno != EINTR) {
+            return rcFromErrno(errno);
+        }
+    }
+}
+
+int netWait(int handle, bool forWrite, int timeoutMs) {
+    if (handle < 0) return NET_ERR_INVALID;
+    return waitFor(handle, forWrite ? POLLOUT : POLLIN, NetDeadline(timeoutMs));
+}
+
+int netClose(int handle) {
+    if (handle < 0) return NET_ERR_INVALID;
+    return ::close(handle) == 0 ? NET_OK : rcFromErrno(errno);
+}
+
+int netMyHostName(std::string& name) {
+    char buf[256] = {};
+    if (gethostname(buf, sizeof buf - 1) != 0) return rcFromErrno(errno);
+    name = buf;
+    return NET_OK;
+}
+
+int netHostToAddr(const char* host, std::string& address) {
+    if (host == nullptr || *host == '\0') return NET_ERR_INVALID;
+    AddrInfoPtr list;
+    if (const int rc = resolve(host, nullptr, 0, list); rc != NET_OK) return rc;
+    char text[INET6_ADDRSTRLEN] = {};
+    const addrinfo* ai = list.get();
+    const void* raw = ai->ai_family == AF_INET6
+                          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr)
+                          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr);
+    if (inet_ntop(ai->ai_family, raw, text, sizeof text) == nullptr) return rcFromErrno(errno);
+    address = text;
+    return NET_OK;
+}
+
+}  // namespace kivreg::rt
