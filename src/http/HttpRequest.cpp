@@ -1,0 +1,276 @@
+#include "http/HttpRequest.h"
+
+#include <new>
+
+#include "http/Base64.h"
+#include "http/IIPConnection.h"
+#include "http/IURL.h"
+#include "http/Trace.h"
+#include "runtime/NetRc.h"
+
+namespace kivreg {
+
+namespace {
+
+constexpr int LEVEL = Trace::TRANSPORT_LEVEL;
+constexpr std::string_view CRLF = "\r\n";
+
+// Header text is 7-bit ASCII on the wire; anything else becomes '?'.
+std::string ascii7(std::u16string_view text) {
+    std::string out;
+    out.reserve(text.size() + CRLF.size());
+    for (char16_t c : text) out += c < 0x80 ? static_cast<char>(c) : '?';
+    return out;
+}
+
+std::string line(std::u16string_view text) { return ascii7(text).append(CRLF); }
+
+std::u16string_view orEmpty(const char16_t* text) { return text != nullptr ? text : u""; }
+
+const char* methodWord(IHttpRequest::HttpCmd cmd) {
+    static constexpr const char* words[] = {"OPTIONS", "GET", "HEAD", "POST", "PUT", "DELETE", "TRACE"};
+    return cmd >= 0 && cmd <= 6 ? words[cmd] : "GET";
+}
+
+}  // namespace
+
+int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out) {
+    out.reset();
+    if (connection == nullptr) return -1;
+    out.reset(new (std::nothrow) HttpRequest(connection, IHttpRequest::GET, nullptr, HttpRequest::PLAIN));
+    return out ? 0 : -1;
+}
+
+HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url, CodeType codeType)
+    : m_cmd(cmd), m_url(url), m_connection(connection), m_codeType(codeType) {}
+
+void HttpRequest::reset() {
+    std::string().swap(m_header);
+    std::string().swap(m_body);
+    m_sendCount = 0;
+    m_url = nullptr;
+    Trace::instance().t(LEVEL, "HttpRequest::reset");
+}
+
+int HttpRequest::swapBlock(int& block, int size) {
+    const int previous = block;
+    if (size > 0) block = size;
+    return previous;
+}
+
+void HttpRequest::reserveBlocks(std::string& buffer, size_t needed, int block) {
+    if (needed < buffer.capacity()) return;
+    const auto b = static_cast<size_t>(block);
+    buffer.reserve((needed / b + 1) * b);
+}
+
+std::string HttpRequest::makeCmdLine() const {
+    if (m_url == nullptr) return {};
+    std::string text = methodWord(m_cmd);
+    text += ' ';
+    text += ascii7(m_viaProxy ? m_url->getUrl(false) : std::u16string(orEmpty(m_url->getRawPath())));
+    text += " HTTP/1.1\r\nHost: ";
+    // The port stays out of Host even when it is not the default one.
+    const std::u16string_view host = orEmpty(m_url->getHost());
+    const bool ipv6 = host.find(u':') != std::u16string_view::npos;
+    if (ipv6) text += '[';
+    text += ascii7(host);
+    if (ipv6) text += ']';
+    if (m_connectionType != PERSISTENT) text += "\r\nConnection: Close";
+    return text;
+}
+
+int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connection) {
+    if (m_url == nullptr || m_connection == nullptr) return -1;
+    m_transferType = transfer;
+    m_connectionType = connection;
+    const bool secure = m_url->isSecure();
+    const char16_t* defaultPort = secure ? u"443" : u"80";
+    const auto pick = [&](const char16_t* port) { return orEmpty(port).empty() ? defaultPort : port; };
+    std::u16string host, port;
+    Trace& trace = Trace::instance();
+    if (!orEmpty(m_url->getProxy()).empty()) {
+        host = m_url->getProxy();
+        port = pick(m_url->getPport());
+        m_viaProxy = true;
+    } else {
+        host = orEmpty(m_url->getHost());
+        if (host.empty()) {
+            trace.t(LEVEL, "HttpRequest::connect failed, hostname unknown");
+            return -11;
+        }
+        port = pick(m_url->getHport());
+        m_viaProxy = false;
+    }
+    trace.t(LEVEL, "HttpRequest::connect try URL", m_url->getUrl(false));
+    const int code = m_connection->open(host.c_str(), port.c_str(), secure);
+    if (rc != nullptr) *rc = code;
+    if (code != rt::NET_OK) {
+        trace.t(LEVEL, "HttpRequest::connect FAILED to", host, port);
+        return -11;
+    }
+    trace.t(LEVEL, "HttpRequest::connect successful to", host, port);
+    trace.t(LEVEL, "HttpRequest::connect", transfer == CHUNKED ? "Chunked" : "Unchunked",
+            connection == PERSISTENT ? "Persistent" : "Transient");
+    return 10;
+}
+
+std::u16string HttpRequest::encodeUsrPwd(const char16_t* user, const char16_t* password) const {
+    if (user == nullptr || password == nullptr) return {};
+    std::u16string joined(user);
+    joined += u':';
+    joined += password;
+    return Base64::encode(std::u16string_view(joined));
+}
+
+void HttpRequest::completeHeader(int contentLength) {
+    if (const std::string cmd = makeCmdLine(); !cmd.empty()) {
+        reserveBlocks(m_header, m_header.size() + cmd.size() + 2, m_headerBlock);
+        m_header.insert(0, cmd + std::string(CRLF));
+    }
+    if (m_url != nullptr) {
+        const auto addAuth = [this](const char16_t* prefix, const char16_t* user, const char16_t* password) {
+            if (const std::u16string code = encodeUsrPwd(user, password); !code.empty())
+                addHeaderline(prefix + code);
+        };
+        if (m_viaProxy) addAuth(u"Proxy-Authorization: Basic ", m_url->getPuser(), m_url->getPpass());
+        addAuth(u"Authorization: Basic ", m_url->getHuser(), m_url->getHpass());
+    }
+    // A length or chunking line of the caller's own is not looked for: these
+    // lines are always added when they apply.
+    if (m_transferType == CHUNKED) {
+        addHeaderline(u"Transfer-Encoding: chunked");
+        Trace::instance().t(LEVEL, "HttpRequest::completeHeader Transfer-Encoding: chunked");
+    } else {
+        const long long length = contentLength < 0 ? static_cast<long long>(m_body.size()) : contentLength;
+        if (length != 0) {
+            const std::string text = "Content-Length: " + std::to_string(length);
+            addHeaderline(std::u16string(text.begin(), text.end()));
+            Trace::instance().t(LEVEL, "HttpRequest::completeHeader", length);
+        }
+    }
+    addHeaderline(u"");
+}
+
+int HttpRequest::writeBuffer(const std::string& buffer, int* rc) {
+    if (m_connection == nullptr) {
+        if (rc != nullptr) *rc = rt::NET_ERR_INVALID;
+        return 0;
+    }
+    return m_connection->write(buffer.data(), static_cast<int>(buffer.size()), rc);
+}
+
+int HttpRequest::sendHeader(int* rc, int contentLength) {
+    int code = 0;
+    completeHeader(contentLength);
+    const int written = writeBuffer(m_header, &code);
+    if (rc != nullptr) *rc = code;
+    Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), written, contentLength);
+    return written;
+}
+
+int HttpRequest::writeBody(int* rc) {
+    int code = 0;
+    int written = 0;
+    if (!m_body.empty()) {
+        written = writeBuffer(m_body, &code);
+        ++m_sendCount;
+        Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_body.size(), written);
+    }
+    if (rc != nullptr) *rc = code;
+    return written;
+}
+
+int HttpRequest::sendBody(int* rc) { return writeBody(rc); }
+
+int HttpRequest::sendMessage(int* rc) {
+    // Only the body write's code reaches the caller; a failed header write
+    // shows in the byte count alone.
+    const int header = sendHeader(rc, -1);
+    const int body = writeBody(rc);
+    Trace::instance().t(LEVEL, "HttpRequest::sendMessage", header + body);
+    return header + body;
+}
+
+int HttpRequest::sendChunk(int* rc, std::u16string_view extension) {
+    if (m_url == nullptr || m_connection == nullptr || m_transferType != CHUNKED) return 0;
+    char size[20];
+    std::snprintf(size, sizeof size, "%zx", m_body.size());
+    std::u16string head(size, size + std::char_traits<char>::length(size));
+    head += extension;
+    insertBodyline(head);
+    addBodyline(u"");
+    Trace::instance().t(LEVEL, "HttpRequest::sendChunk: Chunk prepared");
+    return writeBody(rc);
+}
+
+int HttpRequest::sendFooter(int* rc) {
+    if (m_transferType != CHUNKED) return 0;
+    return writeBody(rc);
+}
+
+int HttpRequest::setHeaderline(std::u16string_view text) {
+    m_header.clear();
+    if (text.empty()) return 0;
+    return addHeaderline(text);
+}
+
+int HttpRequest::addHeaderline(std::u16string_view text) {
+    const std::string l = line(text);
+    reserveBlocks(m_header, m_header.size() + l.size() + 1, m_headerBlock);
+    m_header += l;
+    return static_cast<int>(m_header.size());
+}
+
+int HttpRequest::insertHeaderline(std::u16string_view text) {
+    const std::string l = line(text);
+    reserveBlocks(m_header, m_header.size() + l.size() + 1, m_headerBlock);
+    m_header.insert(0, l);
+    return static_cast<int>(m_header.size());
+}
+
+int HttpRequest::setBody(const unsigned char* data, int size) {
+    if (data == nullptr || size < 1) return static_cast<int>(m_body.size());
+    m_body.clear();
+    return addBody(data, size);
+}
+
+int HttpRequest::setBody(std::string&& bytes) {
+    m_body = std::move(bytes);
+    return static_cast<int>(m_body.size());
+}
+
+int HttpRequest::addBody(const unsigned char* data, int size) {
+    if (data == nullptr || size < 1) return static_cast<int>(m_body.size());
+    reserveBlocks(m_body, m_body.size() + static_cast<size_t>(size), m_bodyBlock);
+    m_body.append(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
+    return static_cast<int>(m_body.size());
+}
+
+int HttpRequest::setBodyline(std::u16string_view text) {
+    m_body.clear();
+    return addBodyline(text);
+}
+
+int HttpRequest::addBodyline(std::u16string_view text) {
+    const std::string l = line(text);
+    reserveBlocks(m_body, m_body.size() + l.size(), m_bodyBlock);
+    m_body += l;
+    return static_cast<int>(m_body.size());
+}
+
+int HttpRequest::insertBodyline(std::u16string_view text) {
+    const std::string l = line(text);
+    reserveBlocks(m_body, m_body.size() + l.size(), m_bodyBlock);
+    m_body.insert(0, l);
+    return static_cast<int>(m_body.size());
+}
+
+int HttpRequest::setFooterline(std::u16string_view footer) {
+    if (m_transferType != CHUNKED) return 0;
+    std::u16string text(u"0\r\n");
+    text += footer;
+    return setBodyline(text);
+}
+
+}  // namespace kivreg

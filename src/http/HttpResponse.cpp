@@ -1,0 +1,332 @@
+#include "http/HttpResponse.h"
+
+#include <algorithm>
+#include <cctype>
+#include <climits>
+#include <new>
+
+#include "http/IIPConnection.h"
+#include "http/ParValDictionary.h"
+#include "http/Trace.h"
+#include "runtime/NetRc.h"
+
+namespace kivreg {
+
+namespace {
+
+constexpr int LEVEL = Trace::TRANSPORT_LEVEL;
+constexpr size_t MAX_CHUNK_LINE = 4096;
+
+// Header bytes are 7-bit ASCII; anything else is shown as '?'.
+std::u16string fromAscii(std::string_view bytes) {
+    std::u16string out(bytes.size(), u'?');
+    for (size_t i = 0; i < bytes.size(); ++i)
+        if (static_cast<unsigned char>(bytes[i]) < 0x80) out[i] = static_cast<char16_t>(bytes[i]);
+    return out;
+}
+
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+// Decimal digits only, at most 2^31-1. Returns -1 when not a number, -2 when too large.
+long long parseLength(std::u16string_view text) {
+    if (text.empty()) return -1;
+    long long n = 0;
+    for (char16_t c : text) {
+        if (c < u'0' || c > u'9') return -1;
+        n = n * 10 + (c - u'0');
+        if (n > INT_MAX) return -2;
+    }
+    return n;
+}
+
+bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           std::equal(prefix.begin(), prefix.end(), text.begin(),
+                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) ==
+                                                  std::tolower(static_cast<unsigned char>(b)); });
+}
+
+}  // namespace
+
+int createIHttpResponse(IIPConnection* connection, std::unique_ptr<IHttpResponse>& out) {
+    out.reset();
+    if (connection == nullptr) return -1;
+    out.reset(new (std::nothrow) HttpResponse(connection));
+    return out ? 0 : -1;
+}
+
+void HttpResponse::reset() {
+    m_rawHeader.clear();
+    m_header.clear();
+    std::string().swap(m_body);
+    m_rawFooter.clear();
+    m_footer.clear();
+    std::string().swap(m_buf);
+    m_pos = 0;
+    Trace::instance().t(LEVEL, "HttpResponse::reset");
+}
+
+int HttpResponse::close() {
+    Trace::instance().t(LEVEL, "HttpResponse::close");
+    return m_connection->close();
+}
+
+IHttpStatus* HttpResponse::getIHttpStatus() {
+    if (!m_haveStatus) return nullptr;
+    m_status = std::make_unique<HttpStatus>(m_statusCode);
+    return m_status.get();
+}
+
+int HttpResponse::fail(int* rc, int code) {
+    *rc = code;
+    m_bodyDone = true;
+    Trace::instance().t(LEVEL, "HttpResponse: answer refused:", code, rt::netRcText(code));
+    return 0;
+}
+
+size_t HttpResponse::fill(int* rc) {
+    if (m_pos == m_buf.size()) {
+        m_buf.clear();
+        m_pos = 0;
+    } else if (m_pos >= m_readBufferSize) {
+        m_buf.erase(0, m_pos);
+        m_pos = 0;
+    }
+    const size_t old = m_buf.size();
+    m_buf.resize(old + m_readBufferSize);
+    const int n = m_connection->read(m_buf.data() + old, static_cast<int>(m_readBufferSize), rc);
+    m_buf.resize(old + static_cast<size_t>(std::max(n, 0)));
+    return static_cast<size_t>(std::max(n, 0));
+}
+
+int HttpResponse::readInto(std::string& out, size_t want, int* rc, const char* firstTrace,
+                           const char* laterTrace) {
+    Trace& trace = Trace::instance();
+    const size_t start = out.size();
+    const size_t take = std::min(available(), want);
+    out.append(m_buf, m_pos, take);
+    m_pos += take;
+    trace.t(LEVEL, firstTrace, *rc, take);
+    out.resize(start + want);
+    size_t have = take;
+    while (have < want && *rc >= 0) {
+        const size_t ask = std::min<size_t>(want - have, INT_MAX);
+        const int n = m_connection->read(out.data() + start + have, static_cast<int>(ask), rc);
+        have += static_cast<size_t>(std::max(n, 0));
+        trace.t(LEVEL, laterTrace, *rc, n);
+    }
+    out.resize(start + have);
+    return static_cast<int>(have);
+}
+
+std::optional<std::string> HttpResponse::readLine(int* rc, size_t limit) {
+    size_t scanned = 0;
+    for (;;) {
+        const size_t nl = m_buf.find('\n', m_pos + scanned);
+        if (nl != std::string::npos && nl - m_pos < limit) {
+            std::string line(m_buf, m_pos, nl - m_pos);
+            m_pos = nl + 1;
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            return line;
+        }
+        if (available() >= limit) {
+            *rc = rt::NET_ERR_LIMIT;
+            return std::nullopt;
+        }
+        scanned = available();
+        fill(rc);
+        if (*rc < 0) return std::nullopt;
+    }
+}
+
+int HttpResponse::readHeader(int* rc) {
+    Trace& trace = Trace::instance();
+    *rc = 0;
+    m_rawHeader.clear();
+    m_header.clear();
+    m_version.clear();
+    m_statusCode = 999;
+    m_haveStatus = false;
+    m_contentLength = 0;
+    m_chunked = false;
+    m_chunkExt.clear();
+    m_body.clear();
+    m_bodyTotal = 0;
+    m_bodyDone = false;
+    m_lastChunkSeen = false;
+    m_rawFooter.clear();
+    m_footer.clear();
+
+    // The header ends at the first empty line, whether lines end in CR LF or
+    // in a bare LF. Only the new bytes are searched on each round.
+    size_t scanned = 0;
+    for (;;) {
+        const size_t from = m_pos + (scanned > 3 ? scanned - 3 : 0);
+        const size_t crlf = m_buf.find("\r\n\r\n", from);
+        const size_t lf = m_buf.find("\n\n", from);
+        if (crlf != std::string::npos || lf != std::string::npos) {
+            const bool bareLf = lf < crlf;
+            const size_t end = bareLf ? lf + 2 : crlf + 4;
+            if (end - m_pos > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT);
+            return parseHeader(end - m_pos, bareLf, rc);
+        }
+        if (available() > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT);
+        scanned = available();
+        fill(rc);
+        trace.t(LEVEL, "HttpResponse::readHeader Read returns", *rc, available());
+        if (*rc < 0) break;
+    }
+    // Closed or failed before the header was complete: there is no status.
+    std::string().swap(m_buf);
+    m_pos = 0;
+    return 0;
+}
+
+int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
+    Trace& trace = Trace::instance();
+    m_rawHeader = fromAscii(std::string_view(m_buf).substr(m_pos, length));
+    m_pos += length;
+
+    const size_t lineEnd = m_rawHeader.find(u'\n');
+    std::u16string_view statusLine = std::u16string_view(m_rawHeader).substr(0, lineEnd);
+    if (!statusLine.empty() && statusLine.back() == u'\r') statusLine.remove_suffix(1);
+    const size_t blank = statusLine.find(u' ');
+    m_version = statusLine.substr(0, blank);
+    if (blank != std::u16string_view::npos) {
+        std::u16string_view rest = statusLine.substr(blank + 1);
+        const size_t digits = std::min(rest.find_first_not_of(u"0123456789"), rest.size());
+        if (digits > 0 && digits <= 4) m_statusCode = static_cast<int>(parseLength(rest.substr(0, digits)));
+    }
+    m_haveStatus = true;
+    trace.t(LEVEL, "HttpResponse::readHeader", m_version);
+    trace.t(LEVEL, "HttpResponse::readHeader Status", m_statusCode);
+
+    m_header = m_rawHeader.substr(lineEnd + 1);
+    std::unique_ptr<IParValMultilineDictionary> dict;
+    if (createIParValMultilineDictionary(dict, bareLf ? u"\n" : u"\r\n", u";", u":=", u"\t\r\n ", true, true,
+                                         true) != 0)
+        return fail(rc, rt::NET_ERR_INVALID);
+    dict->parseMultiline(m_header);
+    if (const char16_t* value = dict->fetchVal(u"content-length", true)) {
+        const long long n = parseLength(value);
+        if (n < 0) {
+            m_haveStatus = false;
+            return fail(rc, n == -2 ? rt::NET_ERR_LIMIT : rt::NET_ERR_PROTOCOL);
+        }
+        m_contentLength = n;
+        m_chunked = false;
+        trace.t(LEVEL, "HttpResponse::readHeader Content-Length", n);
+    }
+    if (const char16_t* value = dict->fetchVal(u"transfer-encoding", true)) {
+        if (std::u16string v(value); v.size() == 7) {
+            std::transform(v.begin(), v.end(), v.begin(),
+                           [](char16_t c) { return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c; });
+            if (v == u"chunked") {
+                m_chunked = true;
+                trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");
+            }
+        }
+    }
+    return static_cast<int>(m_header.size());
+}
+
+int HttpResponse::readHeaderSkip100(int* rc) {
+    int skipped = 0;
+    readHeader(rc);
+    while (*rc == 0 && m_haveStatus && m_statusCode == 100) {
+        // A server that keeps sending interim answers would hold us forever.
+        if (skipped == MAX_INTERIM) {
+            m_haveStatus = false;
+            fail(rc, rt::NET_ERR_PROTOCOL);
+            break;
+        }
+        ++skipped;
+        readHeader(rc);
+    }
+    return skipped;
+}
+
+int HttpResponse::readBody(int* rc) {
+    *rc = 0;
+    m_body.clear();
+    if (!m_haveStatus || m_bodyDone) return 0;
+    if (m_chunked) return readChunk(rc);
+    if (static_cast<size_t>(m_contentLength) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
+    m_body.reserve(static_cast<size_t>(m_contentLength));
+    const int n = readInto(m_body, static_cast<size_t>(m_contentLength), rc, "HttpResponse::readBody Body Read returns",
+                           "HttpResponse::readBody Body Completion Read returns");
+    m_bodyTotal = static_cast<size_t>(n);
+    m_bodyDone = true;
+    return n;
+}
+
+int HttpResponse::readChunk(int* rc) {
+    Trace& trace = Trace::instance();
+    const std::optional<std::string> line = readLine(rc, MAX_CHUNK_LINE);
+    if (!line) return fail(rc, *rc);
+    trace.t(LEVEL, "HttpResponse::readBody Chunk Header is", *line);
+
+    // hex-size [ws] [";" extension]
+    size_t i = 0;
+    long long size = 0;
+    for (; i < line->size(); ++i) {
+        const char c = (*line)[i];
+        const int d = c >= '0' && c <= '9' ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
+        if (d < 0) break;
+        size = size * 16 + d;
+        if (size > INT_MAX) return fail(rc, rt::NET_ERR_PROTOCOL);
+    }
+    if (i == 0) return fail(rc, rt::NET_ERR_PROTOCOL);
+    while (i < line->size() && isBlank((*line)[i])) ++i;
+    if (i < line->size() && (*line)[i] != ';') return fail(rc, rt::NET_ERR_PROTOCOL);
+    m_chunkExt = i < line->size() ? fromAscii(std::string_view(*line).substr(i + 1)) : std::u16string();
+    trace.t(LEVEL, "HttpResponse::readBody Chunk Length is", size);
+
+    if (size == 0) {
+        m_lastChunkSeen = true;
+        m_bodyDone = true;
+        return 0;
+    }
+    if (m_bodyTotal + static_cast<size_t>(size) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
+    const int n = readInto(m_body, static_cast<size_t>(size), rc, "HttpResponse::readBody Chunk Read returns",
+                           "HttpResponse::readBody Chunk Completion Read returns");
+    m_bodyTotal += static_cast<size_t>(n);
+    if (*rc >= 0) {
+        // The chunk's own line end must follow at once.
+        const std::optional<std::string> end = readLine(rc, 2);
+        if (end && end->empty()) return n;
+        if (end || *rc == rt::NET_ERR_LIMIT) *rc = rt::NET_ERR_PROTOCOL;
+    }
+    fail(rc, *rc);
+    return n;
+}
+
+int HttpResponse::readFooter(int* rc) {
+    *rc = 0;
+    if (!m_lastChunkSeen || !m_rawFooter.empty()) return 0;
+    Trace& trace = Trace::instance();
+    size_t total = 0;
+    for (;;) {
+        const std::optional<std::string> line = readLine(rc, MAX_HEADER - total);
+        trace.t(LEVEL, "HttpResponse::readFooter Read returns", *rc, line ? line->size() : 0);
+        if (!line) break;
+        total += line->size() + 2;
+        m_rawFooter += fromAscii(*line);
+        m_rawFooter += u"\r\n";
+        if (line->empty()) break;
+        if (!m_footer.empty()) m_footer += u"\r\n";
+        m_footer += fromAscii(*line);
+        if (startsWithIgnoreCase(*line, "X-Status:")) {
+            std::string_view v = std::string_view(*line).substr(9);
+            while (!v.empty() && isBlank(v.front())) v.remove_prefix(1);
+            const size_t digits = std::min(v.find_first_not_of("0123456789"), v.size());
+            if (digits > 0 && digits <= 4) {
+                m_statusCode = std::stoi(std::string(v.substr(0, digits)));
+                trace.t(LEVEL, "HttpResponse::readFooter X-Status", m_statusCode);
+            }
+        }
+    }
+    return static_cast<int>(m_footer.size());
+}
+
+}  // namespace kivreg

@@ -1,0 +1,82 @@
+#pragma once
+#include <optional>
+
+#include "http/HttpStatus.h"
+#include "http/IHttpResponse.h"
+
+namespace kivreg {
+
+class HttpResponse final : public IHttpResponse {
+public:
+    explicit HttpResponse(IIPConnection* connection) : m_connection(connection) {}
+
+    void reset() override;
+    int close() override;
+    IHttpStatus* getIHttpStatus() override;
+    const std::u16string& getHttpVersion() const override { return m_version; }
+    int getStatusCode() const override { return m_statusCode; }
+    bool isChunked() const override { return m_chunked; }
+    long long getContentLength() const override { return m_contentLength; }
+    bool expectsBody() const override { return m_haveStatus && !m_bodyDone && (m_chunked || m_contentLength > 0); }
+
+    int getHeaderLen() const override { return static_cast<int>(m_header.size()); }
+    int getRawHeaderLen() const override { return static_cast<int>(m_rawHeader.size()); }
+    int getBodyLen() const override { return static_cast<int>(m_body.size()); }
+    int getRawBodyLen() const override { return static_cast<int>(m_body.size()); }
+    int getFooterLen() const override { return static_cast<int>(m_footer.size()); }
+    int getRawFooterLen() const override { return static_cast<int>(m_rawFooter.size()); }
+
+    int readHeader(int* rc) override;
+    int readRawHeader(int* rc) override { return readHeader(rc); }
+    int readHeaderSkip100(int* rc) override;
+    int readBody(int* rc) override;
+    int readRawBody(int* rc) override { return readBody(rc); }
+    int readFooter(int* rc) override;
+    int readRawFooter(int* rc) override { return readFooter(rc); }
+
+    const std::u16string& getHeader() const override { return m_header; }
+    const std::u16string& getRawHeader() const override { return m_rawHeader; }
+    const std::string& getBody() const override { return m_body; }
+    const std::string& getRawBody() const override { return m_body; }
+    const std::u16string& getChunkExtPar() const override { return m_chunkExt; }
+    const std::u16string& getFooter() const override { return m_footer; }
+    const std::u16string& getRawFooter() const override { return m_rawFooter; }
+
+    void setReadBufferSize(int size) override {
+        if (size > 0) m_readBufferSize = static_cast<size_t>(size);
+    }
+
+private:
+    size_t available() const { return m_buf.size() - m_pos; }
+    // Reads once more from the connection behind the unread bytes.
+    size_t fill(int* rc);
+    // Moves up to `want` bytes into `out`: unread bytes first, then the connection.
+    int readInto(std::string& out, size_t want, int* rc, const char* firstTrace, const char* laterTrace);
+    // One line ending in LF (a CR before it is dropped), at most `limit` bytes.
+    std::optional<std::string> readLine(int* rc, size_t limit);
+    int fail(int* rc, int code);
+    int parseHeader(size_t length, bool bareLf, int* rc);
+    int readChunk(int* rc);
+
+    IIPConnection* m_connection;
+    std::u16string m_version;
+    int m_statusCode = 999;
+    bool m_haveStatus = false;
+    std::u16string m_rawHeader;
+    std::u16string m_header;
+    std::string m_body;
+    size_t m_bodyTotal = 0;
+    bool m_bodyDone = false;
+    bool m_lastChunkSeen = false;
+    std::u16string m_rawFooter;
+    std::u16string m_footer;
+    long long m_contentLength = 0;
+    bool m_chunked = false;
+    std::u16string m_chunkExt;
+    std::string m_buf;  // bytes received and not yet consumed start at m_pos
+    size_t m_pos = 0;
+    size_t m_readBufferSize = 65536;
+    std::unique_ptr<HttpStatus> m_status;
+};
+
+}  // namespace kivreg

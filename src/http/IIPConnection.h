@@ -1,0 +1,42 @@
+#pragma once
+// A byte stream to a server over plain TCP or TLS. Codes are those of
+// runtime/NetRc.h (0 = success).
+
+#include <memory>
+
+namespace kivreg {
+
+class IIPConnection {
+public:
+    virtual ~IIPConnection() = default;
+
+    // 0 at once when already open; otherwise connects (and runs the TLS
+    // handshake when `secure`) and returns the network layer's code.
+    virtual int open(const char16_t* host, const char16_t* service, bool secure) = 0;
+    // All `size` bytes with the send timeout; returns the bytes written.
+    virtual int write(const void* data, int size, int* rc) = 0;
+    // Up to `size` bytes with the read timeout; returns the bytes read.
+    virtual int read(void* data, int size, int* rc) = 0;
+    // Reads and discards up to `size` bytes; returns how many.
+    virtual int skip(int size) = 0;
+    // 0 when nothing was open, else closes and returns 1.
+    virtual int close() = 0;
+
+    // Timeouts are given in seconds and kept in milliseconds: a negative
+    // value means no limit (-1); anything from 0 to 59 becomes one minute and
+    // anything above 900 becomes fifteen minutes. A server that is not
+    // allowed a minute is not given a chance; one that needs more than
+    // fifteen is treated as gone. Returns the stored milliseconds, except
+    // 60000 for the negative and the capped case.
+    virtual int setTimeOutConn(int seconds) = 0;
+    virtual int setTimeOutSend(int seconds) = 0;
+    virtual int setTimeOutRead(int seconds) = 0;
+    virtual int getTimeOutConn() const = 0;
+    virtual int getTimeOutSend() const = 0;
+    virtual int getTimeOutRead() const = 0;
+};
+
+// 0 and a closed connection without timeouts, or -1.
+int createIIPConnection(std::unique_ptr<IIPConnection>& out);
+
+}  // namespace kivreg

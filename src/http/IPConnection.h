@@ -1,0 +1,45 @@
+#pragma once
+#include <string>
+
+#include "http/IIPConnection.h"
+#include "runtime/Tls.h"
+
+namespace kivreg {
+
+class IPConnection final : public IIPConnection {
+public:
+    IPConnection() = default;
+    ~IPConnection() override { close(); }
+    IPConnection(const IPConnection&) = delete;
+    IPConnection& operator=(const IPConnection&) = delete;
+
+    int open(const char16_t* host, const char16_t* service, bool secure) override;
+    int write(const void* data, int size, int* rc) override;
+    int read(void* data, int size, int* rc) override;
+    int skip(int size) override;
+    int close() override;
+
+    int setTimeOutConn(int seconds) override { return clampTimeout(seconds, m_connectMs); }
+    int setTimeOutSend(int seconds) override { return clampTimeout(seconds, m_sendMs); }
+    int setTimeOutRead(int seconds) override { return clampTimeout(seconds, m_readMs); }
+    int getTimeOutConn() const override { return m_connectMs; }
+    int getTimeOutSend() const override { return m_sendMs; }
+    int getTimeOutRead() const override { return m_readMs; }
+
+    bool isSecure() const { return m_secure; }
+    // "host (address)" of this machine, for diagnostics.
+    std::string getSystemInfoAsString() const;
+
+    static int clampTimeout(int seconds, int& storedMs);
+
+private:
+    int m_handle = -1;
+    rt::TlsSessionPtr m_session;
+    bool m_secure = false;
+    rt::TlsContextPtr m_tls;  // set up once per object, on the first secure open
+    int m_connectMs = -1;
+    int m_sendMs = -1;
+    int m_readMs = -1;
+};
+
+}  // namespace kivreg

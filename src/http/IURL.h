@@ -1,0 +1,68 @@
+#pragma once
+// A URL split into its parts. Getters return the stored text, or null when
+// the part was never set; setters copy (null clears the part).
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kivreg {
+
+class IURL {
+public:
+    virtual ~IURL() = default;
+
+    // The path as written in the URL text: the request target.
+    virtual const char16_t* getRawPath() const = 0;
+    // The path with %xx sequences decoded.
+    virtual const char16_t* getPath() const = 0;
+    virtual void setPath(const char16_t* path) = 0;
+    virtual const char16_t* getQuery() const = 0;
+    virtual void setQuery(const char16_t* query) = 0;
+    virtual const char16_t* getFragment() const = 0;
+    virtual void setFragment(const char16_t* fragment) = 0;
+    // What follows "scheme:" in a URL without "//" (mailto:x, urn:y).
+    virtual const char16_t* getOpaque() const = 0;
+    virtual void setOpaque(const char16_t* opaque) = 0;
+
+    // The URL text as set, without any user name or password it carried;
+    // `escaped` applies escape() to it.
+    virtual std::u16string getUrl(bool escaped) const = 0;
+    // Splits the text into its parts; false for an empty text. A user name and
+    // password in the text go to the host user and password; otherwise those
+    // stay as they were set.
+    virtual bool setUrl(const char16_t* url) = 0;
+
+    virtual const char16_t* getService() const = 0;  // the scheme
+    virtual void setService(const char16_t* service) = 0;
+    virtual bool isSecure() const = 0;               // scheme "https", any case
+
+    virtual const char16_t* getHport() const = 0;
+    virtual int getHport2() const = 0;  // -1 when unset or not a number
+    virtual void setHport(const char16_t* port) = 0;
+    virtual const char16_t* getHost() const = 0;
+    virtual void setHost(const char16_t* host) = 0;
+    virtual const char16_t* getProxy() const = 0;
+    virtual void setProxy(const char16_t* proxy) = 0;
+    virtual const char16_t* getPport() const = 0;
+    virtual int getPport2() const = 0;
+    virtual void setPport(const char16_t* port) = 0;
+    virtual const char16_t* getHuser() const = 0;
+    virtual void setHuser(const char16_t* user) = 0;
+    virtual const char16_t* getHpass() const = 0;
+    virtual void setHpass(const char16_t* password) = 0;
+    virtual const char16_t* getPuser() const = 0;
+    virtual void setPuser(const char16_t* user) = 0;
+    virtual const char16_t* getPpass() const = 0;
+    virtual void setPpass(const char16_t* password) = 0;
+
+    // Every character outside the URL-safe set becomes %xx (lower-case hex of
+    // each of its UTF-8 bytes); unescape reverses it.
+    virtual std::u16string escape(std::u16string_view text) const = 0;
+    virtual std::u16string unescape(std::u16string_view text) const = 0;
+};
+
+// 0 and a new empty URL, or -1 when it could not be made.
+int createIURL(std::unique_ptr<IURL>& out);
+
+}  // namespace kivreg

@@ -1,0 +1,183 @@
+#include "http/URL.h"
+
+#include <new>
+
+#include "runtime/textconv.h"
+
+namespace kivreg {
+
+namespace {
+
+bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const auto lower = [](char16_t c) { return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c; };
+        if (lower(a[i]) != lower(b[i])) return false;
+    }
+    return true;
+}
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Length of a leading "scheme:" (RFC 3986 scheme characters), 0 if none.
+size_t schemeLength(std::u16string_view text) {
+    if (text.empty() || !((text[0] | 0x20) >= u'a' && (text[0] | 0x20) <= u'z')) return 0;
+    for (size_t i = 1; i < text.size(); ++i) {
+        const char16_t c = text[i];
+        if (c == u':') return i;
+        const bool ok = ((c | 0x20) >= u'a' && (c | 0x20) <= u'z') || (c >= u'0' && c <= u'9') || c == u'+' ||
+                        c == u'-' || c == u'.';
+        if (!ok) return 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int createIURL(std::unique_ptr<IURL>& out) {
+    out.reset(new (std::nothrow) URL);
+    return out ? 0 : -1;
+}
+
+void URL::set(Part p, const char16_t* v) {
+    if (v == nullptr)
+        m_parts[p].reset();
+    else
+        m_parts[p] = std::u16string(v);
+}
+
+int URL::portNumber(Part p) const {
+    if (!m_parts[p] || m_parts[p]->empty() || m_parts[p]->size() > 9) return -1;
+    int n = 0;
+    for (char16_t c : *m_parts[p]) {
+        if (c < u'0' || c > u'9') return -1;
+        n = n * 10 + (c - u'0');
+    }
+    return n;
+}
+
+void URL::setPath(const char16_t* path) {
+    set(RAW_PATH, path);
+    if (path == nullptr)
+        m_parts[PATH].reset();
+    else
+        set(PATH, unescape(path));
+}
+
+void URL::setService(const char16_t* service) {
+    set(SERVICE, service);
+    m_secure = service != nullptr && equalsIgnoreCase(service, u"https");
+}
+
+std::u16string URL::getUrl(bool escaped) const { return escaped ? escape(m_url) : m_url; }
+
+bool URL::setUrl(const char16_t* url) {
+    if (url == nullptr || *url == u'\0') return false;
+    std::u16string_view rest(url);
+    for (Part p : {SERVICE, HOST, HPORT, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE}) m_parts[p].reset();
+    m_secure = false;
+
+    std::u16string kept;  // the URL text without user information
+    if (const size_t n = schemeLength(rest); n > 0) {
+        set(SERVICE, rest.substr(0, n));
+        m_secure = equalsIgnoreCase(rest.substr(0, n), u"https");
+        kept.assign(rest.substr(0, n + 1));
+        rest.remove_prefix(n + 1);
+        if (rest.substr(0, 2) != u"//") {
+            set(OPAQUE, rest);
+            m_url = kept.append(rest);
+            return true;
+        }
+        kept += u"//";
+        rest.remove_prefix(2);
+        std::u16string_view authority = rest.substr(0, rest.find_first_of(u"/?#"));
+        rest.remove_prefix(authority.size());
+        if (const size_t at = authority.rfind(u'@'); at != std::u16string_view::npos) {
+            const std::u16string_view info = authority.substr(0, at);
+            const size_t colon = info.find(u':');
+            set(HUSER, unescape(info.substr(0, colon)));
+            if (colon != std::u16string_view::npos) set(HPASS, unescape(info.substr(colon + 1)));
+            authority.remove_prefix(at + 1);
+        }
+        kept += authority;
+        size_t portStart = std::u16string_view::npos;
+        if (!authority.empty() && authority[0] == u'[') {  // IPv6 literal
+            const size_t close = authority.find(u']');
+            set(HOST, authority.substr(1, close == std::u16string_view::npos ? std::u16string_view::npos : close - 1));
+            if (close != std::u16string_view::npos && close + 1 < authority.size() && authority[close + 1] == u':')
+                portStart = close + 2;
+        } else {
+            const size_t colon = authority.find(u':');
+            set(HOST, authority.substr(0, colon));
+            if (colon != std::u16string_view::npos) portStart = colon + 1;
+        }
+        if (portStart != std::u16string_view::npos) set(HPORT, authority.substr(portStart));
+    }
+    kept += rest;
+
+    if (const size_t hash = rest.find(u'#'); hash != std::u16string_view::npos) {
+        set(FRAGMENT, rest.substr(hash + 1));
+        rest = rest.substr(0, hash);
+    }
+    if (const size_t q = rest.find(u'?'); q != std::u16string_view::npos) {
+        set(QUERY, rest.substr(q + 1));
+        rest = rest.substr(0, q);
+    }
+    const std::u16string path(rest.empty() ? std::u16string_view(u"/") : rest);
+    setPath(path.c_str());
+    m_url = std::move(kept);
+    return true;
+}
+
+std::u16string URL::escape(std::u16string_view text) const {
+    static constexpr char hex[] = "0123456789abcdef";
+    std::u16string out;
+    out.reserve(text.size());
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char16_t c = text[i];
+        if (isIn(c, SAFE_CHARS)) {
+            out += c;
+            continue;
+        }
+        // A surrogate pair is one character: escape its UTF-8 form as a whole.
+        const size_t units = (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) ? 2 : 1;
+        bytes.clear();
+        rt::utf16ToUtf8Lenient(text.substr(i, units), bytes);
+        i += units - 1;
+        for (unsigned char b : bytes) {
+            out += u'%';
+            out += static_cast<char16_t>(hex[b >> 4]);
+            out += static_cast<char16_t>(hex[b & 15]);
+        }
+    }
+    return out;
+}
+
+std::u16string URL::unescape(std::u16string_view text) const {
+    if (text.find(u'%') == std::u16string_view::npos) return std::u16string(text);
+    std::string bytes;
+    rt::utf16ToUtf8Lenient(text, bytes);
+    std::string decoded;
+    decoded.reserve(bytes.size());
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        int hi, lo;
+        if (bytes[i] == '%' && i + 2 < bytes.size() && (hi = hexValue(bytes[i + 1])) >= 0 &&
+            (lo = hexValue(bytes[i + 2])) >= 0) {
+            decoded += static_cast<char>(hi * 16 + lo);
+            i += 2;
+        } else {
+            decoded += bytes[i];
+        }
+    }
+    std::u16string out;
+    rt::utf8ToUtf16Lenient(decoded, out);
+    return out;
+}
+
+}  // namespace kivreg
