@@ -28,14 +28,4 @@ bool CBaseElem::validateAttributes(CLog* log) const {
     return ok;
 }
 
-void CBaseElem::appendAttributes(std::u16string& out) const {
-    for (const CAttr& a : m_attributes) {
-        out += u' ';
-        out += a.getName();
-        out += u"=\"";
-        out += a.getValue();
-        out += u'"';
-    }
-}
-
 }  // namespace kivreg

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "model/CAttr.h"
+#include "model/XmlLength.h"
 
 namespace kivreg {
 
@@ -26,8 +27,11 @@ public:
     // render their children into the same buffer, so a whole document is
     // built without intermediate strings.
     virtual void appendXml(std::u16string& out) const = 0;
+    // The length, in code units, of what appendXml would append.
+    virtual size_t xmlLength() const = 0;
     std::u16string getXml() const {
         std::u16string out;
+        out.reserve(xmlLength());
         appendXml(out);
         return out;
     }
@@ -59,7 +63,16 @@ public:
 
 protected:
     // " name=\"value\"" for every attribute, in list order.
-    void appendAttributes(std::u16string& out) const;
+    template <typename Out>
+    void renderAttributes(Out& out) const {
+        for (const CAttr& a : m_attributes) {
+            out += u' ';
+            out += a.getName();
+            out += u"=\"";
+            out += a.getValue();
+            out += u'"';
+        }
+    }
 
 private:
     AttrList m_attributes;

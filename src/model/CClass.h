@@ -37,6 +37,10 @@ public:
     InstList& instances() { return m_instances; }
 
     void appendXml(std::u16string& out) const override;
+    size_t xmlLength() const override;
+    // Writes the element into a string or an XmlLength.
+    template <typename Out>
+    void render(Out& out) const;
 
 private:
     std::u16string m_name;

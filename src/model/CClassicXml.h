@@ -7,6 +7,8 @@
 
 namespace kivreg {
 
+class CClass;
+class CInst;
 class CXmlFile;
 
 class CClassicXml {
@@ -23,6 +25,11 @@ public:
     std::u16string takeXml() &&;
 
 private:
+    template <typename Out>
+    void render(Out& out) const;
+    template <typename Out>
+    static void renderInstance(Out& out, const CClass& cls, const CInst& inst);
+
     std::u16string m_text;
     std::u16string m_type;
     std::u16string m_version;

@@ -2,6 +2,9 @@
 // values are escaped; names and attribute values go out exactly as they are
 // held, which the receiving side expects.
 
+// Each element's render template is instantiated here, through the
+// appendXml and xmlLength overrides declared with it.
+
 #include <algorithm>
 
 #include "model/CClass.h"
@@ -14,25 +17,6 @@ namespace kivreg {
 
 // ---- CProp
 
-void CProp::appendEscaped(std::u16string& out, std::u16string_view value) {
-    size_t start = 0;
-    for (size_t i = 0; i < value.size(); ++i) {
-        const char16_t* entity;
-        switch (value[i]) {
-            case u'&': entity = u"&amp;"; break;
-            case u'<': entity = u"&lt;"; break;
-            case u'>': entity = u"&gt;"; break;
-            case u'"': entity = u"&quot;"; break;
-            case u'\'': entity = u"&apos;"; break;
-            default: continue;
-        }
-        out.append(value, start, i - start);
-        out += entity;
-        start = i + 1;
-    }
-    out.append(value, start);
-}
-
 std::u16string CProp::escapeXML(std::u16string_view value) {
     std::u16string out;
     out.reserve(value.size());
@@ -40,7 +24,8 @@ std::u16string CProp::escapeXML(std::u16string_view value) {
     return out;
 }
 
-void CProp::appendXml(std::u16string& out) const {
+template <typename Out>
+void CProp::render(Out& out) const {
     out += u"<property name=\"";
     out += m_name;
     out += u'"';
@@ -60,7 +45,8 @@ void CProp::appendXml(std::u16string& out) const {
 
 // ---- CRef
 
-void CRef::appendXml(std::u16string& out) const {
+template <typename Out>
+void CRef::render(Out& out) const {
     out += u"<reference rolename=\"";
     out += m_roleName;
     out += u"\" groupname=\"";
@@ -94,7 +80,8 @@ void CInst::addReference(CRef&& ref) {
         m_references.emplace(ref.getRoleName(), std::move(ref));
 }
 
-void CInst::appendXml(std::u16string& out) const {
+template <typename Out>
+void CInst::render(Out& out) const {
     out += u"<instance";
     if (!m_id.empty()) {
         out += u" inst_id=\"";
@@ -102,8 +89,8 @@ void CInst::appendXml(std::u16string& out) const {
         out += u'"';
     }
     out += u'>';
-    for (const auto& [name, prop] : m_properties) prop.appendXml(out);
-    for (const auto& [role, ref] : m_references) ref.appendXml(out);
+    for (const auto& [name, prop] : m_properties) prop.render(out);
+    for (const auto& [role, ref] : m_references) ref.render(out);
     out += u"</instance>";
 }
 
@@ -118,7 +105,8 @@ std::u16string CClass::getType() const {
     }
 }
 
-void CClass::appendXml(std::u16string& out) const {
+template <typename Out>
+void CClass::render(Out& out) const {
     const char16_t* tag = nullptr;
     switch (m_type) {
         case TYPE_CLASS: tag = u"class"; break;
@@ -137,9 +125,9 @@ void CClass::appendXml(std::u16string& out) const {
     out += u" name=\"";
     out += m_name;
     out += u'"';
-    appendAttributes(out);
+    renderAttributes(out);
     out += u'>';
-    for (const CInst& inst : m_instances) inst.appendXml(out);
+    for (const CInst& inst : m_instances) inst.render(out);
     if (tag != nullptr) {
         out += u"</";
         out += tag;
@@ -154,14 +142,35 @@ CGroup::ClassList::const_iterator CGroup::getClass(const std::u16string& name) c
                         [&](const CClass& c) { return c.getName() == name; });
 }
 
-void CGroup::appendXml(std::u16string& out) const {
+template <typename Out>
+void CGroup::render(Out& out) const {
     out += u"<group name=\"";
     out += m_name;
     out += u'"';
-    appendAttributes(out);
+    renderAttributes(out);
     out += u'>';
-    for (const CClass& cls : m_classes) cls.appendXml(out);
+    for (const CClass& cls : m_classes) cls.render(out);
     out += u"</group>";
 }
+
+// ---- the two ways of rendering each element
+
+template <typename Elem>
+size_t measured(const Elem& elem) {
+    XmlLength n;
+    elem.render(n);
+    return n.units;
+}
+
+void CProp::appendXml(std::u16string& out) const { render(out); }
+size_t CProp::xmlLength() const { return measured(*this); }
+void CRef::appendXml(std::u16string& out) const { render(out); }
+size_t CRef::xmlLength() const { return measured(*this); }
+void CInst::appendXml(std::u16string& out) const { render(out); }
+size_t CInst::xmlLength() const { return measured(*this); }
+void CClass::appendXml(std::u16string& out) const { render(out); }
+size_t CClass::xmlLength() const { return measured(*this); }
+void CGroup::appendXml(std::u16string& out) const { render(out); }
+size_t CGroup::xmlLength() const { return measured(*this); }
 
 }  // namespace kivreg

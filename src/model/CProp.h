@@ -34,11 +34,33 @@ public:
     bool isEmpty() const { return m_name.empty(); }
 
     void appendXml(std::u16string& out) const override;
+    size_t xmlLength() const override;
+    // Writes the element into a string or an XmlLength.
+    template <typename Out>
+    void render(Out& out) const;
 
     // The five markup characters of a value replaced by their entities;
     // everything else, an existing entity included, is copied as it is.
     static std::u16string escapeXML(std::u16string_view value);
-    static void appendEscaped(std::u16string& out, std::u16string_view value);
+    template <typename Out>
+    static void appendEscaped(Out& out, std::u16string_view value) {
+        size_t start = 0;
+        for (size_t i = 0; i < value.size(); ++i) {
+            const char16_t* entity;
+            switch (value[i]) {
+                case u'&': entity = u"&amp;"; break;
+                case u'<': entity = u"&lt;"; break;
+                case u'>': entity = u"&gt;"; break;
+                case u'"': entity = u"&quot;"; break;
+                case u'\'': entity = u"&apos;"; break;
+                default: continue;
+            }
+            out += value.substr(start, i - start);
+            out += entity;
+            start = i + 1;
+        }
+        out += value.substr(start);
+    }
 
 private:
     std::u16string m_name;

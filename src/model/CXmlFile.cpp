@@ -5,6 +5,9 @@
 
 #include <cstdio>
 #include <exception>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 #include <unordered_set>
 
 #include "runtime/XmlAdapter.h"
@@ -162,6 +165,13 @@ void CXmlFile::doLoad(rt::XmlParser& parser, rt::XmlInputStream& in) {
     if (parser.parse(in, doc)) {
         std::u16string errorText;
         m_loaded = parse(doc, errorText);
+        doc.release();
+#if defined(__GLIBC__)
+        // The freed tree leaves the heap strewn with small free chunks, which
+        // the next large allocation (the body) would otherwise have to sort
+        // through; tidy them up now and hand unused pages back.
+        malloc_trim(0);
+#endif
         if (!m_loaded) {
             *m_log << timestamp << errorText << endlog;
             *m_log << timestamp << u"Failed to parse input data." << endlog;
@@ -193,7 +203,7 @@ std::u16string CXmlFile::trimValue(std::u16string_view text) {
     return CCConv::condense(out);
 }
 
-bool CXmlFile::parse(const rt::XmlDocument& doc, std::u16string& errorText) {
+bool CXmlFile::parse(rt::XmlDocument& doc, std::u16string& errorText) {
     m_body.clear();
     *m_log << timestamp << u"Parsing XML document." << endlog;
 
@@ -216,27 +226,41 @@ bool CXmlFile::parse(const rt::XmlDocument& doc, std::u16string& errorText) {
     *m_log << timestamp << u"Supplier Vendor: " << m_supplierVendor << endlog;
     *m_log << timestamp << u"CIM Model Version: " << m_modelVersion << endlog;
 
-    for (XmlElement ge = root.firstChild(); ge; ge = ge.nextSibling()) {
-        if (!ge.is(ms_tagGroup)) continue;
-        CGroup group;
-        if (!processGroup(ge, group)) return false;
-        for (XmlElement ce = ge.firstChild(); ce; ce = ce.nextSibling()) {
-            int type;
-            if (ce.is(ms_tagClass))
-                type = CClass::TYPE_CLASS;
-            else if (ce.is(ms_tagRootClass))
-                type = CClass::TYPE_ROOT_CLASS;
-            else if (ce.is(ms_tagMemberClass))
-                type = CClass::TYPE_MEMBER_CLASS;
-            else
-                continue;
-            CClass cls;
-            if (!processClass(ce, type, cls)) return false;
-            for (XmlElement ie = ce.firstChild(); ie; ie = ie.nextSibling())
-                if (ie.is(ms_tagInstance)) cls.addInst(processInstance(ie));
-            group.addClass(std::move(cls));
+    for (XmlElement ge = root.firstChild(); ge;) {
+        XmlElement next = ge.nextSibling();
+        if (ge.is(ms_tagGroup)) {
+            CGroup group;
+            if (!processGroup(ge, group) || !processClasses(doc, ge, group)) return false;
+            addGroup(std::move(group));
+            doc.discard(ge);
         }
-        addGroup(std::move(group));
+        ge = next;
+    }
+    return true;
+}
+
+bool CXmlFile::processClasses(rt::XmlDocument& doc, const XmlElement& groupElem, CGroup& group) {
+    for (XmlElement ce = groupElem.firstChild(); ce; ce = ce.nextSibling()) {
+        int type;
+        if (ce.is(ms_tagClass))
+            type = CClass::TYPE_CLASS;
+        else if (ce.is(ms_tagRootClass))
+            type = CClass::TYPE_ROOT_CLASS;
+        else if (ce.is(ms_tagMemberClass))
+            type = CClass::TYPE_MEMBER_CLASS;
+        else
+            continue;
+        CClass cls;
+        if (!processClass(ce, type, cls)) return false;
+        for (XmlElement ie = ce.firstChild(); ie;) {
+            XmlElement next = ie.nextSibling();
+            if (ie.is(ms_tagInstance)) {
+                cls.addInst(processInstance(ie));
+                doc.discard(ie);
+            }
+            ie = next;
+        }
+        group.addClass(std::move(cls));
     }
     return true;
 }

@@ -121,11 +121,14 @@ public:
 private:
     bool loadStream(rt::XmlInputStream& in);
     void doLoad(rt::XmlParser& parser, rt::XmlInputStream& in);
-    bool parse(const rt::XmlDocument& doc, std::u16string& errorText);
+    bool parse(rt::XmlDocument& doc, std::u16string& errorText);
     bool processGroup(const rt::XmlElement& elem, CGroup& group);
     bool processClass(const rt::XmlElement& elem, int type, CClass& cls);
     CInst processInstance(const rt::XmlElement& elem);
+    bool processClasses(rt::XmlDocument& doc, const rt::XmlElement& groupElem, CGroup& group);
     void addGroup(CGroup&& group);
+    template <typename Out>
+    void renderBody(Out& out) const;
 
     GroupList m_groups;
     std::unordered_map<std::u16string, size_t> m_groupsByName;  // index into m_groups

@@ -18,25 +18,42 @@ const std::u16string& CXmlFile::getBody() {
     return m_body;
 }
 
-void CXmlFile::createBody() {
-    m_body.clear();
-    if (m_oldTransferDtd) return;
-    std::u16string& out = m_body;
+namespace {
+
+void renderGroup(const CGroup& g, std::u16string& out) { g.appendXml(out); }
+void renderGroup(const CGroup& g, XmlLength& out) { out.units += g.xmlLength(); }
+
+template <typename Out>
+void renderOptional(Out& out, const char16_t* attribute, const std::u16string& value) {
+    if (value.empty()) return;
+    out += attribute;
+    out += value;
+    out += u'"';
+}
+
+}  // namespace
+
+template <typename Out>
+void CXmlFile::renderBody(Out& out) const {
     out += u"<kivinfo supplier_name=\"";
     out += m_supplierName;
     out += u'"';
-    auto optional = [&](const char16_t* name, const std::u16string& value) {
-        if (value.empty()) return;
-        out += name;
-        out += value;
-        out += u'"';
-    };
-    optional(u" supplier_version=\"", m_supplierVersion);
-    optional(u" supplier_vendor=\"", m_supplierVendor);
-    optional(u" model_version=\"", m_modelVersion);
+    renderOptional(out, u" supplier_version=\"", m_supplierVersion);
+    renderOptional(out, u" supplier_vendor=\"", m_supplierVendor);
+    renderOptional(out, u" model_version=\"", m_modelVersion);
     out += u'>';
-    for (const CGroup& g : m_groups) g.appendXml(out);
+    for (const CGroup& g : m_groups) renderGroup(g, out);
     out += u"</kivinfo>";
+}
+
+void CXmlFile::createBody() {
+    m_body.clear();
+    if (m_oldTransferDtd) return;
+    // Measured first, so that a large body is allocated once and never copied.
+    XmlLength length;
+    renderBody(length);
+    m_body.reserve(length.units);
+    renderBody(m_body);
 }
 
 void CXmlFile::createBodyOld() {
@@ -55,53 +72,61 @@ void CClassicXml::reset(std::u16string type, std::u16string version, const CXmlF
     m_text.clear();
 }
 
-void CClassicXml::parse() {
-    std::u16string& out = m_text;
-    out.clear();
+template <typename Out>
+void CClassicXml::render(Out& out) const {
     out += u"<qordata type=\"";
     out += m_type;
     out += u"\" version=\"";
     out += m_version;
     out += u"\">";
     if (m_file != nullptr) {
-        for (const CGroup& g : m_file->groups()) {
-            for (const CClass& c : g.classes()) {
-                for (const CInst& inst : c.instances()) {
-                    out += u"<instance classname=\"";
-                    out += c.getName();
-                    out += u'"';
-                    if (!inst.getId().empty()) {
-                        out += u" inst_id=\"";
-                        out += inst.getId();
-                        out += u'"';
-                    }
-                    out += u'>';
-                    for (const auto& [name, prop] : inst.properties()) {
-                        out += u"<property name=\"";
-                        out += name;
-                        out += u"\">";
-                        for (const std::u16string& v : prop.values()) {
-                            out += u"<value>";
-                            out += v;
-                            out += u"</value>";
-                        }
-                        out += u"</property>";
-                    }
-                    for (const auto& [role, ref] : inst.references()) {
-                        out += u"<reference rolename=\"";
-                        out += role;
-                        out += u"\" classname=\"";
-                        out += ref.getClassName();
-                        out += u"\" inst_id=\"";
-                        out += ref.getInstId();
-                        out += u"\"/>";
-                    }
-                    out += u"</instance>";
-                }
-            }
-        }
+        for (const CGroup& g : m_file->groups())
+            for (const CClass& c : g.classes())
+                for (const CInst& inst : c.instances()) renderInstance(out, c, inst);
     }
     out += u"</qordata>";
+}
+
+template <typename Out>
+void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
+    out += u"<instance classname=\"";
+    out += c.getName();
+    out += u'"';
+    if (!inst.getId().empty()) {
+        out += u" inst_id=\"";
+        out += inst.getId();
+        out += u'"';
+    }
+    out += u'>';
+    for (const auto& [name, prop] : inst.properties()) {
+        out += u"<property name=\"";
+        out += name;
+        out += u"\">";
+        for (const std::u16string& v : prop.values()) {
+            out += u"<value>";
+            out += v;
+            out += u"</value>";
+        }
+        out += u"</property>";
+    }
+    for (const auto& [role, ref] : inst.references()) {
+        out += u"<reference rolename=\"";
+        out += role;
+        out += u"\" classname=\"";
+        out += ref.getClassName();
+        out += u"\" inst_id=\"";
+        out += ref.getInstId();
+        out += u"\"/>";
+    }
+    out += u"</instance>";
+}
+
+void CClassicXml::parse() {
+    XmlLength length;
+    render(length);
+    m_text.clear();
+    m_text.reserve(length.units);
+    render(m_text);
 }
 
 const std::u16string& CClassicXml::getXml() {

@@ -207,6 +207,13 @@ void XmlDocument::release() {
     m_doc = nullptr;
 }
 
+void XmlDocument::discard(XmlElement& elem) {
+    if (elem.m_node == nullptr) return;
+    xmlUnlinkNode(elem.m_node);
+    xmlFreeNode(elem.m_node);
+    elem.m_node = nullptr;
+}
+
 XmlElement XmlDocument::root() const {
     return XmlElement(m_doc != nullptr ? xmlDocGetRootElement(m_doc) : nullptr);
 }

@@ -76,6 +76,7 @@ public:
     std::string text() const;
 
 private:
+    friend class XmlDocument;
     _xmlNode* m_node = nullptr;
 };
 
@@ -90,6 +91,10 @@ public:
     explicit operator bool() const { return m_doc != nullptr; }
     // Frees the tree early, once the model holds everything.
     void release();
+    // Removes an element with its subtree from the tree and frees it; the
+    // handle is empty afterwards. Freeing what has been read while the model
+    // is built keeps the tree and the model from peaking together.
+    void discard(XmlElement& elem);
 
 private:
     friend class XmlParser;
