@@ -1,0 +1,173 @@
+#include "http/CHttpProxy.h"
+
+#include <climits>
+#include <cstdlib>
+#include <new>
+#include <unistd.h>
+
+#include "http/IHttpRequest.h"
+#include "http/IHttpResponse.h"
+#include "http/IHttpStatus.h"
+#include "http/IIPConnection.h"
+#include "http/IURL.h"
+#include "model/CXmlFile.h"
+#include "runtime/NetRc.h"
+#include "support/CCConv.h"
+#include "support/CLog.h"
+
+namespace kivreg {
+
+namespace {
+
+// The factories fail only when memory runs out.
+void required(int rc) {
+    if (rc != 0) throw std::bad_alloc();
+}
+
+}  // namespace
+
+CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile, const std::u16string& user,
+                       const std::u16string& password, const std::u16string& host, const std::u16string& port,
+                       int connectTimeout, int sendTimeout, int readTimeout, bool openNow, bool https)
+    : m_log(log), m_xmlFile(xmlFile), m_user(user), m_password(password), m_host(host), m_port(port),
+      m_encoding(encoding) {
+    if (https) handleSecEnv();
+
+    required(createIIPConnection(m_connection));
+    m_connection->setTimeOutConn(connectTimeout);
+    m_connection->setTimeOutSend(sendTimeout);
+    m_connection->setTimeOutRead(readTimeout);
+    required(createIHttpRequest(m_connection.get(), m_request));
+    required(createIHttpResponse(m_connection.get(), m_response));
+    required(createIURL(m_url));
+
+    std::u16string text = https ? u"https://" : u"http://";
+    const bool ipv6 = m_host.find(u':') != std::u16string::npos;
+    text += ipv6 ? u"[" + m_host + u"]" : m_host;
+    text += u':';
+    text += m_port;
+    text += u'/';
+    text += ms_dsServletUrl;
+    *m_log << timestamp << u"Used URL: " << text << endlog;
+
+    m_url->setHuser(m_user.c_str());
+    m_url->setHpass(m_password.c_str());
+    m_url->setUrl(text.c_str());
+
+    m_request->setCmd(IHttpRequest::POST);
+    m_request->setHeaderline(CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
+    m_request->setIURL(m_url.get());
+
+    if (openNow) {
+        // The line reports the code held before the attempt, not the one the
+        // attempt produced; readers of these logs rely on its form.
+        const int before = m_niRc;
+        connect();
+        *m_log << timestamp << u"HTTP open status: " << m_open << u" - NI RC=" << before << endlog;
+    }
+}
+
+CHttpProxy::~CHttpProxy() = default;
+
+int CHttpProxy::connect() {
+    m_open = m_request->connect(&m_niRc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) > 0;
+    // From here on the field holds the open flag, not the network code.
+    m_niRc = m_open ? 1 : 0;
+    return m_niRc;
+}
+
+int CHttpProxy::openFile() { return connect(); }
+
+void CHttpProxy::handleSecEnv() {
+    if (std::getenv("SECUDIR") != nullptr) return;
+    char dir[PATH_MAX];
+    if (getcwd(dir, sizeof dir) == nullptr) {
+        *m_log << timestamp << u"Failed to get current work directory" << endlog;
+        return;
+    }
+    if (setenv("SECUDIR", dir, 1) != 0) *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
+}
+
+std::u16string CHttpProxy::xmlDeclaration() const {
+    return u"<?xml version=\"1.0\" encoding=\"" + m_encoding + u"\"?>";
+}
+
+std::u16string CHttpProxy::getBody() const {
+    const std::u16string& document = m_xmlFile.getBody();
+    if (document.empty()) return {};
+    return xmlDeclaration() + document;
+}
+
+std::string CHttpProxy::getBodyRaw() const {
+    const std::u16string& document = m_xmlFile.getBody();
+    std::string bytes;
+    if (document.empty()) return bytes;
+    const std::u16string declaration = xmlDeclaration();
+    if (m_encoding == TRANSFER_ENCODING_UTF8) {
+        // The document is converted where it lies; only the short declaration
+        // is put in front.
+        bytes = CCConv::toUTF8Str(document);
+        bytes.insert(0, CCConv::toUTF8Str(declaration));
+    } else if (m_encoding == TRANSFER_ENCODING_UTF16) {
+        bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
+        bytes.append(reinterpret_cast<const char*>(declaration.data()), declaration.size() * sizeof(char16_t));
+        bytes.append(reinterpret_cast<const char*>(document.data()), document.size() * sizeof(char16_t));
+    }
+    return bytes;
+}
+
+void CHttpProxy::createBodyFromXML() {
+    if (m_xmlFile.getBody().empty()) return;
+    std::string bytes = getBodyRaw();
+    // Documents in the current format go without a content-type line: this
+    // replaces the header set at construction. The old format keeps it.
+    if (!m_xmlFile.useOldTransferDtd()) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
+    m_request->addHeaderline(USER_AGENT);
+    if (!bytes.empty()) m_request->setBody(std::move(bytes));
+}
+
+int CHttpProxy::send() {
+    if (m_trace) {
+        *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
+        *m_log << timestamp << getBody() << endlog;
+        *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
+    }
+    m_request->sendMessage(&m_niRc);
+    return m_niRc;
+}
+
+int CHttpProxy::receive() {
+    // The label says length, the value is the number of interim answers
+    // skipped; the line keeps the form that log readers know.
+    const int skipped = m_response->readHeaderSkip100(&m_niRc);
+    if (m_trace)
+        *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped << u". HTTP header: "
+               << m_response->getHeader() << endlog;
+
+    std::u16string body;
+    size_t bodyBytes = 0;
+    bool refused = false;
+    if (m_response->expectsBody()) {
+        std::string raw;
+        int rc = 0;
+        while (m_response->readRawBody(&rc) >= 1) raw += m_response->getRawBody();
+        if (m_response->isChunked() && rc >= 0) m_response->readRawFooter(&rc);
+        // A malformed or oversized answer is no answer; a body cut short by
+        // the server closing still leaves its status standing.
+        refused = rc == rt::NET_ERR_PROTOCOL || rc == rt::NET_ERR_LIMIT;
+        bodyBytes = raw.size();
+        if (!refused) body = CCConv::fromUTF8Str(std::string_view(raw));
+        m_response->reset();
+    }
+    if (m_trace)
+        *m_log << timestamp << u"HTTP body length: " << bodyBytes << u" --- HTTP body: "
+               << (body.empty() ? std::u16string_view(u"*empty*") : std::u16string_view(body)) << endlog;
+
+    m_status = refused ? nullptr : m_response->getIHttpStatus();
+    if (m_status == nullptr) return -1;
+    *m_log << timestamp << u"Return code: " << m_status->getCode() << u" --- Return message: "
+           << m_status->getMessage() << endlog;
+    return m_status->getCode();
+}
+
+}  // namespace kivreg

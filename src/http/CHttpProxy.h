@@ -1,0 +1,88 @@
+#pragma once
+// One registration carried to the directory server: the loaded document is
+// posted to the data-supplier path and the server's status is reported.
+// Constructed (and connected) -> createBodyFromXML -> send -> receive. The
+// connection is transient, so an object carries exactly one request.
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kivreg {
+
+class CLog;
+class CXmlFile;
+class IIPConnection;
+class IHttpRequest;
+class IHttpResponse;
+class IHttpStatus;
+class IURL;
+
+class CHttpProxy {
+public:
+    static constexpr std::u16string_view TRANSFER_ENCODING_UTF8 = u"utf-8";
+    static constexpr std::u16string_view TRANSFER_ENCODING_UTF16 = u"utf-16";
+    // Sent as it stands; the servers expect this header name without a hyphen.
+    static constexpr std::u16string_view USER_AGENT = u"UserAgent: KIV Data Supplier kivreg";
+    static constexpr std::u16string_view DATA_SUPPLIER_XML_VERSION = u"dsxmlversion:2.0";
+    static constexpr std::u16string_view ms_dsServletUrl = u"kiv/ds";
+    static constexpr std::u16string_view ms_httpHeaderContentTypeTemplate = u"Content-type: text/xml; charset=\"XXX\"";
+    static constexpr std::u16string_view ms_placeholder = u"XXX";
+    static constexpr int HTTP_SUCCESS_CODE = 200;
+    static constexpr std::u16string_view SECUDIR = u"SECUDIR";
+
+    // Timeouts in seconds (see IIPConnection for the limits). The document
+    // must outlive the object; its body is read, never copied.
+    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile, const std::u16string& user,
+               const std::u16string& password, const std::u16string& host, const std::u16string& port,
+               int connectTimeout, int sendTimeout, int readTimeout, bool openNow, bool https);
+    ~CHttpProxy();
+    CHttpProxy(const CHttpProxy&) = delete;
+    CHttpProxy& operator=(const CHttpProxy&) = delete;
+
+    // Connects; returns the open flag as 0 or 1.
+    int openFile();
+    bool isOpen() const { return m_open; }
+    // Renders the document into the request body and sets the header lines.
+    void createBodyFromXML();
+    // 0 when the body was written, else the network layer's code.
+    int send();
+    // The HTTP status of the answer, or -1 when none could be had.
+    int receive();
+
+    // The request document: XML declaration followed by the document body.
+    std::u16string getBody() const;
+    // That document in the transfer encoding ("utf-8" or "utf-16" in memory
+    // order); empty for any other encoding.
+    std::string getBodyRaw() const;
+    size_t getBodyRawBytes() const { return getBodyRaw().size(); }
+
+    int getNiRc() const { return m_niRc; }
+    void setTrace() { m_trace = true; }
+    void unsetTrace() { m_trace = false; }
+
+    // Points SECUDIR at the working directory unless it is set already.
+    void handleSecEnv();
+
+private:
+    int connect();
+    std::u16string xmlDeclaration() const;
+
+    std::unique_ptr<IIPConnection> m_connection;
+    std::unique_ptr<IHttpRequest> m_request;
+    std::unique_ptr<IHttpResponse> m_response;
+    std::unique_ptr<IURL> m_url;
+    IHttpStatus* m_status = nullptr;  // owned by m_response
+    int m_niRc = 0;
+    CLog* m_log;
+    CXmlFile& m_xmlFile;
+    std::u16string m_user;
+    std::u16string m_password;
+    std::u16string m_host;
+    std::u16string m_port;
+    bool m_open = false;
+    std::u16string m_encoding;
+    bool m_trace = false;
+};
+
+}  // namespace kivreg
