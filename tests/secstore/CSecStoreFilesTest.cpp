@@ -69,62 +69,52 @@ protected:
     }
 };
 
-TEST_F(StoreFiles, RoundTripUnderTheBuiltInKey) {
-    {
-        CSecStore store(log, u16(data));
-        fillFive(store);
-        ASSERT_TRUE(store.store());
-    }
+// The file is the header and the UTF-8 plain text encrypted under the key in
+// use; the key file, when there is one, the header and the key.
+TEST_F(StoreFiles, FiveEntriesRoundTrip) {
     const std::string plain =
         u8(u"host_param=registry.example.org;https_param=y;pass_param=s3cr\u00e9t pw;"
            u"port_param=50000;user_param=admin;");
-    const std::string bytes = readFile(data);
-    ASSERT_EQ(bytes.size(), 4 + plain.size());
-    EXPECT_EQ(bytes.substr(0, 4), HEADER);
-    const auto cipher = CSecStore::encryptBinary(
-        reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), CSecStore::ms_key);
-    EXPECT_EQ(bytes.substr(4), asString(cipher.data(), cipher.size()));
-    EXPECT_FALSE(fs::exists(key));
+    for (bool useKeyFile : {false, true}) {
+        SCOPED_TRACE(useKeyFile ? "key file" : "built-in key");
+        fs::remove(data);
+        fs::remove(key);
+        LogCapture rowLog;
+        std::string keyBytes;
+        {
+            CSecStore store(rowLog, u16(data), useKeyFile);
+            fillFive(store);
+            const unsigned char* k = useKeyFile ? store.getRandKeyBinary() : CSecStore::ms_key;
+            keyBytes = asString(k, 8);
+            ASSERT_TRUE(store.store());
+        }
+        const auto cipher = CSecStore::encryptBinary(
+            reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
+            reinterpret_cast<const unsigned char*>(keyBytes.data()));
+        EXPECT_EQ(readFile(data), HEADER + asString(cipher.data(), cipher.size()));
+        EXPECT_EQ(fs::exists(key), useKeyFile);
+        if (useKeyFile) {
+            EXPECT_EQ(readFile(key), HEADER + keyBytes);
+        }
 
-    CSecStore back(log, u16(data));
-    ASSERT_TRUE(back.fetch());
-    EXPECT_FALSE(back.usesKeyFile());
-    EXPECT_EQ(back.getAll().size(), 5u);
-    EXPECT_EQ(back.get(u"pass_param"), u"s3cr\u00e9t pw");
-    EXPECT_EQ(back.get(u"host_param"), u"registry.example.org");
-    EXPECT_THAT(log.messages(),
-                ElementsAre("Writing data to encrypted file '" + dataName + "'",
-                            "Data written to secured data file '" + dataName + "'",
-                            "Using destination file '" + dataName + "'.",
-                            "No key file '" + keyName + "' used.",
-                            "Use encryted destination file '" + dataName + "' as data source"));
-    EXPECT_THAT(log.text(), Not(HasSubstr("s3cr")));
-}
+        CSecStore back(rowLog, u16(data));  // the key file beside the data decides
+        ASSERT_TRUE(back.fetch());
+        EXPECT_EQ(back.usesKeyFile(), useKeyFile);
+        EXPECT_EQ(back.getAll().size(), 5u);
+        EXPECT_EQ(back.get(u"pass_param"), u"s3cr\u00e9t pw");
+        EXPECT_EQ(back.get(u"host_param"), u"registry.example.org");
 
-TEST_F(StoreFiles, RoundTripUnderAKeyFile) {
-    std::vector<unsigned char> randKey;
-    {
-        CSecStore store(log, u16(data), true);
-        fillFive(store);
-        randKey.assign(store.getRandKeyBinary(), store.getRandKeyBinary() + 8);
-        ASSERT_TRUE(store.store());
+        std::vector<std::string> expected = {
+            "Writing data to encrypted file '" + dataName + "'",
+            "Data written to secured data file '" + dataName + "'"};
+        if (useKeyFile) expected.push_back("Data written to key file '" + keyName + "'");
+        expected.push_back("Using destination file '" + dataName + "'.");
+        expected.push_back(useKeyFile ? "Use binary key file '" + keyName + "' for data decryption"
+                                      : "No key file '" + keyName + "' used.");
+        expected.push_back("Use encryted destination file '" + dataName + "' as data source");
+        EXPECT_EQ(rowLog.messages(), expected);
+        EXPECT_THAT(rowLog.text(), Not(HasSubstr("s3cr")));
     }
-    EXPECT_EQ(readFile(key), HEADER + asString(randKey.data(), randKey.size()));
-
-    CSecStore back(log, u16(data));  // the key file beside the data decides
-    ASSERT_TRUE(back.fetch());
-    EXPECT_TRUE(back.usesKeyFile());
-    EXPECT_EQ(std::memcmp(back.getRandKeyBinary(), randKey.data(), 8), 0);
-    EXPECT_EQ(back.get(u"pass_param"), u"s3cr\u00e9t pw");
-    EXPECT_EQ(back.getAll().size(), 5u);
-    EXPECT_THAT(log.messages(),
-                ElementsAre("Writing data to encrypted file '" + dataName + "'",
-                            "Data written to secured data file '" + dataName + "'",
-                            "Data written to key file '" + keyName + "'",
-                            "Using destination file '" + dataName + "'.",
-                            "Use binary key file '" + keyName + "' for data decryption",
-                            "Use encryted destination file '" + dataName + "' as data source"));
-    EXPECT_THAT(log.text(), Not(HasSubstr("s3cr")));
 }
 
 // Plain texts of every length around the block boundary survive the files.
