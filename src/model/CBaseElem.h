@@ -68,9 +68,7 @@ protected:
         for (const CAttr& a : m_attributes) {
             out += u' ';
             out += a.getName();
-            out += u"=\"";
-            out += a.getValue();
-            out += u'"';
+            putAttribute(out, u"=\"", a.getValue());
         }
     }
 

@@ -26,14 +26,8 @@ std::u16string CProp::escapeXML(std::u16string_view value) {
 
 template <typename Out>
 void CProp::render(Out& out) const {
-    out += u"<property name=\"";
-    out += m_name;
-    out += u'"';
-    if (!m_sourceformat.empty()) {
-        out += u" sourceformat=\"";
-        out += m_sourceformat;
-        out += u'"';
-    }
+    putAttribute(out, u"<property name=\"", m_name);
+    putAttributeIfSet(out, u" sourceformat=\"", m_sourceformat);
     out += u'>';
     for (const std::u16string& v : m_values) {
         out += u"<value>";
@@ -47,18 +41,10 @@ void CProp::render(Out& out) const {
 
 template <typename Out>
 void CRef::render(Out& out) const {
-    out += u"<reference rolename=\"";
-    out += m_roleName;
-    out += u"\" groupname=\"";
-    out += m_groupName;
-    out += u"\" classname=\"";
-    out += m_className;
-    out += u'"';
-    if (!m_instId.empty()) {
-        out += u" inst_id=\"";
-        out += m_instId;
-        out += u'"';
-    }
+    putAttribute(out, u"<reference rolename=\"", m_roleName);
+    putAttribute(out, u" groupname=\"", m_groupName);
+    putAttribute(out, u" classname=\"", m_className);
+    putAttributeIfSet(out, u" inst_id=\"", m_instId);
     out += u"/>";
 }
 
@@ -83,11 +69,7 @@ void CInst::addReference(CRef&& ref) {
 template <typename Out>
 void CInst::render(Out& out) const {
     out += u"<instance";
-    if (!m_id.empty()) {
-        out += u" inst_id=\"";
-        out += m_id;
-        out += u'"';
-    }
+    putAttributeIfSet(out, u" inst_id=\"", m_id);
     out += u'>';
     for (const auto& [name, prop] : m_properties) prop.render(out);
     for (const auto& [role, ref] : m_references) ref.render(out);
@@ -122,9 +104,7 @@ void CClass::render(Out& out) const {
     } else {
         out += u"INVALID CLASS TYPE";
     }
-    out += u" name=\"";
-    out += m_name;
-    out += u'"';
+    putAttribute(out, u" name=\"", m_name);
     renderAttributes(out);
     out += u'>';
     for (const CInst& inst : m_instances) inst.render(out);
@@ -144,9 +124,7 @@ CGroup::ClassList::const_iterator CGroup::getClass(const std::u16string& name) c
 
 template <typename Out>
 void CGroup::render(Out& out) const {
-    out += u"<group name=\"";
-    out += m_name;
-    out += u'"';
+    putAttribute(out, u"<group name=\"", m_name);
     renderAttributes(out);
     out += u'>';
     for (const CClass& cls : m_classes) cls.render(out);

@@ -2,6 +2,7 @@
 
 #include "model/CClassicXml.h"
 #include "model/CXmlFile.h"
+#include "model/XmlLength.h"
 #include "support/CLog.h"
 
 namespace kivreg {
@@ -23,24 +24,14 @@ namespace {
 void renderGroup(const CGroup& g, std::u16string& out) { g.appendXml(out); }
 void renderGroup(const CGroup& g, XmlLength& out) { out.units += g.xmlLength(); }
 
-template <typename Out>
-void renderOptional(Out& out, const char16_t* attribute, const std::u16string& value) {
-    if (value.empty()) return;
-    out += attribute;
-    out += value;
-    out += u'"';
-}
-
 }  // namespace
 
 template <typename Out>
 void CXmlFile::renderBody(Out& out) const {
-    out += u"<kivinfo supplier_name=\"";
-    out += m_supplierName;
-    out += u'"';
-    renderOptional(out, u" supplier_version=\"", m_supplierVersion);
-    renderOptional(out, u" supplier_vendor=\"", m_supplierVendor);
-    renderOptional(out, u" model_version=\"", m_modelVersion);
+    putAttribute(out, u"<kivinfo supplier_name=\"", m_supplierName);
+    putAttributeIfSet(out, u" supplier_version=\"", m_supplierVersion);
+    putAttributeIfSet(out, u" supplier_vendor=\"", m_supplierVendor);
+    putAttributeIfSet(out, u" model_version=\"", m_modelVersion);
     out += u'>';
     for (const CGroup& g : m_groups) renderGroup(g, out);
     out += u"</kivinfo>";
@@ -74,11 +65,9 @@ void CClassicXml::reset(std::u16string type, std::u16string version, const CXmlF
 
 template <typename Out>
 void CClassicXml::render(Out& out) const {
-    out += u"<qordata type=\"";
-    out += m_type;
-    out += u"\" version=\"";
-    out += m_version;
-    out += u"\">";
+    putAttribute(out, u"<qordata type=\"", m_type);
+    putAttribute(out, u" version=\"", m_version);
+    out += u'>';
     if (m_file != nullptr) {
         for (const CGroup& g : m_file->groups())
             for (const CClass& c : g.classes())
@@ -89,19 +78,12 @@ void CClassicXml::render(Out& out) const {
 
 template <typename Out>
 void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
-    out += u"<instance classname=\"";
-    out += c.getName();
-    out += u'"';
-    if (!inst.getId().empty()) {
-        out += u" inst_id=\"";
-        out += inst.getId();
-        out += u'"';
-    }
+    putAttribute(out, u"<instance classname=\"", c.getName());
+    putAttributeIfSet(out, u" inst_id=\"", inst.getId());
     out += u'>';
     for (const auto& [name, prop] : inst.properties()) {
-        out += u"<property name=\"";
-        out += name;
-        out += u"\">";
+        putAttribute(out, u"<property name=\"", name);
+        out += u'>';
         for (const std::u16string& v : prop.values()) {
             out += u"<value>";
             out += v;
@@ -110,13 +92,11 @@ void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
         out += u"</property>";
     }
     for (const auto& [role, ref] : inst.references()) {
-        out += u"<reference rolename=\"";
-        out += role;
-        out += u"\" classname=\"";
-        out += ref.getClassName();
-        out += u"\" inst_id=\"";
-        out += ref.getInstId();
-        out += u"\"/>";
+        putAttribute(out, u"<reference rolename=\"", role);
+        putAttribute(out, u" classname=\"", ref.getClassName());
+        // The old format always writes the target id, empty or not.
+        putAttribute(out, u" inst_id=\"", ref.getInstId());
+        out += u"/>";
     }
     out += u"</instance>";
 }
