@@ -10,7 +10,6 @@
 namespace kivreg {
 namespace {
 
-using test::u16;
 using test::u8;
 
 CAttr attr(const char16_t* name, const char16_t* value, const char16_t* def,
@@ -131,36 +130,6 @@ TEST(CProp, EscapeReplacesExactlyTheFiveMarkupCharacters) {
         SCOPED_TRACE(u8(in));
         EXPECT_EQ(CProp::escapeXML(in), out);
     }
-}
-
-TEST(ElementXml, EdgeShapes) {
-    CInst bare;
-    EXPECT_EQ(u8(bare.getXml()), "<instance></instance>");
-    EXPECT_EQ(u8(CRef(u"R", u"G", u"C", u"").getXml()),
-              "<reference rolename=\"R\" groupname=\"G\" classname=\"C\"/>");
-    EXPECT_EQ(u8(CProp(u"Vendor").getXml()), "<property name=\"Vendor\"></property>");
-
-    CProp p(u"P");
-    p.setSourceformat(u"a\"b");  // names and formats pass unescaped
-    p.addValue(u"");
-    p.addValue(u"a\"b");
-    EXPECT_EQ(u8(p.getXml()),
-              "<property name=\"P\" sourceformat=\"a\"b\"><value></value><value>a&quot;b</value></property>");
-
-    CClass odd(u"X", 7);
-    odd.addAttribute(u"sync", u"", u"TRUE");
-    odd.addInst(CInst(u"i"));
-    EXPECT_EQ(u8(odd.getXml()), "INVALID CLASS TYPE name=\"X\" sync=\"TRUE\"><instance inst_id=\"i\"></instance>");
-
-    CInst sorted(u"s");
-    for (const char16_t* n : {u"Zeta", u"alpha", u"Beta"}) sorted.addProperty(CProp(n));
-    sorted.addReference(CRef(u"b", u"g", u"c", u"1"));
-    sorted.addReference(CRef(u"A", u"g", u"c", u"2"));
-    EXPECT_EQ(u8(sorted.getXml()),
-              "<instance inst_id=\"s\"><property name=\"Beta\"></property><property name=\"Zeta\"></property>"
-              "<property name=\"alpha\"></property>"
-              "<reference rolename=\"A\" groupname=\"g\" classname=\"c\" inst_id=\"2\"/>"
-              "<reference rolename=\"b\" groupname=\"g\" classname=\"c\" inst_id=\"1\"/></instance>");
 }
 
 }  // namespace

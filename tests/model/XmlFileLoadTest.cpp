@@ -185,17 +185,5 @@ TEST(CXmlFileLoad, EncodingOfTextAndFile) {
     EXPECT_EQ(file.getSupplierName(), u"M\u00FCnchen");
 }
 
-TEST(CXmlFileLoad, CopyKeepsTheModel) {
-    LogCapture cap;
-    auto file = test::loadText(cap, "<kivinfo supplier_name='S'><group name='G'/></kivinfo>");
-    CXmlFile copy(*file);
-    file.reset();
-    EXPECT_TRUE(copy.isLoaded());
-    ASSERT_NE(copy.findGroup(u"G"), nullptr);
-    EXPECT_EQ(u8(copy.getBody()),
-              "<kivinfo supplier_name=\"S\"><group name=\"G\" data_type=\"\" data_version=\"\" "
-              "group_type=\"GENERIC\"></group></kivinfo>");
-}
-
 }  // namespace
 }  // namespace kivreg
