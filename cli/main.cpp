@@ -1,11 +1,16 @@
 // kivreg: the command-line program over the registration library.
+//
+// Exit status: 0 success; 1 failure (bad input, refused setting, other HTTP
+// status); 2 no connection; 3 the symbol file could not be read.
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "api/ApiState.h"
 #include "api/CPArgs.h"
 #include "api/Vocabulary.h"
+#include "kivreg.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
 
@@ -13,11 +18,113 @@ namespace {
 
 using namespace kivreg;
 
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitNoConnection = 2;
+constexpr int kExitSymbols = 3;
+
 void print(std::u16string_view text) {
     std::string bytes;
     appendUtf8Lenient(bytes, text);
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
     std::fflush(stdout);
+}
+
+CLog& log() { return api::state().gLog; }
+
+// A setter refused without saying why: name the option and its value.
+int refused(std::u16string_view option, const std::u16string& value, std::u16string_view why) {
+    log() << timestamp << u"Option " << option << u" " << value << u" refused: " << why << endlog;
+    return kExitFailed;
+}
+
+int exitStatusOf(int result) {
+    if (result == 0) return kExitOk;
+    if (api::state().lastResultFromSymbols) return kExitSymbols;
+    if (result == -2) return kExitNoConnection;
+    if (result == -1) return kExitFailed;
+    return kExitSymbols;  // -10, -11: the symbol file could not be read
+}
+
+int showConnect(const CPArgs& cmd) {
+    const std::u16string file = cmd.getArg(CMDARG_SHOWCONFIG);
+    const int rc = cmd.isSwitchSet(CMDARG_USEKEYFILE) ? KivRegShowConfigWithKeyFile(file.c_str())
+                                                      : KivRegShowConfig(file.c_str());
+    return exitStatusOf(rc);
+}
+
+int configure(const CPArgs& cmd) {
+    const std::u16string file = cmd.getArg(CMDARG_CONFIGURE);
+    const bool useKeyFile = cmd.isSwitchSet(CMDARG_USEKEYFILE);
+    if (cmd.hasArg(CMDARG_HTTP_USER) && cmd.hasArg(CMDARG_HTTP_HOST) &&
+        cmd.hasArg(CMDARG_HTTP_PORT)) {
+        const std::u16string user = cmd.getArg(CMDARG_HTTP_USER);
+        const std::u16string pass = cmd.getArg(CMDARG_HTTP_PASS);
+        const std::u16string host = cmd.getArg(CMDARG_HTTP_HOST);
+        const std::u16string port = cmd.getArg(CMDARG_HTTP_PORT);
+        return exitStatusOf(KivRegPerformConfigWithArguments(
+            file.c_str(), useKeyFile, user.c_str(), pass.c_str(), host.c_str(), port.c_str(),
+            cmd.isSwitchSet(CMDARG_USEHTTPS)));
+    }
+    return exitStatusOf(KivRegPerformConfig(file.c_str(), useKeyFile));
+}
+
+int registration(const CPArgs& cmd) {
+    if (cmd.isSwitchSet(CMDARG_USEHTTPS)) KivRegUseHttps();
+    if (cmd.isSwitchSet(CMDARG_HTTP_TRACE)) KivRegDoHttpTrace();
+    if (cmd.isSwitchSet(CMDARG_DATA_TRACE)) KivRegDoDataTrace();
+    if (cmd.isSwitchSet(CMDARG_OLDTRANSFERDTD)) KivRegSetOldTransferOn();
+
+    struct Timeout {
+        std::u16string_view option;
+        int (*set)(const char16_t*);
+    };
+    for (const Timeout& t : {Timeout{CMDARG_CONNECT_TIMEOUT, KivRegSetConnectTimeout},
+                             Timeout{CMDARG_SEND_TIMEOUT, KivRegSetSendTimeout},
+                             Timeout{CMDARG_RECEIVE_TIMEOUT, KivRegSetReceiveTimeout}}) {
+        if (!cmd.hasArg(t.option)) continue;
+        const std::u16string value = cmd.getArg(t.option);
+        if (t.set(value.c_str()) != 1) return refused(t.option, value, u"a number of seconds is needed.");
+    }
+
+    if (cmd.hasArg(CMDARG_HTTP_USER) || cmd.hasArg(CMDARG_HTTP_PASS) ||
+        cmd.hasArg(CMDARG_HTTP_HOST) || cmd.hasArg(CMDARG_HTTP_PORT)) {
+        const std::u16string user = cmd.getArg(CMDARG_HTTP_USER);
+        const std::u16string pass = cmd.getArg(CMDARG_HTTP_PASS);
+        const std::u16string host = cmd.getArg(CMDARG_HTTP_HOST);
+        const std::u16string port = cmd.getArg(CMDARG_HTTP_PORT);
+        if (KivRegSetConnectData(host.c_str(), port.c_str(), user.c_str(), pass.c_str()) != 1) {
+            // The password is never repeated, not even in a refusal.
+            log() << timestamp << u"Incomplete HTTP connect data: -user, -host and -port need "
+                  << u"a value (given: -user " << user << u", -host " << host << u", -port "
+                  << port << u")." << endlog;
+            return kExitFailed;
+        }
+    }
+
+    if (cmd.hasArg(CMDARG_CONNECT_FILE)) {
+        const std::u16string file = cmd.getArg(CMDARG_CONNECT_FILE);
+        const int rc = cmd.isSwitchSet(CMDARG_USEKEYFILE)
+                           ? KivRegSetConnectFileWithKeyFile(file.c_str())
+                           : KivRegSetConnectFile(file.c_str());
+        if (rc != 1) {
+            if (file.empty()) return refused(CMDARG_CONNECT_FILE, file, u"a file name is needed.");
+            return kExitFailed;  // the library said why
+        }
+    }
+    if (cmd.hasArg(CMDARG_SYMBOL_FILE)) {
+        const std::u16string file = cmd.getArg(CMDARG_SYMBOL_FILE);
+        if (KivRegSetSymbolFile(file.c_str()) != 1) {
+            return refused(CMDARG_SYMBOL_FILE, file, u"the file cannot be opened.");
+        }
+    }
+
+    const std::u16string file = cmd.getArg(CMDARG_FILENAME);
+    const bool fromStdin = cmd.isSwitchSet(CMDARG_STDIN) || file.empty();
+    const int loaded = fromStdin ? KivRegSetXMLStdin() : KivRegSetXMLFile(file.c_str());
+    if (loaded != 1) return kExitFailed;  // the loader logged the reason
+
+    return exitStatusOf(KivRegSendReceiveData());
 }
 
 }  // namespace
@@ -28,24 +135,30 @@ int main(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) {
         try {
             args.push_back(CCConv::fromUTF8Str(std::string_view(argv[i])));
-        } catch (const ERegExcept& e) {
+        } catch (const ERegExcept&) {
             std::fprintf(stderr, "kivreg: argument %d is not valid UTF-8\n", i);
-            return 1;
+            return kExitFailed;
         }
     }
     std::vector<char16_t*> vec;
+    vec.reserve(args.size() + 1);
     for (auto& a : args) vec.push_back(a.data());
     vec.push_back(nullptr);
     const CPArgs cmd(vec.data());
 
     if (cmd.isSwitchSet(CMDARG_HELP)) {
         print(PROGRAM_USAGE);
-        return 0;
+        return kExitOk;
     }
     if (cmd.isSwitchSet(CMDARG_VERSION)) {
         print(std::u16string(PROGRAM_TITLE) + u"\n" + std::u16string(PROGRAM_ID) + u"\n");
-        return 0;
+        return kExitOk;
     }
-    print(PROGRAM_USAGE);
-    return 1;
+    if (cmd.hasArg(CMDARG_LOGFILENAME)) {
+        const std::u16string logFile = cmd.getArg(CMDARG_LOGFILENAME);
+        KivRegSetLogfile(logFile.c_str());
+    }
+    if (cmd.hasArg(CMDARG_SHOWCONFIG)) return showConnect(cmd);
+    if (cmd.hasArg(CMDARG_CONFIGURE)) return configure(cmd);
+    return registration(cmd);
 }

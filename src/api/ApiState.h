@@ -1,0 +1,34 @@
+#pragma once
+// The process-wide state behind the exported functions. Settings live in
+// gArgs under the command line's option names, so that a host calling the
+// setters and a parsed command line look the same to the registration run.
+
+#include <memory>
+#include <string>
+
+#include "api/CPArgs.h"
+#include "model/CXmlFile.h"
+#include "model/PSymbols.h"
+#include "support/CLog.h"
+
+namespace kivreg::api {
+
+struct ApiState {
+    CLog gLog;  // before gArgs and the documents: they log until they are gone
+    CPArgs gArgs;
+    std::unique_ptr<CXmlFile> gpXmlFile;
+    std::unique_ptr<PSymbols> gpSymbols;
+    // Set by a run whose result is the symbol reader's own code, which can
+    // coincide with the run's -1 and -2; the program tells them apart by it.
+    bool lastResultFromSymbols = false;
+};
+
+ApiState& state();
+
+// A null string from a C caller reads as empty.
+inline std::u16string text(const char16_t* s) { return s ? std::u16string(s) : std::u16string(); }
+
+// The registration run (KivRegSendReceiveData) and its inner part.
+int sendReceiveData();
+
+}  // namespace kivreg::api

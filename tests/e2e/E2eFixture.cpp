@@ -1,0 +1,78 @@
+#include "E2eFixture.h"
+
+#include <algorithm>
+
+namespace kivreg::test {
+
+const char* const kDocument =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<kivinfo supplier_name=\"E2E Supplier\" supplier_version=\"2.1\">\n"
+    "  <group name=\"Systems\" group_type=\"SPECIFIC\">\n"
+    "    <class name=\"Computer\">\n"
+    "      <instance inst_id=\"h1\">\n"
+    "        <property name=\"Name\" sourceformat=\"text\"><value>h1 &amp; co \xC3\xA9t\xC3\xA9</value></property>\n"
+    "        <reference rolename=\"Parent\" groupname=\"Systems\" classname=\"Cluster\" inst_id=\"c1\"/>\n"
+    "      </instance>\n"
+    "    </class>\n"
+    "    <class name=\"Cluster\"><instance inst_id=\"c1\"/></class>\n"
+    "  </group>\n"
+    "</kivinfo>\n";
+
+DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& options)
+    : m_store(dir / "store") {
+    std::vector<std::string> argv = {"/usr/bin/env", "python3", kServerScript, "--quiet",
+                                     "--user", options.user, "--password", options.password,
+                                     "--store", m_store.string(),
+                                     "--status", std::to_string(options.status)};
+    if (options.https) {
+        makeCertificates(dir);
+        argv.insert(argv.end(), {"--cert", (dir / "server.pem").string(), "--key",
+                                 (dir / "server.key").string()});
+    }
+    m_child = std::make_unique<Child>(argv);
+    const std::string line = m_child->waitForLine("listening on", std::chrono::seconds(20));
+    if (line.empty()) throw std::runtime_error("directory server did not start: " + m_child->output());
+    m_port = std::stoi(line.substr(line.rfind(':') + 1));
+}
+
+std::vector<std::string> DirServer::stored() const {
+    std::vector<std::filesystem::path> files;
+    if (std::filesystem::exists(m_store)) {
+        for (const auto& e : std::filesystem::directory_iterator(m_store)) {
+            if (e.path().extension() == ".xml") files.push_back(e.path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    std::vector<std::string> out;
+    for (const auto& f : files) out.push_back(readFile(f));
+    return out;
+}
+
+void makeCertificates(const std::filesystem::path& dir) {
+    const std::string d = dir.string();
+    const std::string script =
+        "set -e; cd '" + d + "'\n"
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=kivreg-test-ca "
+        "  -keyout ca.key -out ca.pem 2>/dev/null\n"
+        "printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\\n' > san.ext\n"
+        "openssl req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout server.key "
+        "  -out server.csr 2>/dev/null\n"
+        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 "
+        "  -extfile san.ext -out server.pem 2>/dev/null\n";
+    const RunResult r = run({"/bin/sh", "-c", script});
+    if (r.exitCode != 0) throw std::runtime_error("certificate generation failed: " + r.out);
+}
+
+RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) {
+    std::vector<std::string> argv = {kProgram};
+    argv.insert(argv.end(), args.begin(), args.end());
+    if (options.cwd.empty()) options.cwd = m_dir.path().string();
+    return run(argv, options);
+}
+
+std::string E2e::writeDoc(const std::string& name, const std::string& xml) {
+    writeFile(m_dir / name, xml);
+    return path(name);
+}
+
+}  // namespace kivreg::test

@@ -1,0 +1,59 @@
+#pragma once
+// A local directory server on a free loopback port and the kivreg program
+// run against it, each in its own process.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Process.h"
+#include "testutil/TestUtil.h"
+
+namespace kivreg::test {
+
+inline const std::string kProgram = KIVREG_BINARY_DIR "/kivreg";
+inline const std::string kLibrary = KIVREG_BINARY_DIR "/libkivreg.so";
+inline const std::string kServerScript = KIVREG_SOURCE_DIR "/tools/kivreg_dirserver.py";
+
+struct ServerOptions {
+    std::string user = "supplier";
+    std::string password = "s3cret-pw";
+    int status = 200;
+    bool https = false;
+};
+
+class DirServer {
+public:
+    DirServer(const std::filesystem::path& dir, const ServerOptions& options);
+    int port() const { return m_port; }
+    std::string portText() const { return std::to_string(m_port); }
+    // The documents the server accepted, in arrival order.
+    std::vector<std::string> stored() const;
+
+private:
+    std::filesystem::path m_store;
+    std::unique_ptr<Child> m_child;
+    int m_port = 0;
+};
+
+// Writes a throwaway CA and a server certificate for 127.0.0.1 and localhost
+// into dir: ca.pem, server.pem, server.key.
+void makeCertificates(const std::filesystem::path& dir);
+
+class E2e : public testing::Test {
+protected:
+    // Runs kivreg with the arguments in the test's directory.
+    RunResult kivreg(const std::vector<std::string>& args, RunOptions options = {});
+    std::string writeDoc(const std::string& name, const std::string& xml);
+    std::string path(const std::string& name) const { return (m_dir / name).string(); }
+
+    TempDir m_dir;
+};
+
+// A small document whose one reference resolves.
+extern const char* const kDocument;
+
+}  // namespace kivreg::test

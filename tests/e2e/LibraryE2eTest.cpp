@@ -1,0 +1,62 @@
+// libkivreg.so as a host sees it: its exported surface and a C caller.
+
+#include <gmock/gmock.h>
+
+#include <set>
+#include <sstream>
+
+#include "E2eFixture.h"
+
+namespace kivreg::test {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(SharedLibrary, ExportsExactlyTheTwentyTwoFunctions) {
+    const RunResult r = run({"/usr/bin/nm", "-D", "--defined-only", kLibrary});
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    std::set<std::string> exported;
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::string address, type, name;
+        fields >> address >> type >> name;
+        if (type == "T") exported.insert(name);
+        // Anything else defined and global would be a leak of internals.
+        else if (type != "A" && !name.empty()) ADD_FAILURE() << "unexpected symbol " << line;
+    }
+    const std::set<std::string> expected = {
+        "KivRegUseHttps", "KivRegDoHttpTrace", "KivRegDoDataTrace", "KivRegSetOldTransferOn",
+        "KivRegSetNewTransferOn", "KivRegSetXMLStdin", "KivRegSetXMLFile", "KivRegSetXML",
+        "KivRegSetReceiveTimeout", "KivRegSetSendTimeout", "KivRegSetConnectTimeout",
+        "KivRegSetConnectData", "KivRegSetConnectFile", "KivRegSetConnectFileWithKeyFile",
+        "KivRegSetSymbolFile", "KivRegSetLogfile", "KivRegSendReceiveData", "KivRegPerformConfig",
+        "KivRegPerformConfigWithKeyFile", "KivRegPerformConfigWithArguments", "KivRegShowConfig",
+        "KivRegShowConfigWithKeyFile"};
+    EXPECT_EQ(exported, expected);
+
+    const RunResult soname = run({"/usr/bin/objdump", "-p", kLibrary});
+    EXPECT_THAT(soname.out, HasSubstr("SONAME               libkivreg.so.1"));
+}
+
+class CHost : public E2e {};
+
+TEST_F(CHost, RegistersThroughDlopenAndDlsym) {
+    DirServer server(m_dir.path(), {.user = "host", .password = "pw"});
+    writeDoc("doc.xml", kDocument);
+    RunResult r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary, server.portText(),
+                       "host", "pw", path("doc.xml")});
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Invalid log file specified."));
+    EXPECT_THAT(r.out, HasSubstr("HTTP open timeout     = 30 sec"));
+    EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=0"));
+    EXPECT_EQ(server.stored().size(), 1u);
+
+    r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary, server.portText(), "host",
+             "wrong", path("doc.xml")});
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=-1"));
+}
+
+}  // namespace
+}  // namespace kivreg::test

@@ -1,0 +1,229 @@
+// The kivreg program against the local directory server.
+
+#include <gmock/gmock.h>
+
+#include "E2eFixture.h"
+
+namespace kivreg::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+class Registration : public E2e {
+protected:
+    // The connection options of a server, with the document file.
+    std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
+        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument), "-user",
+                                         "supplier", "-pass", "s3cret-pw", "-host", "127.0.0.1",
+                                         "-port", server.portText()};
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+};
+
+TEST_F(Registration, OverHttpStoresTheTransferDocument) {
+    DirServer server(m_dir.path(), {});
+    const RunResult r = kivreg(connect(server));
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Used URL: http://127.0.0.1:" + server.portText() + "/kiv/ds"));
+    EXPECT_THAT(r.out, HasSubstr("HTTP send successful."));
+    EXPECT_THAT(r.out, HasSubstr("HTTP response: Success. HTTP status code: 200"));
+    EXPECT_THAT(r.out, HasSubstr("*** End KIV Registration ***"));
+    EXPECT_THAT(r.out, Not(HasSubstr("s3cret-pw")));
+    const auto docs = server.stored();
+    ASSERT_EQ(docs.size(), 1u);
+    EXPECT_EQ(docs[0],
+              "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+              "<kivinfo supplier_name=\"E2E Supplier\" supplier_version=\"2.1\">"
+              "<group name=\"Systems\" data_type=\"\" data_version=\"\" group_type=\"SPECIFIC\">"
+              "<class name=\"Computer\" sync=\"TRUE\" merge_properties=\"TRUE\" clean=\"NONE\">"
+              "<instance inst_id=\"h1\"><property name=\"Name\" sourceformat=\"text\">"
+              "<value>h1 &amp; co \xC3\xA9t\xC3\xA9</value></property>"
+              "<reference rolename=\"Parent\" groupname=\"Systems\" classname=\"Cluster\" "
+              "inst_id=\"c1\"/></instance></class>"
+              "<class name=\"Cluster\" sync=\"TRUE\" merge_properties=\"TRUE\" clean=\"NONE\">"
+              "<instance inst_id=\"c1\"></instance></class></group></kivinfo>");
+}
+
+TEST_F(Registration, OverHttpsWithTheTestAuthorityTrusted) {
+    DirServer server(m_dir.path(), {.https = true});
+    std::filesystem::copy_file(m_dir / "ca.pem", m_dir / "kivreg_trust.pem");
+    RunOptions withTrust;
+    withTrust.env["SECUDIR"] = m_dir.path().string();
+    RunResult r = kivreg(connect(server, {"-usehttps"}), withTrust);
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Using HTTPS"));
+    EXPECT_THAT(r.out, HasSubstr("Used URL: https://127.0.0.1:"));
+    EXPECT_EQ(server.stored().size(), 1u);
+
+    // Without the authority the server's certificate is not trusted.
+    std::filesystem::remove(m_dir / "kivreg_trust.pem");
+    r = kivreg(connect(server, {"-usehttps"}), withTrust);
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
+    EXPECT_EQ(server.stored().size(), 1u);
+}
+
+TEST_F(Registration, StatusOtherThan200IsAFailure) {
+    DirServer created(m_dir.path(), {.status = 201});
+    RunResult r = kivreg(connect(created));
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("HTTP response: Failure. HTTP status code: 201"));
+
+    TempDir other;
+    DirServer strict(other.path(), {.password = "another"});
+    r = kivreg(connect(strict));
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("HTTP response: Failure. HTTP status code: 401"));
+    EXPECT_TRUE(strict.stored().empty());
+}
+
+TEST_F(Registration, ClosedPortAndUnknownHostFailToConnect) {
+    int closedPort;
+    {
+        DirServer gone(m_dir.path(), {});
+        closedPort = gone.port();
+    }  // stopped: nothing listens there any more
+    RunResult r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host",
+                          "127.0.0.1", "-port", std::to_string(closedPort)});
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("HTTP open status: false"));
+    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
+
+    r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host",
+                "no-such-host.invalid", "-port", "8080"});
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
+}
+
+TEST_F(Registration, SymbolFiles) {
+    DirServer server(m_dir.path(), {});
+    writeFile(m_dir / "ok.sym", "# site values\nsite = Berlin\n");
+    writeFile(m_dir / "bad.sym", "site=Berlin\nthis line has no equals sign\n");
+    writeDoc("sym.xml",
+             "<kivinfo supplier_name=\"S\"><group name=\"G\"><class name=\"C\">"
+             "<instance inst_id=\"i\"><property name=\"Site\"><value>${site}</value></property>"
+             "</instance></class></group></kivinfo>\n");
+    auto args = [&](const std::string& symbols) {
+        return std::vector<std::string>{"-file", path("sym.xml"), "-user", "supplier", "-pass",
+                                        "s3cret-pw", "-host", "127.0.0.1", "-port",
+                                        server.portText(), "-symbolfile",
+                                        symbols, "-datatrace"};
+    };
+
+    RunResult r = kivreg(args(path("missing.sym")));
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("-symbolfile " + path("missing.sym")));
+
+    r = kivreg(args(path("bad.sym")));
+    EXPECT_EQ(r.exitCode, 3) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Syntax error in symbol line: \"this line has no equals sign\"."));
+    EXPECT_THAT(r.out, Not(HasSubstr("Start KIV Registration")));
+
+    r = kivreg(args(path("ok.sym")));
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("### site = \"Berlin\""));
+    // The data trace shows the document before and after substitution.
+    size_t begins = 0;
+    for (size_t at = 0; (at = r.out.find(">>> Begin Parsed Data >>>", at)) != std::string::npos; ++at) {
+        ++begins;
+    }
+    EXPECT_EQ(begins, 2u);
+    EXPECT_THAT(r.out, HasSubstr("Parsed Value: ${site}"));
+    EXPECT_THAT(r.out, HasSubstr("Parsed Value: Berlin"));
+    ASSERT_EQ(server.stored().size(), 1u);
+    EXPECT_THAT(server.stored()[0], HasSubstr("<value>Berlin</value>"));
+}
+
+TEST_F(Registration, OldTransferFormat) {
+    DirServer server(m_dir.path(), {});
+    // The old format never escapes values: an "&" would make the document
+    // malformed, and the server would refuse it.
+    std::string doc = kDocument;
+    doc.replace(doc.find(" &amp; co"), 9, " co");
+    const RunResult r = kivreg({"-file", writeDoc("old.xml", doc), "-user", "supplier", "-pass",
+                                "s3cret-pw", "-host", "127.0.0.1", "-port", server.portText(),
+                                "-oldtransferdtd"});
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    ASSERT_EQ(server.stored().size(), 1u);
+    EXPECT_EQ(server.stored()[0],
+              "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+              "<qordata type=\"E2E Supplier\" version=\"2.1\">"
+              "<instance classname=\"Computer\" inst_id=\"h1\"><property name=\"Name\">"
+              "<value>h1 co \xC3\xA9t\xC3\xA9</value></property>"
+              "<reference rolename=\"Parent\" classname=\"Cluster\" inst_id=\"c1\"/></instance>"
+              "<instance classname=\"Cluster\" inst_id=\"c1\"></instance></qordata>");
+}
+
+TEST_F(Registration, HttpTraceWithLogFileWritesTheTraceFile) {
+    DirServer server(m_dir.path(), {});
+    const RunResult r = kivreg(connect(server, {"-httptrace", "-logfile", path("run.log")}));
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("HTTP trace: true"));
+    EXPECT_THAT(r.out, HasSubstr(">>> BEGIN HTTP MESSAGE BODY >>>"));
+    const std::string log = readFile(m_dir / "run.log");
+    EXPECT_THAT(log, HasSubstr("HTTP response: Success. HTTP status code: 200"));
+    // Said before the switch, so only the console has it.
+    EXPECT_THAT(r.out, HasSubstr("Used logfile: " + path("run.log")));
+    EXPECT_THAT(log, Not(HasSubstr("Used logfile: ")));
+    const std::string trace = readFile(m_dir / "kivreg_http_trace.log");
+    EXPECT_THAT(trace, HasSubstr("HttpRequest::connect"));
+    EXPECT_THAT(trace + log + r.out, Not(HasSubstr("s3cret-pw")));
+}
+
+TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
+    DirServer server(m_dir.path(), {});
+    const std::string good = writeDoc("good.xml", kDocument);
+    writeFile(m_dir / "empty.xml", "");
+    writeFile(m_dir / "binary.xml", std::string("\x7f" "ELF\x01\x00\xff\xfe garbage", 17));
+    writeFile(m_dir / "garbage.conn", "not a connect file at all");
+    struct Row {
+        const char* what;
+        std::vector<std::string> args;
+        int exit;
+        std::string message;
+    };
+    const std::string port = server.portText();
+    const Row rows[] = {
+        {"missing document", {"-file", path("nope.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1, "Failed to load and parse XML input file: " + path("nope.xml")},
+        {"empty document", {"-file", path("empty.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1, "Parse error on XML file."},
+        {"binary document", {"-file", path("binary.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1, "Parse error on XML file."},
+        {"port not numeric", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "80a"},
+         1, "Invalid HTTP port specified."},
+        {"port out of range", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "65537"},
+         1, "Invalid HTTP port specified."},
+        {"no user", {"-file", good, "-pass", "s3cret-pw", "-host", "127.0.0.1", "-port", port},
+         1, "Incomplete HTTP connect data"},
+        {"no connection data", {"-file", good}, 1, "Incomplete HTTP connect information specified."},
+        {"connect file of another format", {"-file", good, "-connectfile", path("garbage.conn")},
+         1, "Failed to read connect file: " + path("garbage.conn")},
+        {"timeout empty", {"-file", good, "-connecttimeout", "", "-user", "u", "-host", "h", "-port", "1"},
+         1, "Option -connecttimeout  refused"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const RunResult r = kivreg(row.args);
+        EXPECT_EQ(r.exitCode, row.exit) << r.out;
+        EXPECT_THAT(r.out, HasSubstr(row.message));
+        EXPECT_THAT(r.out, Not(HasSubstr("s3cret-pw")));
+    }
+    EXPECT_TRUE(server.stored().empty());
+}
+
+TEST_F(Registration, DocumentFromStandardInput) {
+    DirServer server(m_dir.path(), {});
+    RunOptions piped;
+    piped.input = kDocument;
+    const RunResult r = kivreg({"-user", "supplier", "-pass", "s3cret-pw", "-host", "127.0.0.1",
+                                "-port", server.portText()},
+                               piped);
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_EQ(server.stored().size(), 1u);
+}
+
+}  // namespace
+}  // namespace kivreg::test
