@@ -63,14 +63,6 @@ TEST(IPConnection, OpenCloseAndTheStateBetween) {
     EXPECT_EQ(rc, rt::NET_ERR_INVALID);
 }
 
-TEST(IPConnection, FailedOpenReportsTheNetworkCode) {
-    IPConnection c;
-    const std::u16string closed = test::u16(test::closedPort());
-    EXPECT_EQ(c.open(u"127.0.0.1", closed.c_str(), false), rt::NET_ERR_REFUSED);
-    EXPECT_EQ(c.open(u"no-such-host.invalid", u"80", false), rt::NET_ERR_RESOLVE);
-    EXPECT_EQ(c.close(), 0);
-}
-
 TEST(IPConnection, RefusedTlsHandshakeWritesOpenSslsReasonToTheTrace) {
     test::TempDir dir;
     const char* old = std::getenv("SECUDIR");

@@ -156,20 +156,5 @@ TEST_F(TraceTest, ExternalFileIsTheCallersToKeep) {
     EXPECT_EQ(t.getExternFP(), nullptr);
 }
 
-TEST_F(TraceTest, FreeFunctionsActOnTheProcessTrace) {
-    setTraceVerbosity(3);
-    EXPECT_EQ(Trace::instance().getVerbosity(), 3);
-    setTraceFile(u"x.log");
-    setTraceFile(nullptr);  // ignored
-    EXPECT_EQ(test::u8(Trace::instance().getFileName()), "x.log");
-    setTraceOff();
-    EXPECT_FALSE(Trace::instance().isOn());
-    setTraceOn();
-    EXPECT_TRUE(Trace::instance().isOn());
-    setKernelTraceLevel(3);
-    EXPECT_EQ(getKernelTraceLevel(), 3);
-    setKernelTraceLevel(0);
-}
-
 }  // namespace
 }  // namespace kivreg

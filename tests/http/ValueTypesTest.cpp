@@ -67,16 +67,6 @@ TEST(URL, CredentialsGoToUserAndPasswordNeverIntoTheText) {
     EXPECT_EQ(u8(url.getUrl(false)), "https://h:443/x");
 }
 
-TEST(URL, OpaqueUrlsAndEmptyText) {
-    URL url;
-    EXPECT_TRUE(url.setUrl(u"mailto:someone@example.org"));
-    EXPECT_EQ(str(url.getService()), "mailto");
-    EXPECT_EQ(str(url.getOpaque()), "someone@example.org");
-    EXPECT_EQ(url.getHost(), nullptr);
-    EXPECT_FALSE(url.setUrl(u""));
-    EXPECT_FALSE(url.setUrl(nullptr));
-}
-
 TEST(URL, EscapeAndUnescape) {
     URL url;
     const std::vector<std::pair<std::u16string, std::string>> cases = {
@@ -110,21 +100,6 @@ TEST(ParValMultilineDictionary, ParsesResponseHeaders) {
     EXPECT_EQ(u8(dict->getBlock()[1].line), "content-LENGTH:  42 ");
     dict->reset();
     EXPECT_EQ(dict->fetchVal(u"host", true), nullptr);
-}
-
-TEST(ParValDictionary, FlagsDecideTrimmingQuotesAndBareItems) {
-    std::unique_ptr<IParValDictionary> dict;
-    ASSERT_EQ(createIParValDictionary(dict, u";", u"=", u" ", false, false, false), 0);
-    EXPECT_EQ(dict->parseLine(u" a = \"x\" ;bare; b=2"), 2);
-    EXPECT_EQ(str(dict->fetchVal(u" a ", false)), " \"x\" ");
-    EXPECT_EQ(dict->fetchVal(u"bare", false), nullptr);
-    EXPECT_EQ(dict->parseLine(u" a = \"x\" ;bare; b=2", true, true), 2);
-    EXPECT_EQ(str(dict->fetchVal(u"a", false)), "x");
-    EXPECT_EQ(u8(dict->getLine().line), " a = \"x\" ;bare; b=2");
-
-    ASSERT_EQ(createIParValDictionary(dict, u";", u"=", u" ", true, true, true), 0);
-    EXPECT_EQ(dict->parseLine(u"text/xml; q=1"), 2);
-    EXPECT_EQ(str(dict->fetchVal(u"text/xml", false)), "");
 }
 
 TEST(Base64, EncodesAndDecodes) {

@@ -152,24 +152,5 @@ TEST(NetSocket, WritingToAPeerThatHasGoneIsAnErrorNotASignal) {
     netClose(fd);
 }
 
-TEST(NetSocket, ClosedHandlesAndBadArgumentsAreRefused) {
-    char buf[4];
-    size_t n = 5;
-    EXPECT_EQ(netRead(-1, buf, sizeof buf, kShortMs, &n), NET_ERR_INVALID);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(netWrite(-1, buf, sizeof buf, kShortMs, &n), NET_ERR_INVALID);
-    EXPECT_EQ(netClose(-1), NET_ERR_INVALID);
-    EXPECT_EQ(netOpen("127.0.0.1", "80", kShortMs, nullptr), NET_ERR_INVALID);
-}
-
-TEST(NetSocket, HostLookups) {
-    std::string name, addr;
-    EXPECT_EQ(netMyHostName(name), NET_OK);
-    EXPECT_FALSE(name.empty());
-    ASSERT_EQ(netHostToAddr("127.0.0.1", addr), NET_OK);
-    EXPECT_EQ(addr, "127.0.0.1");
-    EXPECT_EQ(netHostToAddr("no-such-host.invalid", addr), NET_ERR_RESOLVE);
-}
-
 }  // namespace
 }  // namespace kivreg::rt

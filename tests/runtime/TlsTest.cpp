@@ -90,20 +90,6 @@ TEST_F(TlsTest, TrustedServerConnectsByNameAndByAddress) {
     }
 }
 
-TEST_F(TlsTest, DataRoundTrip) {
-    trustTestCa();
-    TestServer server(answerOnce, serverWith("server"));
-    Client c;
-    ASSERT_EQ(connect(c, server, "localhost"), NET_OK) << c.reason;
-    const std::string request = "PING\r\n\r\n";
-    size_t n = 0;
-    ASSERT_EQ(tlsWrite(*c.session, request.data(), request.size(), kLongMs, &n), NET_OK);
-    std::string got;
-    char buf[256];
-    while (got.size() < 14 && tlsRead(*c.session, buf, sizeof buf, kLongMs, &n) == NET_OK) got.append(buf, n);
-    EXPECT_EQ(got, "answer to PING");
-}
-
 TEST_F(TlsTest, ServersThatMustNotBeTrustedAreRefusedWithTheVerifyReason) {
     struct Case {
         const char* name;
