@@ -193,36 +193,26 @@ TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     EXPECT_THAT(r.out, HasSubstr("port_param=8443\n"));
 }
 
-TEST_F(Configure, QuitWritesNothing) {
+TEST_F(Configure, NoAsksAgainAndQuitWritesNothing) {
     const std::string conn = path("quit.conn");
     Terminal t({kProgram, "-configure", conn, "-usekeyfile"}, m_dir.path().string());
-    ASSERT_TRUE(t.expect("User Name       : "));
-    t.type("u\r");
-    ASSERT_TRUE(t.expect("Password        : "));
-    t.type("p\r");
-    ASSERT_TRUE(t.expect("Verify Password : "));
-    t.type("p\r");
-    ASSERT_TRUE(t.expect("Server Host     : "));
-    t.type("h\r");
-    ASSERT_TRUE(t.expect("]: "));
-    t.type("443\r");
-    ASSERT_TRUE(t.expect("(y/n): "));
-    t.type("n\r");
-    ASSERT_TRUE(t.expect("' and generate key file '" + conn + ".key'? [y=yes/n=no/q=quit] "));
-    t.type("n\r");
-    ASSERT_TRUE(t.expect("User Name       : ")) << "a no asks everything again";
-    t.type("u\r");
-    ASSERT_TRUE(t.expect("Password        : "));
-    t.type("p\r");
-    ASSERT_TRUE(t.expect("Verify Password : "));
-    t.type("p\r");
-    ASSERT_TRUE(t.expect("Server Host     : "));
-    t.type("h\r");
-    ASSERT_TRUE(t.expect("]: "));
-    t.type("443\r");
-    ASSERT_TRUE(t.expect("(y/n): "));
-    t.type("n\r");
-    ASSERT_TRUE(t.expect("[y=yes/n=no/q=quit] "));
+    // One round of answers, up to the confirmation question.
+    auto answerAll = [&] {
+        for (const auto& [prompt, answer] : std::vector<std::pair<std::string, std::string>>{
+                 {"User Name       : ", "u\r"}, {"Password        : ", "p\r"},
+                 {"Verify Password : ", "p\r"}, {"Server Host     : ", "h\r"},
+                 {"]: ", "443\r"}, {"(y/n): ", "n\r"}}) {
+            ASSERT_TRUE(t.expect(prompt)) << t.screen();
+            if (prompt.find("Password") != std::string::npos) {
+                ASSERT_TRUE(t.echoOff());
+            }
+            t.type(answer);
+        }
+        ASSERT_TRUE(t.expect("' and generate key file '" + conn + ".key'? [y=yes/n=no/q=quit] "));
+    };
+    answerAll();
+    t.type("n\r");  // asks everything again
+    answerAll();
     t.type("Q\r");
     EXPECT_EQ(t.wait(), 1);
     EXPECT_FALSE(std::filesystem::exists(conn));
