@@ -1,12 +1,10 @@
-// URL splitting and escaping, header dictionaries, Base64 and the status table.
+// URL splitting and escaping, header dictionaries and Base64.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
 #include "http/Base64.h"
-#include "http/HttpStatus.h"
 #include "http/ParValDictionary.h"
 #include "http/URL.h"
 #include "testutil/TestUtil.h"
@@ -17,42 +15,26 @@ namespace {
 using test::u16;
 using test::u8;
 
-std::string str(const char16_t* text) { return text != nullptr ? u8(text) : "(null)"; }
+std::string str(const char16_t* text) { return text != nullptr ? u8(text) : "-"; }
 
 TEST(URL, SplitsIntoParts) {
-    struct Case {
-        const char* url;
-        const char* service;
-        bool secure;
-        const char* host;
-        const char* port;
-        int portNumber;
-        const char* rawPath;
-        const char* path;
-        const char* query;
-        const char* fragment;
+    // url -> "service|secure|host|port|portNumber|rawPath|path|query|fragment"
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"http://dir.example:8080/kiv/ds", "http|0|dir.example|8080|8080|/kiv/ds|/kiv/ds|-|-"},
+        {"HTTPS://dir.example/a%20b?x=1&y=2#top", "HTTPS|1|dir.example|-|-1|/a%20b|/a b|x=1&y=2|top"},
+        {"https://dir.example", "https|1|dir.example|-|-1|/|/|-|-"},
+        {"http://[::1]:81/p", "http|0|::1|81|81|/p|/p|-|-"},
+        {"http://h?q", "http|0|h|-|-1|/|/|q|-"},
+        {"/only/path?q", "-|0|-|-|-1|/only/path|/only/path|q|-"},
     };
-    const std::vector<Case> cases = {
-        {"http://dir.example:8080/kiv/ds", "http", false, "dir.example", "8080", 8080, "/kiv/ds", "/kiv/ds", "(null)", "(null)"},
-        {"HTTPS://dir.example/a%20b?x=1&y=2#top", "HTTPS", true, "dir.example", "(null)", -1, "/a%20b", "/a b", "x=1&y=2", "top"},
-        {"https://dir.example", "https", true, "dir.example", "(null)", -1, "/", "/", "(null)", "(null)"},
-        {"http://[::1]:81/p", "http", false, "::1", "81", 81, "/p", "/p", "(null)", "(null)"},
-        {"http://h?q", "http", false, "h", "(null)", -1, "/", "/", "q", "(null)"},
-        {"/only/path?q", "(null)", false, "(null)", "(null)", -1, "/only/path", "/only/path", "q", "(null)"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [text, parts] : cases) {
         URL url;
-        ASSERT_TRUE(url.setUrl(u16(std::string(c.url)).c_str())) << c.url;
-        EXPECT_EQ(str(url.getService()), c.service) << c.url;
-        EXPECT_EQ(url.isSecure(), c.secure) << c.url;
-        EXPECT_EQ(str(url.getHost()), c.host) << c.url;
-        EXPECT_EQ(str(url.getHport()), c.port) << c.url;
-        EXPECT_EQ(url.getHport2(), c.portNumber) << c.url;
-        EXPECT_EQ(str(url.getRawPath()), c.rawPath) << c.url;
-        EXPECT_EQ(str(url.getPath()), c.path) << c.url;
-        EXPECT_EQ(str(url.getQuery()), c.query) << c.url;
-        EXPECT_EQ(str(url.getFragment()), c.fragment) << c.url;
-        EXPECT_EQ(u8(url.getUrl(false)), c.url) << c.url;
+        ASSERT_TRUE(url.setUrl(u16(std::string(text)).c_str())) << text;
+        EXPECT_EQ(str(url.getService()) + "|" + std::to_string(url.isSecure()) + "|" + str(url.getHost()) + "|" +
+                      str(url.getHport()) + "|" + std::to_string(url.getHport2()) + "|" + str(url.getRawPath()) +
+                      "|" + str(url.getPath()) + "|" + str(url.getQuery()) + "|" + str(url.getFragment()),
+                  parts);
+        EXPECT_EQ(u8(url.getUrl(false)), text);
     }
 }
 
@@ -62,8 +44,7 @@ TEST(URL, CredentialsGoToUserAndPasswordNeverIntoTheText) {
     url.setUrl(u"http://h/x");
     EXPECT_EQ(str(url.getHuser()), "keep");  // a URL without credentials leaves them
     url.setUrl(u"https://me:se%3Acret@h:443/x");
-    EXPECT_EQ(str(url.getHuser()), "me");
-    EXPECT_EQ(str(url.getHpass()), "se:cret");
+    EXPECT_EQ(str(url.getHuser()) + ":" + str(url.getHpass()), "me:se:cret");
     EXPECT_EQ(u8(url.getUrl(false)), "https://h:443/x");
 }
 
@@ -81,8 +62,6 @@ TEST(URL, EscapeAndUnescape) {
         EXPECT_EQ(url.unescape(u16(escaped)), plain) << escaped;
     }
     EXPECT_EQ(u8(url.unescape(u"%zz%4")), "%zz%4");  // not escapes: left as they are
-    EXPECT_TRUE(URL::isIn(u'~', URL::SAFE_CHARS));
-    EXPECT_FALSE(URL::isIn(u'%', URL::SAFE_CHARS));
 }
 
 TEST(ParValMultilineDictionary, ParsesResponseHeaders) {
@@ -96,16 +75,11 @@ TEST(ParValMultilineDictionary, ParsesResponseHeaders) {
     EXPECT_EQ(str(dict->fetchVal(u"charset", true)), "a;b");
     EXPECT_EQ(str(dict->fetchVal(u"host", true)), "h:8080");  // only the first separator splits
     EXPECT_EQ(str(dict->fetchPar(u"TEXT/XML", true)), "Content-Type");
-    EXPECT_EQ(dict->getBlock().size(), 3u);
-    EXPECT_EQ(u8(dict->getBlock()[1].line), "content-LENGTH:  42 ");
-    dict->reset();
-    EXPECT_EQ(dict->fetchVal(u"host", true), nullptr);
 }
 
 TEST(Base64, EncodesAndDecodes) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
-        {"u:p", "dTpw"}, {std::string("\xff\xfe\x00", 3), "//4A"},
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"},
     };
     for (const auto& [plain, encoded] : cases) {
         EXPECT_EQ(Base64::encode(std::string_view(plain)), encoded);
@@ -113,48 +87,6 @@ TEST(Base64, EncodesAndDecodes) {
     }
     EXPECT_EQ(u8(Base64::encode(std::u16string_view(u"\u00e4:p"))), "w6Q6cA==");  // UTF-8 bytes
     for (const char* bad : {"Zg=", "Z!==", "Zg==Zg=="}) EXPECT_EQ(Base64::decode(bad), std::nullopt) << bad;
-}
-
-TEST(HttpStatus, TableHas58DistinctRowsInOrder) {
-    const auto table = HttpStatus::table();
-    ASSERT_EQ(table.size(), 58u);
-    std::set<int> codes;
-    for (const HttpStatus::Row& row : table) {
-        codes.insert(row.code);
-        EXPECT_EQ(u8(std::u16string(row.text)), std::to_string(row.code));
-        EXPECT_EQ(row.reason.front(), u'(');
-        EXPECT_EQ(row.reason.back(), u')');
-    }
-    EXPECT_EQ(codes.size(), 58u);
-    EXPECT_EQ(table[39].code, 505);
-    EXPECT_EQ(table[40].code, 250);
-    EXPECT_EQ(table[57].code, 900);
-}
-
-TEST(HttpStatus, CodesAndMessages) {
-    const std::vector<std::tuple<int, int, std::string>> cases = {
-        {200, 200, "(OK)"},
-        {201, 201, "(Created)"},
-        {408, 408, "(Request Time-out)"},
-        {414, 414, "(Request-URI Too Large)"},
-        {416, 416, "(Requested range not satisfiable)"},
-        {505, 505, "(HTTP Version not supported)"},
-        {603, 603, "(ORVELDAN Warning: Nonfatal errors occured, check log tables)"},
-        {299, 100, "(Continue)"},
-        {999, 100, "(Continue)"},
-        {-1, 100, "(Continue)"},
-    };
-    for (const auto& [in, code, message] : cases) {
-        HttpStatus status(in);
-        EXPECT_EQ(status.getCode(), code) << in;
-        EXPECT_EQ(u8(status.getCode2()), std::to_string(code)) << in;
-        EXPECT_EQ(u8(status.getMessage()), message) << in;
-    }
-    HttpStatus status(404);
-    status.addMessage(u"Server says ");
-    EXPECT_EQ(u8(status.getMessage()), "Server says (Not Found)");
-    status.addMessage(std::u16string(300, u'x'));
-    EXPECT_EQ(status.getMessage().size(), HttpStatus::MAX_MESSAGE);
 }
 
 }  // namespace
