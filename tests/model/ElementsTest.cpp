@@ -1,46 +1,47 @@
 #include <gtest/gtest.h>
 
-#include "model/CClass.h"
-#include "model/CGroup.h"
-#include "model/CInst.h"
-#include "model/CProp.h"
-#include "model/CRef.h"
-#include "testutil/TestUtil.h"
+#include "model/ModelTestUtil.h"
 
 namespace kivreg {
 namespace {
 
-using test::u8;
+using test::LogCapture;
 
-CAttr attr(const char16_t* name, const char16_t* value, const char16_t* def,
-           std::initializer_list<const char16_t*> allowed) {
-    CAttr a(name, value, def);
-    for (const char16_t* v : allowed) a.addAllowedValue(v);
-    return a;
-}
-
-TEST(CAttr, ValueFallsBackToDefaultAndValidityIgnoresGivenValues) {
+TEST(CAttr, ValueValidityAndReport) {
     struct Case {
         const char* what;
-        CAttr attr;
-        std::u16string value;
+        const char16_t* name;
+        const char16_t* value;
+        const char16_t* def;
+        std::vector<std::u16string> allowed;
+        std::u16string shown;
         bool valid;
     };
     const Case cases[] = {
-        {"given value outside the allowed list", attr(u"sync", u"MAYBE", u"TRUE", {u"TRUE", u"FALSE"}), u"MAYBE", true},
-        {"default in the allowed list", attr(u"sync", u"", u"TRUE", {u"TRUE", u"FALSE"}), u"TRUE", true},
-        {"default outside the allowed list", attr(u"sync", u"", u"YES", {u"TRUE", u"FALSE"}), u"YES", false},
-        {"default compared with case", attr(u"sync", u"", u"true", {u"TRUE"}), u"true", false},
-        {"no default, empty admitted", attr(u"x", u"", u"", {u"A", u""}), u"", true},
-        {"no default, empty not admitted", attr(u"x", u"", u"", {u"A"}), u"", false},
-        {"any value", attr(u"x", u"", u"", {}), u"", true},
-        {"no name", attr(u"", u"v", u"", {}), u"v", false},
+        {"given value outside the allowed list", u"a", u"MAYBE", u"TRUE", {u"TRUE", u"FALSE"}, u"MAYBE", true},
+        {"default in the allowed list", u"b", u"", u"TRUE", {u"TRUE", u"FALSE"}, u"TRUE", true},
+        {"default outside the allowed list", u"c", u"", u"YES", {u"TRUE", u"FALSE"}, u"YES", false},
+        {"default compared with case", u"d", u"", u"true", {u"TRUE"}, u"true", false},
+        {"no default, empty admitted", u"e", u"", u"", {u"A", u""}, u"", true},
+        {"no default, empty not admitted", u"f", u"", u"", {u"A"}, u"", false},
+        {"any value", u"g", u"", u"", {}, u"", true},
+        {"no name", u"", u"v", u"", {}, u"v", false},
     };
+    CClass all(u"All", 0);
+    std::vector<std::string> reports;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        EXPECT_EQ(c.attr.getValue(), c.value);
-        EXPECT_EQ(c.attr.isValid(), c.valid);
+        CAttr a(c.name, c.value, c.def);
+        for (const std::u16string& v : c.allowed) a.addAllowedValue(v);
+        EXPECT_EQ(a.getValue(), c.shown);
+        EXPECT_EQ(a.isValid(), c.valid);
+        all.addAttribute(a);
+        if (!c.valid)
+            reports.push_back("Attribute '" + test::u8(c.name) + "' has invalid value '" + test::u8(c.shown) + "' assigned.");
     }
+    LogCapture cap;  // every invalid attribute is reported, in order
+    EXPECT_FALSE(all.validateAttributes(cap));
+    EXPECT_EQ(cap.messages(), reports);
 }
 
 TEST(CBaseElem, AttributeNamesIgnoreCaseClassNamesDoNot) {
@@ -50,85 +51,69 @@ TEST(CBaseElem, AttributeNamesIgnoreCaseClassNamesDoNot) {
     EXPECT_EQ(g.getAttributeValue(u"SYNC"), u"TRUE");
     EXPECT_EQ(g.getAttributeValue(u"GR\u00DC\u00DFE"), u"v");  // Latin capitals fold too
     EXPECT_EQ(g.getAttributeValue(u"syncx"), u"");
-    EXPECT_EQ(g.getAttribute(u"missing"), g.getAttributeEnd());
-
     CClass upper(u"C", CClass::TYPE_CLASS);
     g.addClass(&upper);
     EXPECT_EQ(g.getClass(u"c"), g.getClassEnd());
-    ASSERT_NE(g.getClass(u"C"), g.getClassEnd());
+    EXPECT_NE(g.getClass(u"C"), g.getClassEnd());
 }
 
-TEST(CBaseElem, ValidateAttributesReportsEveryFailureInOrder) {
-    test::LogCapture cap;
-    CClass c(u"C", 0);
-    c.addAttribute(attr(u"first", u"", u"BAD", {u"OK"}));
-    c.addAttribute(attr(u"fine", u"", u"OK", {u"OK"}));
-    c.addAttribute(attr(u"second", u"", u"", {u"OK"}));
-    EXPECT_FALSE(c.validateAttributes(cap));
-    EXPECT_EQ(cap.messages(), (std::vector<std::string>{
-                                  "Attribute 'first' has invalid value 'BAD' assigned.",
-                                  "Attribute 'second' has invalid value '' assigned.",
-                              }));
-    EXPECT_TRUE(CClass(u"D", 0).validateAttributes(cap));
+const std::string kIntro = "On validating associations specified in XML input:\n";
+const std::string kGroup = "Unknown group referenced (Location: group|assoc_class / Reference: associated group):\n";
+const std::string kClass = "Unknown class referenced (Location: group|assoc_class / Reference: associated "
+                           "group|asscociated class):\n";
+const std::string kInst = "Unknown instance ID specified (Location: group|assoc_class / Reference: associated "
+                          "group|asscociated class|associated inst ID):\n";
+
+// Groups G (classes C, C, D) and g (class C); the references sit in instance "src" of class S in G.
+std::string docWith(const std::string& references) {
+    return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance inst_id='1'/>"
+           "<instance inst_id=''/></class><class name='C'><instance inst_id='2'/></class>"
+           "<rootclass name='D'><instance inst_id='1'/></rootclass><memberclass name='S'><instance inst_id='src'>" +
+           references + "</instance></memberclass></group><group name='g'><class name='C'><instance inst_id='x'/>"
+           "</class></group></kivinfo>";
 }
 
-TEST(CInst, SameNameOrRoleLastOneWinsInstancesAreAllKept) {
-    CInst inst(u"i");
-    CProp p1(u"P");
-    p1.addValue(u"first");
-    CProp p2(u"P");
-    p2.addValue(u"second");
-    inst.addProperty(p1);
-    inst.addProperty(std::move(p2));
-    inst.addProperty(static_cast<const CProp*>(nullptr));
-    inst.addReference(CRef(u"R", u"g", u"c", u"1"));
-    CRef r2(u"R", u"g", u"c", u"2");
-    inst.addReference(&r2);
-    inst.addReference(static_cast<const CRef*>(nullptr));
-    EXPECT_EQ(inst.getValueCount(), 1u);
-    EXPECT_EQ(inst.getProperty(u"P")->second.values(), std::vector<std::u16string>{u"second"});
-    EXPECT_EQ(inst.getReference(u"R")->second.getInstId(), u"2");
-    EXPECT_EQ(inst.getReference(u"r"), inst.getReferenceEnd());
-    EXPECT_TRUE(inst.hasReference());
-
-    CClass c(u"C", 0);
-    c.addInst(&inst);
-    c.addInst(CInst(u"i"));
-    EXPECT_EQ(c.getInstanceCount(), 2u);
-    // The class holds copies: changing the original leaves the class alone.
-    inst.addProperty(CProp(u"Later"));
-    EXPECT_EQ(c.instances()[0].getValueCount(), 1u);
+std::string ref(const std::string& role, const std::string& g, const std::string& c, const std::string& id) {
+    return "<reference rolename='" + role + "' groupname='" + g + "' classname='" + c + "' inst_id='" + id + "'/>";
 }
 
-TEST(CClass, KindTextAndReferenceCompleteness) {
-    const std::pair<int, const char16_t*> kinds[] = {
-        {0, u"Class"}, {1, u"Root class"}, {2, u"Member class"}, {3, u""}, {-1, u""}};
-    for (auto [code, text] : kinds) {
-        SCOPED_TRACE(code);
-        EXPECT_EQ(CClass(u"C", code).getType(), text);
-    }
-    EXPECT_TRUE(CRef(u"r", u"", u"c", u"i").isInitial());
-    EXPECT_FALSE(CRef(u"", u"g", u"c", u"i").isInitial());
-    EXPECT_FALSE(CRef(u"r", u"g", u"", u"i").isInitial());
-    EXPECT_FALSE(CRef(u"r", u"g", u"c", u"").isInitial());
-    EXPECT_TRUE(CProp().isEmpty());
-    CProp named(u"n");
-    EXPECT_FALSE(named.isEmpty());
-}
-
-TEST(CProp, EscapeReplacesExactlyTheFiveMarkupCharacters) {
-    const std::pair<std::u16string, std::u16string> cases[] = {
-        {u"", u""},
-        {u"plain", u"plain"},
-        {u"<a href='x'>", u"&lt;a href=&apos;x&apos;&gt;"},
-        {u"a&amp;b", u"a&amp;amp;b"},
-        {u"\"q\"", u"&quot;q&quot;"},
-        {u"tab\there\nline \u00E9\u6F22", u"tab\there\nline \u00E9\u6F22"},
-        {u"&&", u"&amp;&amp;"},
+TEST(ValidateReferences, Reports) {
+    struct Case {
+        const char* what;
+        std::string doc;
+        std::string report;  // empty: valid
     };
-    for (const auto& [in, out] : cases) {
-        SCOPED_TRACE(u8(in));
-        EXPECT_EQ(CProp::escapeXML(in), out);
+    const Case cases[] = {
+        {"no references", docWith(""), ""},
+        {"all resolve", docWith(ref("a", "G", "C", "1") + ref("b", "g", "C", "x") + ref("c", "G", "C", "")), ""},
+        {"unknown group", docWith(ref("a", "X", "C", "1")), kIntro + kGroup + "(1) Location: G|S\n(2) Reference: X"},
+        {"group compared with case", docWith(ref("a", "g", "D", "1")),
+         kIntro + kClass + "(1) Location: G|S\n(2) Reference: g|D"},
+        {"unknown instance", docWith(ref("a", "G", "D", "2")),
+         kIntro + kInst + "(1) Location: G|S\n(2) Reference: G|D|2"},
+        {"only the first class of a name counts", docWith(ref("a", "G", "C", "2")),
+         kIntro + kInst + "(1) Location: G|S\n(2) Reference: G|C|2"},
+        {"empty names resolve nothing", docWith(ref("a", "", "", "")),
+         kIntro + kGroup + "(1) Location: G|S\n(2) Reference: "},
+        {"one report per instance, smallest role first",
+         docWith(ref("zz", "X", "C", "1") + ref("b", "G", "Q", "1") + ref("a", "G", "C", "1")),
+         kIntro + kClass + "(1) Location: G|S\n(2) Reference: G|Q"},
+        {"every failing instance, against the last group of a name",
+         "<kivinfo supplier_name='S'><group name='G'><class name='A'><instance inst_id='1'>" + ref("r", "G", "A", "1") +
+             "</instance><instance inst_id='2'>" + ref("r", "G", "B", "1") + "</instance></class></group>"
+             "<group name='G'><class name='B'><instance inst_id='1'>" + ref("r", "G", "B", "9") +
+             "</instance></class></group></kivinfo>",
+         kIntro + kClass + "(1) Location: G|A\n(2) Reference: G|A\n" + kIntro + kInst +
+             "(1) Location: G|B\n(2) Reference: G|B|9"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture cap;
+        auto file = test::loadText(cap, c.doc);
+        ASSERT_TRUE(file->isLoaded());
+        const size_t before = cap.messages().size();
+        EXPECT_EQ(file->validateReferences(), c.report.empty());
+        EXPECT_EQ(test::loggedSince(cap, before), c.report);
     }
 }
 

@@ -1,10 +1,13 @@
 #pragma once
-// Helpers for the model tests: loading documents from text and reading the
-// test documents.
+// Helpers for the model tests: documents from text, the test documents, the
+// log from a given message on, and standard input replaced by a file.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "model/CXmlFile.h"
 #include "testutil/TestUtil.h"
@@ -19,14 +22,6 @@ inline std::unique_ptr<CXmlFile> loadText(LogCapture& cap, const std::string& ut
     return std::make_unique<CXmlFile>(cap, u16(utf8), 0);
 }
 
-// The log messages that follow the first one equal to `after`.
-inline std::vector<std::string> messagesAfter(const LogCapture& cap, const std::string& after) {
-    std::vector<std::string> all = cap.messages();
-    for (size_t i = 0; i < all.size(); ++i)
-        if (all[i] == after) return {all.begin() + static_cast<long>(i) + 1, all.end()};
-    return all;
-}
-
 // The log text (lines joined by "\n") from message number `first` on.
 inline std::string loggedSince(const LogCapture& cap, size_t first) {
     const std::vector<std::string> all = cap.messages();
@@ -34,5 +29,27 @@ inline std::string loggedSince(const LogCapture& cap, size_t first) {
     for (size_t i = first; i < all.size(); ++i) out += (i > first ? "\n" : "") + all[i];
     return out;
 }
+
+class StdinFrom {
+public:
+    explicit StdinFrom(const std::string& bytes) : m_saved(::dup(0)) {
+        writeFile(m_dir / "stdin", bytes);
+        const int fd = ::open((m_dir / "stdin").c_str(), O_RDONLY);
+        ::dup2(fd, 0);
+        ::close(fd);
+        std::clearerr(stdin);
+    }
+    ~StdinFrom() {
+        ::dup2(m_saved, 0);
+        ::close(m_saved);
+        std::clearerr(stdin);
+    }
+    StdinFrom(const StdinFrom&) = delete;
+    StdinFrom& operator=(const StdinFrom&) = delete;
+
+private:
+    TempDir m_dir;
+    int m_saved;
+};
 
 }  // namespace kivreg::test

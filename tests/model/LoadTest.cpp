@@ -1,0 +1,222 @@
+// Loading documents from text, files and standard input; untrusted documents
+// (entity bombs, deep nesting, external entities and DTDs, the network,
+// malformed UTF-8) are neither followed nor crash, and nothing reaches stderr.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "model/ModelTestUtil.h"
+
+namespace kivreg {
+namespace {
+
+using test::LogCapture;
+using test::TempDir;
+using test::u16;
+using test::u8;
+using Lines = std::vector<std::string>;
+
+// Surrogate: a lone surrogate opens the first attribute value; StdinByName: an empty file name.
+enum class From { Text, Surrogate, File, Stdin, StdinByName, Missing, Directory };
+
+TEST(CXmlFileLoad, MessagesAndResult) {
+    const Lines header = {"Parsing XML document.", "Supplier Name: S", "Supplier Version: ",
+                          "Supplier Vendor: ", "CIM Model Version: "};
+    const auto withHeader = [&](Lines tail) {
+        tail.insert(tail.begin(), header.begin(), header.end());
+        return tail;
+    };
+    const Lines refused = {"Failed to parse input data.", "Failed to load and parse XML input."};
+    const auto root = [&](const std::string& why) { return Lines{"Parsing XML document.", why, refused[0], refused[1]}; };
+    Lines munich = header;
+    munich[1] = "Supplier Name: M\xC3\xBCnchen";
+    const std::string noInput = "Failed to load and parse XML input file: @";  // "@": the file name
+    struct Case {
+        const char* what;
+        From from;
+        std::string doc;
+        Lines messages;
+        size_t groups = 0;
+        bool loaded = false;
+    };
+    const Case cases[] = {
+        {"root name compared with case", From::Text, "<KIVINFO supplier_name='S'/>",
+         root("Invalid XML root element found: KIVINFO")},
+        {"prefixed root", From::Text, "<x:kivinfo xmlns:x='urn:x' supplier_name='S'/>",
+         root("Invalid XML root element found: x:kivinfo")},
+        {"no supplier name", From::Text, "<kivinfo supplier_version='1'/>",
+         root("Supplier name attribute value missing in root element.")},
+        {"group without name after a good one", From::Text,
+         "<kivinfo supplier_name='S'><group name='A'/><group name=''/><group name='C'/></kivinfo>",
+         withHeader({"Group name attribut not specified.", "", refused[0], refused[1]}), 1},
+        {"class without name drops its group", From::Text,
+         "<kivinfo supplier_name='S'><group name='A'/><group name='B'><class name='ok'/><memberclass/></group></kivinfo>",
+         withHeader({"Class attribute name not set.", "", refused[0], refused[1]}), 1},
+        {"malformed", From::Text, "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
+         {"Parse error on XML file.", "Fatal Error: Opening and ending tag mismatch: group line 2 and kivinfo",
+          " entity=", " in line 3, 11", "Parse error on XML file.",
+          "Fatal Error: Premature end of data in tag kivinfo line 1", " entity=", " in line 3, 11", refused[1]}},
+        {"empty text", From::Text, "",
+         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1", refused[1]}},
+        {"text that is not Unicode", From::Surrogate, "<kivinfo supplier_name=''/>",
+         {"4: CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. RC=7", refused[1]}},
+        {"parse error in a file names the file", From::File,
+         "<kivinfo supplier_name='S'>\n<group name='a' name='b'/></kivinfo>",
+         {"Parse error on XML file.", "Fatal Error: Attribute name redefined", " entity=@", " in line 2, 25", noInput}},
+        {"missing file", From::Missing, "", {"Failed to create XML input stream.", "Check file existence: @", noInput}},
+        {"directory", From::Directory, "", {"Failed to create XML input stream.", "Check file existence: @", noInput}},
+        {"stdin: the doubled last character is extra content", From::StdinByName, "<kivinfo supplier_name='S'/>",
+         {"Parse error on XML file.", "Fatal Error: Extra content at the end of the document", " entity=",
+          " in line 1, 29", "Failed to load and parse XML input from stdin."}},
+        {"stdin: empty", From::Stdin, "",
+         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1",
+          "Failed to load and parse XML input from stdin."}},
+        {"stdin ending in a line end", From::Stdin, "<kivinfo supplier_name='S'><group name='G'/></kivinfo>\n",
+         header, 1, true},
+        {"a text is Unicode whatever it declares", From::Text,
+         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xC3\xBCnchen'/>", munich, 0, true},
+        {"a file is read in the encoding it declares", From::File,
+         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xFCnchen'/>", munich, 0, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture cap;
+        TempDir dir;
+        std::string name = (dir / (c.from == From::Missing ? "missing.xml" : "doc.xml")).string();
+        if (c.from == From::Directory) name = dir.path().string();
+        std::u16string text = u16(c.doc);
+        if (c.from == From::Surrogate) text.insert(text.find(u'\'') + 1, 1, u'\xD800');
+        if (c.from == From::File) test::writeFile(name, c.doc);
+        std::unique_ptr<CXmlFile> file;
+        if (c.from == From::Text || c.from == From::Surrogate) {
+            file = std::make_unique<CXmlFile>(cap, text, 0);
+        } else if (c.from == From::Stdin || c.from == From::StdinByName) {
+            test::StdinFrom redirect(c.doc);
+            file = c.from == From::Stdin ? std::make_unique<CXmlFile>(cap) : std::make_unique<CXmlFile>(cap, u"");
+        } else {
+            file = std::make_unique<CXmlFile>(cap, u16(name));
+        }
+        Lines expected = c.messages;
+        for (std::string& m : expected)
+            if (const size_t at = m.find('@'); at != std::string::npos) m.replace(at, 1, name);
+        EXPECT_EQ(file->isLoaded(), c.loaded);
+        EXPECT_EQ(cap.messages(), expected);
+        EXPECT_EQ(file->groups().size(), c.groups);
+    }
+}
+
+TEST(CXmlFileLoad, StdinRepeatsItsLastCharacter) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"abc", "abcc"},
+        {"x\xC3\xBC", "x\xC3\xBC\xC3\xBC"},  // a whole character, not its last byte
+        {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80\xF0\x9F\x98\x80"},
+        {"", ""},
+    };
+    for (const auto& [in, out] : cases) {
+        SCOPED_TRACE(in);
+        test::StdinFrom redirect(in);
+        EXPECT_EQ(u8(CXmlFile::getStdin()), out);
+    }
+}
+
+TEST(CXmlFileLoad, ValueTextIsNormalised) {
+    const std::pair<std::u16string, std::u16string> cases[] = {
+        {u"  a\r\n\tb  ", u"a b"}, {u"\t", u""}, {u"one  two\tthree", u"one two three"},
+        {u"line\nbreak", u"linebreak"}, {u"\u00E9t\u00E9", u"\u00E9t\u00E9"},
+    };
+    for (const auto& [in, out] : cases) {
+        SCOPED_TRACE(u8(in));
+        EXPECT_EQ(CXmlFile::trimValue(in), out);
+    }
+}
+
+std::string inValue(const std::string& text) {
+    return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance><property name='P'>"
+           "<value>" + text + "</value></property></instance></class></group></kivinfo>";
+}
+
+std::string billionLaughs(bool inAttribute) {
+    std::string doc = "<!DOCTYPE kivinfo [<!ENTITY l0 'ha'>";
+    for (int i = 1; i <= 10; ++i) {
+        doc += "<!ENTITY l" + std::to_string(i) + " '";
+        for (int j = 0; j < 10; ++j) doc += "&l" + std::to_string(i - 1) + ";";
+        doc += "'>";
+    }
+    return doc + "]>" + (inAttribute ? "<kivinfo supplier_name='&l10;'/>" : inValue("&l10;"));
+}
+
+TEST(HostileInput, NeitherFollowedNorCrashing) {
+    TempDir dir;
+    // Were either file read, its content would break the parse or show up in the body.
+    test::writeFile(dir / "secret.txt", "TOP-SECRET<unclosed>");
+    test::writeFile(dir / "evil.dtd", "<!ENTITY inner 'TOP-SECRET'> <!ELEMENT broken");
+    const std::string secret = "file://" + (dir / "secret.txt").string();
+    const std::string dtd = "file://" + (dir / "evil.dtd").string();
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x";
+    const std::string deep = [] {
+        std::string open, close;
+        for (int i = 0; i < 10000; ++i) open += "<n>", close += "</n>";
+        return open + "x" + close;
+    }();
+    struct Case {
+        const char* what;
+        std::string doc;
+        const char* reason;  // empty: loads
+        const char* position = "";
+    };
+    const Case cases[] = {
+        {"entity bomb in text", billionLaughs(false), "Fatal Error: Detected an entity reference loop"},
+        {"entity bomb in an attribute", billionLaughs(true), "Fatal Error: Detected an entity reference loop"},
+        {"nesting 10000 deep", "<kivinfo supplier_name='S'>" + deep + "</kivinfo>",
+         "Fatal Error: Excessive depth in document: 256"},
+        {"nesting 10000 deep in a value", inValue(deep), "Fatal Error: Excessive depth in document: 256"},
+        {"malformed UTF-8 in a file", "<kivinfo supplier_name='S'>\n  <group name='a\xC3\x28'/>\n</kivinfo>\n",
+         "Fatal Error: Input is not proper UTF-8", " in line 2, 17"},
+        {"external file entity", "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + secret + "'>]>" + inValue("&x;"), ""},
+        {"external DTD", "<!DOCTYPE kivinfo SYSTEM '" + dtd + "'><kivinfo supplier_name='S'/>", ""},
+        {"parameter entity", "<!DOCTYPE kivinfo [<!ENTITY % p SYSTEM '" + dtd + "'> %p;]><kivinfo supplier_name='S'/>", ""},
+        {"DTD over the network", "<!DOCTYPE kivinfo SYSTEM '" + url + "'><kivinfo supplier_name='S'/>", ""},
+        {"entity over the network", "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + url + "'>]>" + inValue("&x;"), ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture cap;
+        testing::internal::CaptureStderr();
+        std::unique_ptr<CXmlFile> file;
+        if (*c.position) {  // the position is reported for files only
+            test::writeFile(dir / "doc.xml", c.doc);
+            file = std::make_unique<CXmlFile>(cap, u16(dir / "doc.xml"));
+        } else {
+            file = test::loadText(cap, c.doc);
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        const Lines m = cap.messages();
+        EXPECT_EQ(file->isLoaded(), !*c.reason) << cap.text();
+        EXPECT_EQ(cap.text().find("SECRET"), std::string::npos);
+        EXPECT_EQ(u8(file->getBody()).find("SECRET"), std::string::npos);
+        if (!*c.reason) continue;
+        ASSERT_GE(m.size(), 2u);
+        EXPECT_EQ(m[0], "Parse error on XML file.");
+        EXPECT_EQ(m[1].rfind(c.reason, 0), 0u) << m[1];
+        EXPECT_TRUE(!*c.position || std::find(m.begin(), m.end(), c.position) != m.end()) << cap.text();
+    }
+    // The loader is done: a connection it had made would be waiting now.
+    pollfd pfd{listener, POLLIN, 0};
+    EXPECT_EQ(::poll(&pfd, 1, 0), 0) << "the loader connected to " << url;
+    ::close(listener);
+}
+
+}  // namespace
+}  // namespace kivreg
