@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <optional>
+#include <regex>
 #include <string>
 
 #include "secstore/CSecStore.h"
@@ -9,146 +13,198 @@
 namespace kivreg {
 namespace {
 
-using test::LogCapture;
+namespace fs = std::filesystem;
+using test::readFile;
+using test::u16;
+using test::u8;
+using test::writeFile;
 using Bytes = CSecStore::Bytes;
 
-// The byte order of the old text form: high byte of each unit first.
-Bytes highByteFirst(const std::u16string& text) {
-    Bytes out;
-    for (char16_t unit : text) {
-        out.push_back(static_cast<unsigned char>(unit >> 8));
-        out.push_back(static_cast<unsigned char>(unit & 0xFF));
+const std::string HEADER = "\x15\x0C\x13\x3B";
+const unsigned char otherKey[8] = {0x13, 0x34, 0x57, 0x79, 0x9B, 0xBC, 0xDF, 0xF1};
+const std::string OTHER_KEY_FILE = HEADER + std::string(otherKey, otherKey + 8);
+
+std::string str(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+
+std::string binaryFile(const std::string& plain, const unsigned char* key) {
+    const Bytes in(plain.begin(), plain.end());
+    return HEADER + str(CSecStore::encryptBinary(in.data(), in.size(), key));
+}
+
+// A 16-bit text as earlier releases wrote it: little-endian units, then a zero unit.
+std::string units(const std::u16string& text) {
+    std::string out;
+    for (char16_t u : text) out += {static_cast<char>(u & 0xFF), static_cast<char>(u >> 8)};
+    return out + std::string(2, '\0');
+}
+
+// The old data forms: the text's units high byte first, encrypted; then either
+// four blanks and per byte the low and the high nibble plus 0x20 (the units
+// hold that text in memory order), or, still older, the cipher bytes bare.
+std::string oldFile(const std::u16string& plain, const unsigned char* key, bool nibbles) {
+    Bytes in;
+    for (char16_t u : plain) in.insert(in.end(), {static_cast<unsigned char>(u >> 8),
+                                                  static_cast<unsigned char>(u & 0xFF)});
+    const Bytes cipher = CSecStore::encryptBinary(in.data(), in.size(), key);
+    if (!nibbles) return str(cipher) + std::string(2, '\0');
+    std::string out = "    ";
+    for (unsigned char b : cipher)
+        out += {static_cast<char>((b & 15) + 32), static_cast<char>((b >> 4) + 32)};
+    return out + std::string(2, '\0');
+}
+
+void fillFive(CSecStore& store, const std::u16string& password) {
+    store.stringToMap(u"host_param=registry.example.org;port_param=50000;user_param=admin;"
+                      u"https_param=y;");
+    store.add(u"pass_param", password);
+}
+
+class StoreFiles : public testing::Test {
+protected:
+    test::TempDir dir;
+    test::LogCapture log;
+    const fs::path data = dir / "conn.dat";
+    const fs::path key = dir / "conn.dat.key";
+};
+
+// The data file is the header and the UTF-8 plain text encrypted under the key
+// in use; the key file the header and the key. Both are for the owner only.
+TEST_F(StoreFiles, StoreAndFetchRoundTrip) {
+    const mode_t oldMask = ::umask(0);
+    for (const bool keyFile : {false, true}) {
+        for (const char16_t* password : {u"s3cr\u00e9t=pw \U0001F600", u""}) {
+            SCOPED_TRACE(u8(password) + (keyFile ? " key file" : " built-in key"));
+            fs::remove(data);
+            fs::remove(key);
+            CSecStore store(log, u16(data), keyFile);
+            fillFive(store, password);
+            ASSERT_TRUE(store.store());
+            const unsigned char* k = keyFile ? store.getRandKeyBinary() : CSecStore::ms_key;
+            EXPECT_EQ(readFile(data), binaryFile(u8(store.mapToString()), k));
+            const fs::perms ownerOnly = fs::perms::owner_read | fs::perms::owner_write;
+            EXPECT_EQ(fs::status(data).permissions(), ownerOnly);
+            EXPECT_EQ(fs::exists(key), keyFile);
+            if (keyFile) {
+                EXPECT_EQ(readFile(key), HEADER + std::string(k, k + 8));
+                EXPECT_EQ(fs::status(key).permissions(), ownerOnly);
+            }
+
+            CSecStore back(log, u16(data));  // the key file beside the data decides
+            ASSERT_TRUE(back.fetch());
+            EXPECT_EQ(back.usesKeyFile(), keyFile);
+            EXPECT_EQ(back.getAll(), store.getAll());
+            EXPECT_EQ(log.text().find("s3cr"), std::string::npos);  // no value in the log
+        }
     }
-    return out;
+    ::umask(oldMask);
 }
 
-const unsigned char otherKey[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-
-TEST(CSecStore, AddKeepsTheFirstValueAndEntriesStaySorted) {
-    LogCapture log;
-    CSecStore store(log, u"unused");
-    store.add(u"user_param", u"admin");
-    store.add(u"host_param", u"a");
-    store.add(u"host_param", u"b");
-    store.add(u"pass_param", u"pw");
-    EXPECT_EQ(store.get(u"host_param"), u"a");
-    EXPECT_EQ(store.get(u"port_param"), u"");
-    EXPECT_EQ(store.mapToString(), u"host_param=a;pass_param=pw;user_param=admin;");
-    store.remove(u"pass_param");
-    store.remove(u"not_there");
-    EXPECT_EQ(store.mapToString(), u"host_param=a;user_param=admin;");
-    EXPECT_EQ(store.getAll().size(), 2u);
-}
-
-TEST(CSecStore, StringToMapSplitsEntries) {
-    struct Row {
-        std::u16string text;
-        std::u16string rendered;  // the entries after parsing, rendered again
+TEST_F(StoreFiles, OldFormatsAreRead) {
+    const std::u16string plain = u"host_param=h\u00e9;user_param=u;";
+    const std::string keyUnits = units(std::u16string(otherKey, otherKey + 8));
+    const struct {
+        const char* name;
+        std::string dataBytes;
+        std::optional<std::string> keyBytes;
+    } rows[] = {
+        {"nibble text, built-in key", oldFile(plain, CSecStore::ms_key, true), {}},
+        {"bare cipher units, built-in key", oldFile(plain, CSecStore::ms_key, false), {}},
+        {"unit key file, binary data", binaryFile(u8(plain), otherKey), keyUnits},
+        {"unit key file, nibble text", oldFile(plain, otherKey, true), keyUnits},
+        {"binary key file, nibble text", oldFile(plain, otherKey, true), OTHER_KEY_FILE},
     };
-    const Row rows[] = {
-        {u"host_param=h1;pass_param=pw;port_param=50000;user_param=admin;",
-         u"host_param=h1;pass_param=pw;port_param=50000;user_param=admin;"},
-        {u"b=2;a=1;", u"a=1;b=2;"},
-        {u"user=a=b;", u"user=a=b;"},  // only the first "=" separates
-        {u"noequals;x=1;", u"x=1;"},   // a piece without "=" is skipped
-        {u"a=1;a=2;", u"a=1;"},        // the first value of a key wins
-        {u"a=;=v;", u"=v;a=;"},        // empty keys and values are kept
-        {u"a=1;b=half", u"a=1;"},      // an unterminated piece is dropped
-        {u";;;", u""},
-        {u"", u""},
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fs::remove(key);
+        writeFile(data, row.dataBytes);
+        if (row.keyBytes) writeFile(key, *row.keyBytes);
+        CSecStore store(log, u16(data));
+        ASSERT_TRUE(store.fetch());
+        EXPECT_EQ(store.usesKeyFile(), row.keyBytes.has_value());
+        EXPECT_EQ(store.mapToString(), plain);
+    }
+}
+
+TEST_F(StoreFiles, EarlierFilesAreMovedAsideUnderAStamp) {
+    std::string first[2];
+    for (const char16_t* password : {u"one", u"two"}) {
+        CSecStore store(log, u16(data), true);
+        fillFive(store, password);
+        ASSERT_TRUE(store.store());
+        if (first[0].empty()) first[0] = readFile(data), first[1] = readFile(key);
+    }
+    const std::regex stamped(R"(conn\.dat(\.key)?\.\d{14})");
+    int aside = 0;
+    for (const auto& e : fs::directory_iterator(dir.path())) {
+        const std::string name = e.path().filename().string();
+        if (!std::regex_match(name, stamped)) continue;
+        ++aside;
+        EXPECT_EQ(readFile(e.path()), first[name.find(".key.") != std::string::npos]) << name;
+    }
+    EXPECT_EQ(aside, 2);
+    CSecStore back(log, u16(data));
+    ASSERT_TRUE(back.fetch());
+    EXPECT_EQ(back.get(u"pass_param"), u"two");
+
+    // A taken name gets ".1", then ".2".
+    writeFile(dir / "conn.dat.20240131235959", "taken");
+    for (const char* n : {"1", "2"}) {
+        writeFile(data, n);
+        ASSERT_TRUE(back.unifyFile(u16(data), u"20240131235959"));
+        EXPECT_FALSE(fs::exists(data));
+        EXPECT_EQ(readFile(dir / (std::string("conn.dat.20240131235959.") + n)), n);
+    }
+    EXPECT_EQ(readFile(dir / "conn.dat.20240131235959"), "taken");
+}
+
+// Every bad connection or key file fails with its message and leaves no entries.
+TEST_F(StoreFiles, BadFilesFail) {
+    const std::string valid = binaryFile("host_param=registry.example.org;user_param=admin;",
+                                         CSecStore::ms_key);
+    std::string garbage;
+    for (int i = 0; i < 301; ++i) garbage.push_back(static_cast<char>((i * 149 + 17) % 256));
+    const std::string badData = "Invalid data found in encryted file '" + data.string() + "'";
+    const std::string badKey = "Key size incorrect. Invalid key file " + key.string();
+    const struct {
+        const char* name;
+        std::optional<std::string> dataBytes;
+        std::optional<std::string> keyBytes;
+        std::string message;
+    } rows[] = {
+        {"no data file", {}, {}, "Failed to open destination file '" + data.string() + "'"},
+        {"empty", "", {}, badData},
+        {"three header bytes", HEADER.substr(0, 3), {}, badData},
+        {"header only", HEADER, {}, badData},
+        {"cut inside the first entry", valid.substr(0, 4 + 15), {}, badData},
+        {"cut one byte into the file", valid.substr(1), {}, badData},
+        {"garbage", garbage, {}, badData},
+        {"header and garbage", HEADER + garbage, {}, badData},
+        {"blanks and garbage", "    " + garbage, {}, badData},
+        {"zero units only", std::string(40, '\0'), {}, badData},
+        {"odd length text", "    !", {}, badData},
+        {"another key, no key file", binaryFile("a=1;b=2;", otherKey), {}, badData},
+        {"another key in the key file", valid, OTHER_KEY_FILE, badData},
+        {"seven key bytes", valid, HEADER + "1234567", badKey},
+        {"nine key bytes", valid, HEADER + "123456789", badKey},
+        {"key header only", valid, HEADER, badKey},
+        {"empty key file", valid, "", badKey},
+        {"seven key units", valid, units(u"1234567"), badKey},
+        {"zero unit cuts the key", valid, units(u"1234") + units(u"5678"), badKey},
+        {"odd key byte", valid, "x", badKey},
     };
-    LogCapture log;
-    CSecStore store(log, u"unused");
-    store.add(u"stale", u"gone after parsing");
-    for (const Row& row : rows) {
-        SCOPED_TRACE(test::u8(row.text));
-        store.stringToMap(row.text);
-        EXPECT_EQ(store.mapToString(), row.rendered);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fs::remove(data);
+        fs::remove(key);
+        if (row.dataBytes) writeFile(data, *row.dataBytes);
+        if (row.keyBytes) writeFile(key, *row.keyBytes);
+        CSecStore store(log, u16(data));
+        store.add(u"stale", u"entry");
+        EXPECT_FALSE(store.fetch());
+        EXPECT_TRUE(store.getAll().empty());
+        ASSERT_FALSE(log.messages().empty());
+        EXPECT_EQ(log.messages().back(), row.message);
     }
-}
-
-TEST(CSecStore, NibbleTextCodesLowNibbleFirst) {
-    const Bytes bytes = {0x00, 0xFF, 0x3A};
-    const std::string text = CSecStore::encodeBytes(bytes);
-    EXPECT_EQ(text, "      //*#");
-    EXPECT_EQ(CSecStore::decodeBytes(text), bytes);
-    EXPECT_EQ(CSecStore::decodeBytes("    "), Bytes{});
-    EXPECT_FALSE(CSecStore::decodeBytes("   *#").has_value());
-    EXPECT_FALSE(CSecStore::decodeBytes("").has_value());
-}
-
-// The old text form, rebuilt here from the binary form: the text's bytes high
-// byte first, encrypted, written as nibble text and packed in memory order.
-TEST(CSecStore, OldTextFormIsNibbleTextOfTheCipherBytes) {
-    const std::u16string plain = u"host_param=\u00e9;";
-    const Bytes bytes = highByteFirst(plain);
-    const std::string nibbles = CSecStore::encodeBytes(
-        CSecStore::encryptBinary(bytes.data(), bytes.size(), CSecStore::ms_key));
-    std::u16string expected(nibbles.size() / 2, u'\0');
-    std::memcpy(expected.data(), nibbles.data(), nibbles.size());
-
-    const std::u16string encrypted = CSecStore::encrypt(plain, CSecStore::ms_key);
-    EXPECT_EQ(encrypted, expected);
-    EXPECT_EQ(encrypted.substr(0, 2), u"\x2020\x2020");
-    EXPECT_EQ(CSecStore::decrypt(encrypted, CSecStore::ms_key), plain);
-}
-
-TEST(CSecStore, OldTextFormRoundTripsAroundTheBlockBoundary) {
-    // Two bytes per unit: 3, 4 and 5 units straddle the first block.
-    for (const std::u16string plain :
-         {u"", u"a", u"abc", u"abcd", u"abcde", u"a;b=c;\u20ac\U0001F600xyz"}) {
-        SCOPED_TRACE(test::u8(plain));
-        EXPECT_EQ(CSecStore::decrypt(CSecStore::encrypt(plain, otherKey), otherKey), plain);
-    }
-    EXPECT_EQ(CSecStore::encrypt(u"", otherKey), u"");
-    EXPECT_NE(CSecStore::decrypt(CSecStore::encrypt(u"a=1;", otherKey), CSecStore::ms_key),
-              u"a=1;");
-}
-
-// Without the four blanks the string's memory is the cipher text itself.
-TEST(CSecStore, OldestTextFormDecryptsTheRawBytes) {
-    const std::u16string plain = u"user_param=x;";
-    const Bytes bytes = highByteFirst(plain);
-    const Bytes cipher = CSecStore::encryptBinary(bytes.data(), bytes.size(), CSecStore::ms_key);
-    std::u16string raw(cipher.size() / 2, u'\0');
-    std::memcpy(raw.data(), cipher.data(), cipher.size());
-    EXPECT_EQ(CSecStore::decrypt(raw, CSecStore::ms_key), plain);
-}
-
-TEST(CSecStore, KeyFormsAndKeyFileSwitch) {
-    LogCapture log;
-    CSecStore store(log, u"/some/dir/conn.dat");
-    EXPECT_FALSE(store.usesKeyFile());
-    EXPECT_EQ(store.getRandKeyBinary(), nullptr);
-    EXPECT_EQ(store.getRandKeyString(), u"");
-    EXPECT_EQ(store.getKeyFileName(), u"/some/dir/conn.dat.key");
-
-    EXPECT_TRUE(store.setRandKey(u"\x0100\x00ff\x0041\x0042\x7f43\x0044\x0045\x0046"));
-    const unsigned char expected[8] = {0x00, 0xFF, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46};
-    ASSERT_NE(store.getRandKeyBinary(), nullptr);
-    EXPECT_EQ(std::memcmp(store.getRandKeyBinary(), expected, 8), 0);
-    EXPECT_EQ(store.getRandKeyString(),
-              std::u16string(u"\x0000\x00ff\x0041\x0042\x0043\x0044\x0045\x0046", 8));
-    EXPECT_FALSE(store.setRandKey(u"short"));
-    EXPECT_FALSE(store.setRandKey(u"ninechars"));
-
-    store.setKeyFile();  // keeps the key it holds
-    EXPECT_TRUE(store.usesKeyFile());
-    EXPECT_EQ(std::memcmp(store.getRandKeyBinary(), expected, 8), 0);
-    store.unsetKeyFile();
-    EXPECT_FALSE(store.usesKeyFile());
-    EXPECT_EQ(store.getRandKeyBinary(), nullptr);
-}
-
-TEST(CSecStore, GeneratedKeysDifferBetweenStores) {
-    LogCapture log;
-    CSecStore a(log, u"a", true);
-    CSecStore b(log, u"b", true);
-    ASSERT_TRUE(a.usesKeyFile());
-    ASSERT_NE(a.getRandKeyBinary(), nullptr);
-    ASSERT_NE(b.getRandKeyBinary(), nullptr);
-    // Keys seeded from the clock would coincide for stores made in one second.
-    EXPECT_NE(std::memcmp(a.getRandKeyBinary(), b.getRandKeyBinary(), 8), 0);
 }
 
 }  // namespace
