@@ -39,7 +39,8 @@ public:
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof addr;
-        if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 8) != 0 ||
+        if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            listen(m_fd, 8) != 0 ||
             getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
             std::abort();
         m_port = std::to_string(ntohs(addr.sin_port));
@@ -64,16 +65,20 @@ private:
             std::string head;
             size_t end;
             ssize_t n = 0;
-            while ((end = head.find("\r\n\r\n")) == std::string::npos && (n = recv(c, buf.data(), buf.size(), 0)) > 0)
+            while ((end = head.find("\r\n\r\n")) == std::string::npos &&
+                   (n = recv(c, buf.data(), buf.size(), 0)) > 0)
                 head.append(buf.data(), static_cast<size_t>(n));
             size_t want = 0;
             for (const char* key : {"Content-Length:", "content-length:"})
-                if (const size_t at = head.find(key); at != std::string::npos && end != std::string::npos)
+                if (const size_t at = head.find(key);
+                    at != std::string::npos && end != std::string::npos)
                     want = std::strtoull(head.c_str() + at + 15, nullptr, 10);
             size_t got = end == std::string::npos ? 0 : head.size() - end - 4;
-            while (got < want && (n = recv(c, buf.data(), buf.size(), 0)) > 0) got += static_cast<size_t>(n);
+            while (got < want && (n = recv(c, buf.data(), buf.size(), 0)) > 0)
+                got += static_cast<size_t>(n);
             m_lastBody = got;
-            const char answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+            const char answer[] =
+                "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
             send(c, answer, sizeof answer - 1, MSG_NOSIGNAL);
             close(c);
         }
@@ -93,7 +98,8 @@ SinkServer& server() {
 const std::string& body() {
     static const std::string b = [] {
         std::string s(kBodySize, '\0');
-        for (size_t i = 0; i < s.size(); ++i) s[i] = "<kivinfo supplier_name=\"bench\">0123456789</kivinfo>\n"[i % 53];
+        for (size_t i = 0; i < s.size(); ++i)
+            s[i] = "<kivinfo supplier_name=\"bench\">0123456789</kivinfo>\n"[i % 53];
         return s;
     }();
     return b;
@@ -101,7 +107,9 @@ const std::string& body() {
 
 void BM_KivregPost100MB(benchmark::State& state) {
     using namespace kivreg;
-    const std::u16string url = u"http://127.0.0.1:" + std::u16string(server().port().begin(), server().port().end()) + u"/kiv/ds";
+    const std::u16string url = u"http://127.0.0.1:" +
+                               std::u16string(server().port().begin(), server().port().end()) +
+                               u"/kiv/ds";
     for (auto _ : state) {
         state.PauseTiming();
         std::string bytes = body();  // the copy is not part of the transfer
@@ -115,7 +123,8 @@ void BM_KivregPost100MB(benchmark::State& state) {
         req.addHeaderline(u"dsxmlversion:2.0");
         req.setBody(std::move(bytes));
         int rc = 0;
-        if (req.connect(&rc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) <= 0) state.SkipWithError("connect");
+        if (req.connect(&rc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) <= 0)
+            state.SkipWithError("connect");
         req.sendMessage(&rc);
         HttpResponse resp(&conn);
         resp.readHeaderSkip100(&rc);
@@ -130,8 +139,9 @@ BENCHMARK(BM_KivregPost100MB)->Unit(benchmark::kMillisecond)->UseRealTime();
 void BM_Curl100MB(benchmark::State& state) {
     const std::string file = "/tmp/kivreg_bench_body_" + std::to_string(getpid());
     std::ofstream(file, std::ios::binary) << body();
-    const std::string cmd = "curl -s -o /dev/null -H 'Expect:' -u u:p -H 'dsxmlversion:2.0' --data-binary @" + file +
-                            " http://127.0.0.1:" + server().port() + "/kiv/ds";
+    const std::string cmd =
+        "curl -s -o /dev/null -H 'Expect:' -u u:p -H 'dsxmlversion:2.0' --data-binary @" + file +
+        " http://127.0.0.1:" + server().port() + "/kiv/ds";
     for (auto _ : state)
         if (std::system(cmd.c_str()) != 0) state.SkipWithError("curl failed");
     if (server().lastBodyBytes() != kBodySize) state.SkipWithError("server got a short body");

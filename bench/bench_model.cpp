@@ -7,14 +7,14 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <memory>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "model/CClassicXml.h"
 #include "model/CXmlFile.h"
-#include "support/CLog.h"
 #include "runtime/textconv.h"
+#include "support/CLog.h"
 
 namespace {
 
@@ -64,7 +64,8 @@ int main(int argc, char** argv) {
     phase("render again", [&] { file->createBody(); });
     size_t oldUnits = 0;
     phase("render old", [&] {
-        kivreg::CClassicXml classic(file->getSupplierName(), file->getSupplierVersion(), file.get());
+        kivreg::CClassicXml classic(file->getSupplierName(), file->getSupplierVersion(),
+                                    file.get());
         oldUnits = classic.getXml().size();
     });
     std::fprintf(stderr, "body %zu units, old body %zu units\n", units, oldUnits);

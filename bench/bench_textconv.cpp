@@ -11,8 +11,10 @@ const std::string& mixedUtf8() {
     static const std::string text = [] {
         const std::string pieces[] = {
             "The quick brown fox jumps over the lazy dog. ",
-            "Gr\xC3\xBC\xC3\x9F" "e aus K\xC3\xB6ln, \xC3\xA9t\xC3\xA9 \xC3\xA0 Paris. ",
-            "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA\xE6\xB7\xB7\xE3\x81\x98\xE3\x82\x8A. ",
+            "Gr\xC3\xBC\xC3\x9F"
+            "e aus K\xC3\xB6ln, \xC3\xA9t\xC3\xA9 \xC3\xA0 Paris. ",
+            "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA\xE6\xB7\xB7\xE3\x81\x98\xE3\x82\x8A."
+            " ",
             "\xF0\x9F\x98\x80\xF0\x9F\x9A\x80 ok ",
             "<property name=\"Host\"><value>server-01.example.org</value></property>",
         };

@@ -27,8 +27,8 @@ struct Lcg {
 };
 
 const char* const kWords[] = {
-    "Köln", "Düsseldorf", "Straße", "naïve café", "漢字テスト", "Ørsted", "😀 ok", "plain",
-    "server", "rack 7", "a & b", "x < y", "\"quoted\"", "it's", "R&D > ops",
+    "Köln",   "Düsseldorf", "Straße", "naïve café", "漢字テスト", "Ørsted", "😀 ok",      "plain",
+    "server", "rack 7",     "a & b",  "x < y",      "\"quoted\"", "it's",   "R&D > ops",
 };
 constexpr int kWordCount = sizeof kWords / sizeof kWords[0];
 
@@ -36,11 +36,20 @@ constexpr int kWordCount = sizeof kWords / sizeof kWords[0];
 void appendEscaped(std::string& out, const char* s) {
     for (; *s != '\0'; ++s) {
         switch (*s) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += *s;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += *s;
         }
     }
 }
@@ -49,7 +58,8 @@ std::string hostUnit(int g, int h, int prevGroupHosts, Lcg& rng) {
     std::string s;
     const std::string id = "host-" + std::to_string(g) + "-" + std::to_string(h);
     s += "      <instance inst_id=\"" + id + "\">\n";
-    s += "        <property name=\"Name\" sourceformat=\"text\"><value>" + id + ".example.com</value></property>\n";
+    s += "        <property name=\"Name\" sourceformat=\"text\"><value>" + id +
+         ".example.com</value></property>\n";
     s += "        <property name=\"IPAddresses\" sourceformat=\"ipv4\">";
     for (int i = 0; i < 3; ++i)
         s += "<value>10." + std::to_string(g) + "." + std::to_string(h % 250) + "." +
@@ -61,7 +71,8 @@ std::string hostUnit(int g, int h, int prevGroupHosts, Lcg& rng) {
         appendEscaped(s, kWords[rng.next() % kWordCount]);
     }
     s += "</value>\n          <value>  multi\n   line\ttext  </value></property>\n";
-    s += "        <property name=\"InstallPath\" sourceformat=\"${path.format}\"><value>${install.dir}/" +
+    s += "        <property name=\"InstallPath\" "
+         "sourceformat=\"${path.format}\"><value>${install.dir}/" +
          id + "</value><value>${log.dir}/" + id + ".log</value></property>\n";
     s += "        <property name=\"Owner\"><value>${owner}</value></property>\n";
     s += "        <reference rolename=\"Site\" groupname=\"G" + std::to_string(g) +
@@ -78,17 +89,21 @@ std::string hostUnit(int g, int h, int prevGroupHosts, Lcg& rng) {
 std::string memberUnit(int g, int h) {
     const std::string host = "host-" + std::to_string(g) + "-" + std::to_string(h);
     const std::string site = "site-" + std::to_string(g) + "-" + std::to_string(h / kHostsPerSite);
-    return "      <instance inst_id=\"" + site + "|" + host + "\">\n"
-           "        <reference rolename=\"Site\" groupname=\"G" + std::to_string(g) +
-           "\" classname=\"Site\" inst_id=\"" + site + "\"/>\n"
-           "        <reference rolename=\"Host\" groupname=\"G" + std::to_string(g) +
-           "\" classname=\"Host\" inst_id=\"" + host + "\"/>\n      </instance>\n";
+    return "      <instance inst_id=\"" + site + "|" + host +
+           "\">\n"
+           "        <reference rolename=\"Site\" groupname=\"G" +
+           std::to_string(g) + "\" classname=\"Site\" inst_id=\"" + site +
+           "\"/>\n"
+           "        <reference rolename=\"Host\" groupname=\"G" +
+           std::to_string(g) + "\" classname=\"Host\" inst_id=\"" + host +
+           "\"/>\n      </instance>\n";
 }
 
 std::string siteUnit(int g, int s) {
     const std::string id = "site-" + std::to_string(g) + "-" + std::to_string(s);
     return "      <instance inst_id=\"" + id + "\"><property name=\"Name\"><value>Site " + id +
-           " Müller &amp; Söhne</value></property><property name=\"Region\"><value>${region}</value>"
+           " Müller &amp; Söhne</value></property><property "
+           "name=\"Region\"><value>${region}</value>"
            "</property></instance>\n";
 }
 
@@ -100,7 +115,8 @@ bool writeAll(std::FILE* f, const std::string& s) {
 
 int main(int argc, char** argv) {
     if (argc != 4) {
-        std::fprintf(stderr, "usage: %s <megabytes> <document.xml> <symbols.properties>\n", argv[0]);
+        std::fprintf(stderr, "usage: %s <megabytes> <document.xml> <symbols.properties>\n",
+                     argv[0]);
         return 2;
     }
     const double megabytes = std::atof(argv[1]);
@@ -114,30 +130,39 @@ int main(int argc, char** argv) {
     Lcg probe{42};
     const size_t unit = hostUnit(1, 0, 1, probe).size() + memberUnit(1, 0).size() +
                         siteUnit(1, 0).size() / kHostsPerSite;
-    const int hosts = static_cast<int>(megabytes * 1024 * 1024 / kGroups / static_cast<double>(unit)) + 1;
+    const int hosts =
+        static_cast<int>(megabytes * 1024 * 1024 / kGroups / static_cast<double>(unit)) + 1;
     const int sites = (hosts + kHostsPerSite - 1) / kHostsPerSite;
 
     Lcg rng{20240521};
-    bool ok = writeAll(doc, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                            "<kivinfo supplier_name=\"Generator ${sid}\" supplier_version=\"${version}\" "
-                            "supplier_vendor=\"Bench &amp; Co\" model_version=\"1.5\">\n");
+    bool ok =
+        writeAll(doc,
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                 "<kivinfo supplier_name=\"Generator ${sid}\" supplier_version=\"${version}\" "
+                 "supplier_vendor=\"Bench &amp; Co\" model_version=\"1.5\">\n");
     for (int g = 0; g < kGroups && ok; ++g) {
         const std::string gs = std::to_string(g);
-        ok = writeAll(doc, "  <group name=\"G" + gs + "\" data_type=\"inventory\" data_version=\"${version}\"" +
-                               (g % 2 ? " group_type=\"SPECIFIC\"" : "") + ">\n    <rootclass name=\"Site\" clean=\"LONE\">\n");
+        ok = writeAll(doc, "  <group name=\"G" + gs +
+                               "\" data_type=\"inventory\" data_version=\"${version}\"" +
+                               (g % 2 ? " group_type=\"SPECIFIC\"" : "") +
+                               ">\n    <rootclass name=\"Site\" clean=\"LONE\">\n");
         for (int s = 0; s < sites && ok; ++s) ok = writeAll(doc, siteUnit(g, s));
         ok = ok && writeAll(doc, "    </rootclass>\n    <class name=\"Host\" sync=\"${sync}\">\n");
         for (int h = 0; h < hosts && ok; ++h) ok = writeAll(doc, hostUnit(g, h, hosts, rng));
-        ok = ok && writeAll(doc, "    </class>\n    <memberclass name=\"SiteHost\" association_name=\"Contains\" "
-                                 "root_role=\"Site\" member_role=\"Host\">\n");
+        ok = ok &&
+             writeAll(
+                 doc,
+                 "    </class>\n    <memberclass name=\"SiteHost\" association_name=\"Contains\" "
+                 "root_role=\"Site\" member_role=\"Host\">\n");
         for (int h = 0; h < hosts && ok; ++h) ok = writeAll(doc, memberUnit(g, h));
         ok = ok && writeAll(doc, "    </memberclass>\n  </group>\n");
     }
     ok = ok && writeAll(doc, "</kivinfo>\n");
-    ok = ok && writeAll(sym, "# symbols of the generated document\nsid = BEN\nversion = 9.1\n"
-                             "sync = TRUE\npath.format = path\nbase.dir = /opt/bench\n"
-                             "install.dir = ${base.dir}/${sid}\nlog.dir = ${install.dir}/log\n"
-                             "owner = Zoë O'Brien <ops@example.org>\nregion = Nordrhein-Westfalen\n");
+    ok = ok && writeAll(sym,
+                        "# symbols of the generated document\nsid = BEN\nversion = 9.1\n"
+                        "sync = TRUE\npath.format = path\nbase.dir = /opt/bench\n"
+                        "install.dir = ${base.dir}/${sid}\nlog.dir = ${install.dir}/log\n"
+                        "owner = Zoë O'Brien <ops@example.org>\nregion = Nordrhein-Westfalen\n");
     ok = (std::fclose(doc) == 0) && ok;
     ok = (std::fclose(sym) == 0) && ok;
     if (!ok) {

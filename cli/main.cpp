@@ -30,7 +30,9 @@ void print(std::u16string_view text) {
     std::fflush(stdout);
 }
 
-CLog& log() { return api::state().gLog; }
+CLog& log() {
+    return api::state().gLog;
+}
 
 // A setter refused without saying why: name the option and its value.
 int refused(std::u16string_view option, const std::u16string& value, std::u16string_view why) {
@@ -84,7 +86,8 @@ int registration(const CPArgs& cmd) {
                              Timeout{CMDARG_RECEIVE_TIMEOUT, KivRegSetReceiveTimeout}}) {
         if (!cmd.hasArg(t.option)) continue;
         const std::u16string value = cmd.getArg(t.option);
-        if (t.set(value.c_str()) != 1) return refused(t.option, value, u"a number of seconds is needed.");
+        if (t.set(value.c_str()) != 1)
+            return refused(t.option, value, u"a number of seconds is needed.");
     }
 
     if (cmd.hasArg(CMDARG_HTTP_USER) || cmd.hasArg(CMDARG_HTTP_PASS) ||
@@ -96,8 +99,8 @@ int registration(const CPArgs& cmd) {
         if (KivRegSetConnectData(host.c_str(), port.c_str(), user.c_str(), pass.c_str()) != 1) {
             // The password is never repeated, not even in a refusal.
             log() << timestamp << u"Incomplete HTTP connect data: -user, -host and -port need "
-                  << u"a value (given: -user " << user << u", -host " << host << u", -port "
-                  << port << u")." << endlog;
+                  << u"a value (given: -user " << user << u", -host " << host << u", -port " << port
+                  << u")." << endlog;
             return kExitFailed;
         }
     }

@@ -61,10 +61,12 @@ KIVREG_API int KivRegSetReceiveTimeout(const char16_t* seconds);
 KIVREG_API int KivRegSetSendTimeout(const char16_t* seconds);
 /* Records the connect timeout in seconds as text (0 = none); 1, or -1 for empty text. */
 KIVREG_API int KivRegSetConnectTimeout(const char16_t* seconds);
-/* Records host, port, user and password (may be empty); 1, or -1 when host, port or user is empty. */
+/* Records host, port, user and password (may be empty); 1, or -1 when host, port or user is empty.
+ */
 KIVREG_API int KivRegSetConnectData(const char16_t* host, const char16_t* port,
                                     const char16_t* user, const char16_t* password);
-/* Checks a connect file under the built-in key and records it; 1, or -1 when unreadable or incomplete. */
+/* Checks a connect file under the built-in key and records it; 1, or -1 when unreadable or
+ * incomplete. */
 KIVREG_API int KivRegSetConnectFile(const char16_t* fileName);
 /* Checks a connect file whose key is in fileName.key and records it; 1 or -1. */
 KIVREG_API int KivRegSetConnectFileWithKeyFile(const char16_t* fileName);

@@ -3,13 +3,20 @@
 
 /* Every declaration must have the type a C caller expects. */
 static void (*const switches[])(void) = {
-    KivRegUseHttps, KivRegDoHttpTrace, KivRegDoDataTrace, KivRegSetOldTransferOn,
-    KivRegSetNewTransferOn,
+    KivRegUseHttps,         KivRegDoHttpTrace,      KivRegDoDataTrace,
+    KivRegSetOldTransferOn, KivRegSetNewTransferOn,
 };
 static int (*const oneString[])(const char16_t*) = {
-    KivRegSetXMLFile, KivRegSetXML, KivRegSetReceiveTimeout, KivRegSetSendTimeout,
-    KivRegSetConnectTimeout, KivRegSetConnectFile, KivRegSetConnectFileWithKeyFile,
-    KivRegSetSymbolFile, KivRegPerformConfigWithKeyFile, KivRegShowConfig,
+    KivRegSetXMLFile,
+    KivRegSetXML,
+    KivRegSetReceiveTimeout,
+    KivRegSetSendTimeout,
+    KivRegSetConnectTimeout,
+    KivRegSetConnectFile,
+    KivRegSetConnectFileWithKeyFile,
+    KivRegSetSymbolFile,
+    KivRegPerformConfigWithKeyFile,
+    KivRegShowConfig,
     KivRegShowConfigWithKeyFile,
 };
 static int (*const noArgs[])(void) = {KivRegSetXMLStdin, KivRegSendReceiveData};
@@ -18,8 +25,8 @@ static int (*const connectData)(const char16_t*, const char16_t*, const char16_t
 static void (*const logfile)(const char16_t*) = KivRegSetLogfile;
 static int (*const perform)(const char16_t*, bool) = KivRegPerformConfig;
 static int (*const performArgs)(const char16_t*, bool, const char16_t*, const char16_t*,
-                                const char16_t*, const char16_t*, bool) =
-    KivRegPerformConfigWithArguments;
+                                const char16_t*, const char16_t*,
+                                bool) = KivRegPerformConfigWithArguments;
 
 int kivreg_header_c_test_count(void);
 int kivreg_header_c_test_count(void) {

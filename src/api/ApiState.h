@@ -26,7 +26,9 @@ struct ApiState {
 ApiState& state();
 
 // A null string from a C caller reads as empty.
-inline std::u16string text(const char16_t* s) { return s ? std::u16string(s) : std::u16string(); }
+inline std::u16string text(const char16_t* s) {
+    return s ? std::u16string(s) : std::u16string();
+}
 
 // The registration run (KivRegSendReceiveData) and its inner part.
 int sendReceiveData();

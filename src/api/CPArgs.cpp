@@ -11,9 +11,9 @@ namespace kivreg {
 namespace {
 
 constexpr std::u16string_view kValueOptions[] = {
-    CMDARG_FILENAME,   CMDARG_CONNECT_FILE, CMDARG_SYMBOL_FILE,     CMDARG_CONFIGURE,
-    CMDARG_SHOWCONFIG, CMDARG_LOGFILENAME,  CMDARG_HTTP_USER,       CMDARG_HTTP_PASS,
-    CMDARG_HTTP_HOST,  CMDARG_HTTP_PORT,    CMDARG_CONNECT_TIMEOUT, CMDARG_SEND_TIMEOUT,
+    CMDARG_FILENAME,        CMDARG_CONNECT_FILE, CMDARG_SYMBOL_FILE,     CMDARG_CONFIGURE,
+    CMDARG_SHOWCONFIG,      CMDARG_LOGFILENAME,  CMDARG_HTTP_USER,       CMDARG_HTTP_PASS,
+    CMDARG_HTTP_HOST,       CMDARG_HTTP_PORT,    CMDARG_CONNECT_TIMEOUT, CMDARG_SEND_TIMEOUT,
     CMDARG_RECEIVE_TIMEOUT,
 };
 
@@ -29,7 +29,9 @@ bool equalIgnCase(std::u16string_view a, std::u16string_view b) {
            });
 }
 
-bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+bool isDigit(char16_t c) {
+    return c >= u'0' && c <= u'9';
+}
 
 }  // namespace
 

@@ -8,10 +8,10 @@
 #include "api/Boundary.h"
 #include "api/Vocabulary.h"
 #include "kivreg.h"
+#include "runtime/textconv.h"
 #include "secstore/CGetPass.h"
 #include "secstore/CSecStore.h"
 #include "support/CCConv.h"
-#include "runtime/textconv.h"
 #include "support/CGetStr.h"
 
 namespace kivreg::api {
@@ -97,8 +97,8 @@ int storeAndVerify(CSecStore& store, const Settings& in, bool logStoreFailure) {
         log << timestamp << u"Internal error! Failed to store configuration data!" << endlog;
         return -1;
     }
-    log << timestamp << u"Configuration data successfully stored in file: "
-        << store.getFileName() << endlog;
+    log << timestamp << u"Configuration data successfully stored in file: " << store.getFileName()
+        << endlog;
     if (store.usesKeyFile()) {
         log << timestamp << u"Key file stored in file: " << store.getKeyFileName() << endlog;
     }
@@ -107,8 +107,8 @@ int storeAndVerify(CSecStore& store, const Settings& in, bool logStoreFailure) {
 
 // Asks until the user confirms (returns the settings) or quits (returns false).
 bool dialogue(const std::u16string& fileName, const CSecStore& store, Settings& out) {
-    const std::u16string portPrompt = u"Port [80,443," + CGetStr<int>::get(1024) + u".." +
-                                      CGetStr<int>::get(65535) + u"]: ";
+    const std::u16string portPrompt =
+        u"Port [80,443," + CGetStr<int>::get(1024) + u".." + CGetStr<int>::get(65535) + u"]: ";
     for (;;) {
         Settings in;
         in.user = ask(u"User Name       : ");
@@ -163,7 +163,8 @@ int performConfig(const std::u16string& fileName, bool useKeyFile) {
     CSecStore store(&state().gLog, fileName, useKeyFile);
     sayLine(u"");
     sayLine(u"Use configuration file '" + fileName + u"' for output!");
-    sayLine(u"Please specify the HTTP connect information: [User, Password, Host, Port, HTTP/HTTPS]");
+    sayLine(
+        u"Please specify the HTTP connect information: [User, Password, Host, Port, HTTP/HTTPS]");
     Settings in;
     try {
         if (!dialogue(fileName, store, in)) return -1;

@@ -34,8 +34,8 @@ int recordConnectFile(const char16_t* name, bool useKeyFile) {
     if (store.get(std::u16string(PARAM_HOST)).empty() ||
         store.get(std::u16string(PARAM_PORT)).empty() ||
         store.get(std::u16string(PARAM_USER)).empty()) {
-        s.gLog << timestamp << u"Incomplete HTTP connect information specified in file "
-               << fileName << endlog;
+        s.gLog << timestamp << u"Incomplete HTTP connect information specified in file " << fileName
+               << endlog;
         return -1;
     }
     // Only the name is kept: the run reads the file again when it needs it.

@@ -12,7 +12,8 @@ constexpr char ALPHABET[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxy
 constexpr std::array<signed char, 256> decodeTable() {
     std::array<signed char, 256> t{};
     t.fill(-1);
-    for (int i = 0; i < 64; ++i) t[static_cast<unsigned char>(ALPHABET[i])] = static_cast<signed char>(i);
+    for (int i = 0; i < 64; ++i)
+        t[static_cast<unsigned char>(ALPHABET[i])] = static_cast<signed char>(i);
     return t;
 }
 }  // namespace
@@ -23,7 +24,8 @@ std::string Base64::encode(std::string_view bytes) {
     size_t i = 0;
     for (; i + 3 <= bytes.size(); i += 3) {
         const unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) |
-                           (static_cast<unsigned char>(bytes[i + 1]) << 8) | static_cast<unsigned char>(bytes[i + 2]);
+                           (static_cast<unsigned char>(bytes[i + 1]) << 8) |
+                           static_cast<unsigned char>(bytes[i + 2]);
         out += ALPHABET[v >> 18];
         out += ALPHABET[(v >> 12) & 63];
         out += ALPHABET[(v >> 6) & 63];
@@ -54,10 +56,13 @@ std::optional<std::string> Base64::decode(std::string_view text) {
     out.reserve(text.size() / 4 * 3);
     for (size_t i = 0; i < text.size(); i += 4) {
         const bool last = i + 4 == text.size();
-        const int pad = last ? (text[i + 3] == '=') + (text[i + 2] == '=' && text[i + 3] == '=') : 0;
+        const int pad =
+            last ? (text[i + 3] == '=') + (text[i + 2] == '=' && text[i + 3] == '=') : 0;
         unsigned v = 0;
         for (size_t k = 0; k < 4; ++k) {
-            const int d = k >= 4 - static_cast<size_t>(pad) ? 0 : table[static_cast<unsigned char>(text[i + k])];
+            const int d = k >= 4 - static_cast<size_t>(pad)
+                              ? 0
+                              : table[static_cast<unsigned char>(text[i + k])];
             if (d < 0) return std::nullopt;
             v = (v << 6) | static_cast<unsigned>(d);
         }

@@ -1,9 +1,9 @@
 #include "http/CHttpProxy.h"
 
+#include <unistd.h>
 #include <climits>
 #include <cstdlib>
 #include <new>
-#include <unistd.h>
 
 #include "http/IHttpRequest.h"
 #include "http/IHttpResponse.h"
@@ -26,10 +26,16 @@ void required(int rc) {
 
 }  // namespace
 
-CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile, const std::u16string& user,
-                       const std::u16string& password, const std::u16string& host, const std::u16string& port,
-                       int connectTimeout, int sendTimeout, int readTimeout, bool openNow, bool https)
-    : m_log(log), m_xmlFile(xmlFile), m_user(user), m_password(password), m_host(host), m_port(port),
+CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+                       const std::u16string& user, const std::u16string& password,
+                       const std::u16string& host, const std::u16string& port, int connectTimeout,
+                       int sendTimeout, int readTimeout, bool openNow, bool https)
+    : m_log(log),
+      m_xmlFile(xmlFile),
+      m_user(user),
+      m_password(password),
+      m_host(host),
+      m_port(port),
       m_encoding(encoding) {
     if (https) handleSecEnv();
 
@@ -55,7 +61,8 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFil
     m_url->setUrl(text.c_str());
 
     m_request->setCmd(IHttpRequest::POST);
-    m_request->setHeaderline(CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
+    m_request->setHeaderline(
+        CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
     m_request->setIURL(m_url.get());
 
     if (openNow) {
@@ -76,7 +83,9 @@ int CHttpProxy::connect() {
     return m_niRc;
 }
 
-int CHttpProxy::openFile() { return connect(); }
+int CHttpProxy::openFile() {
+    return connect();
+}
 
 void CHttpProxy::handleSecEnv() {
     if (std::getenv("SECUDIR") != nullptr) return;
@@ -85,7 +94,8 @@ void CHttpProxy::handleSecEnv() {
         *m_log << timestamp << u"Failed to get current work directory" << endlog;
         return;
     }
-    if (setenv("SECUDIR", dir, 1) != 0) *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
+    if (setenv("SECUDIR", dir, 1) != 0)
+        *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
 }
 
 std::u16string CHttpProxy::xmlDeclaration() const {
@@ -110,8 +120,10 @@ std::string CHttpProxy::getBodyRaw() const {
         bytes.insert(0, CCConv::toUTF8Str(declaration));
     } else if (m_encoding == TRANSFER_ENCODING_UTF16) {
         bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
-        bytes.append(reinterpret_cast<const char*>(declaration.data()), declaration.size() * sizeof(char16_t));
-        bytes.append(reinterpret_cast<const char*>(document.data()), document.size() * sizeof(char16_t));
+        bytes.append(reinterpret_cast<const char*>(declaration.data()),
+                     declaration.size() * sizeof(char16_t));
+        bytes.append(reinterpret_cast<const char*>(document.data()),
+                     document.size() * sizeof(char16_t));
     }
     return bytes;
 }
@@ -141,8 +153,8 @@ int CHttpProxy::receive() {
     // skipped; the line keeps the form that log readers know.
     const int skipped = m_response->readHeaderSkip100(&m_niRc);
     if (m_trace)
-        *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped << u". HTTP header: "
-               << m_response->getHeader() << endlog;
+        *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped
+               << u". HTTP header: " << m_response->getHeader() << endlog;
 
     std::u16string body;
     size_t bodyBytes = 0;
@@ -161,7 +173,8 @@ int CHttpProxy::receive() {
     }
     if (m_trace)
         *m_log << timestamp << u"HTTP body length: " << bodyBytes << u" --- HTTP body: "
-               << (body.empty() ? std::u16string_view(u"*empty*") : std::u16string_view(body)) << endlog;
+               << (body.empty() ? std::u16string_view(u"*empty*") : std::u16string_view(body))
+               << endlog;
 
     m_status = refused ? nullptr : m_response->getIHttpStatus();
     if (m_status == nullptr) return -1;

@@ -26,16 +26,18 @@ public:
     static constexpr std::u16string_view USER_AGENT = u"UserAgent: KIV Data Supplier kivreg";
     static constexpr std::u16string_view DATA_SUPPLIER_XML_VERSION = u"dsxmlversion:2.0";
     static constexpr std::u16string_view ms_dsServletUrl = u"kiv/ds";
-    static constexpr std::u16string_view ms_httpHeaderContentTypeTemplate = u"Content-type: text/xml; charset=\"XXX\"";
+    static constexpr std::u16string_view ms_httpHeaderContentTypeTemplate =
+        u"Content-type: text/xml; charset=\"XXX\"";
     static constexpr std::u16string_view ms_placeholder = u"XXX";
     static constexpr int HTTP_SUCCESS_CODE = 200;
     static constexpr std::u16string_view SECUDIR = u"SECUDIR";
 
     // Timeouts in seconds (see IIPConnection for the limits). The document
     // must outlive the object; its body is read, never copied.
-    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile, const std::u16string& user,
-               const std::u16string& password, const std::u16string& host, const std::u16string& port,
-               int connectTimeout, int sendTimeout, int readTimeout, bool openNow, bool https);
+    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+               const std::u16string& user, const std::u16string& password,
+               const std::u16string& host, const std::u16string& port, int connectTimeout,
+               int sendTimeout, int readTimeout, bool openNow, bool https);
     ~CHttpProxy();
     CHttpProxy(const CHttpProxy&) = delete;
     CHttpProxy& operator=(const CHttpProxy&) = delete;

@@ -23,12 +23,17 @@ std::string ascii7(std::u16string_view text) {
     return out;
 }
 
-std::string line(std::u16string_view text) { return ascii7(text).append(CRLF); }
+std::string line(std::u16string_view text) {
+    return ascii7(text).append(CRLF);
+}
 
-std::u16string_view orEmpty(const char16_t* text) { return text != nullptr ? text : u""; }
+std::u16string_view orEmpty(const char16_t* text) {
+    return text != nullptr ? text : u"";
+}
 
 const char* methodWord(IHttpRequest::HttpCmd cmd) {
-    static constexpr const char* words[] = {"OPTIONS", "GET", "HEAD", "POST", "PUT", "DELETE", "TRACE"};
+    static constexpr const char* words[] = {"OPTIONS", "GET",    "HEAD", "POST",
+                                            "PUT",     "DELETE", "TRACE"};
     return cmd >= 0 && cmd <= 6 ? words[cmd] : "GET";
 }
 
@@ -37,7 +42,8 @@ const char* methodWord(IHttpRequest::HttpCmd cmd) {
 int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out) {
     out.reset();
     if (connection == nullptr) return -1;
-    out.reset(new (std::nothrow) HttpRequest(connection, IHttpRequest::GET, nullptr, HttpRequest::PLAIN));
+    out.reset(new (std::nothrow)
+                  HttpRequest(connection, IHttpRequest::GET, nullptr, HttpRequest::PLAIN));
     return out ? 0 : -1;
 }
 
@@ -68,7 +74,8 @@ std::string HttpRequest::makeCmdLine() const {
     if (m_url == nullptr) return {};
     std::string text = methodWord(m_cmd);
     text += ' ';
-    text += ascii7(m_viaProxy ? m_url->getUrl(false) : std::u16string(orEmpty(m_url->getRawPath())));
+    text +=
+        ascii7(m_viaProxy ? m_url->getUrl(false) : std::u16string(orEmpty(m_url->getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
     const std::u16string_view host = orEmpty(m_url->getHost());
@@ -86,7 +93,9 @@ int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connecti
     m_connectionType = connection;
     const bool secure = m_url->isSecure();
     const char16_t* defaultPort = secure ? u"443" : u"80";
-    const auto pick = [&](const char16_t* port) { return orEmpty(port).empty() ? defaultPort : port; };
+    const auto pick = [&](const char16_t* port) {
+        return orEmpty(port).empty() ? defaultPort : port;
+    };
     std::u16string host, port;
     Trace& trace = Trace::instance();
     if (!orEmpty(m_url->getProxy()).empty()) {
@@ -129,11 +138,13 @@ void HttpRequest::completeHeader(int contentLength) {
         m_header.insert(0, cmd + std::string(CRLF));
     }
     if (m_url != nullptr) {
-        const auto addAuth = [this](const char16_t* prefix, const char16_t* user, const char16_t* password) {
+        const auto addAuth = [this](const char16_t* prefix, const char16_t* user,
+                                    const char16_t* password) {
             if (const std::u16string code = encodeUsrPwd(user, password); !code.empty())
                 addHeaderline(prefix + code);
         };
-        if (m_viaProxy) addAuth(u"Proxy-Authorization: Basic ", m_url->getPuser(), m_url->getPpass());
+        if (m_viaProxy)
+            addAuth(u"Proxy-Authorization: Basic ", m_url->getPuser(), m_url->getPpass());
         addAuth(u"Authorization: Basic ", m_url->getHuser(), m_url->getHpass());
     }
     // A length or chunking line of the caller's own is not looked for: these
@@ -142,7 +153,8 @@ void HttpRequest::completeHeader(int contentLength) {
         addHeaderline(u"Transfer-Encoding: chunked");
         Trace::instance().t(LEVEL, "HttpRequest::completeHeader Transfer-Encoding: chunked");
     } else {
-        const long long length = contentLength < 0 ? static_cast<long long>(m_body.size()) : contentLength;
+        const long long length =
+            contentLength < 0 ? static_cast<long long>(m_body.size()) : contentLength;
         if (length != 0) {
             const std::string text = "Content-Length: " + std::to_string(length);
             addHeaderline(std::u16string(text.begin(), text.end()));
@@ -165,7 +177,8 @@ int HttpRequest::sendHeader(int* rc, int contentLength) {
     completeHeader(contentLength);
     const int written = writeBuffer(m_header, &code);
     if (rc != nullptr) *rc = code;
-    Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), written, contentLength);
+    Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), written,
+                        contentLength);
     return written;
 }
 
@@ -175,13 +188,16 @@ int HttpRequest::writeBody(int* rc) {
     if (!m_body.empty()) {
         written = writeBuffer(m_body, &code);
         ++m_sendCount;
-        Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_body.size(), written);
+        Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_body.size(),
+                            written);
     }
     if (rc != nullptr) *rc = code;
     return written;
 }
 
-int HttpRequest::sendBody(int* rc) { return writeBody(rc); }
+int HttpRequest::sendBody(int* rc) {
+    return writeBody(rc);
+}
 
 int HttpRequest::sendMessage(int* rc) {
     // Only the body write's code reaches the caller; a failed header write

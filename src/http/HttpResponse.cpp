@@ -25,7 +25,9 @@ std::u16string fromAscii(std::string_view bytes) {
     return out;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 // Decimal digits only, at most 2^31-1. Returns -1 when not a number, -2 when too large.
 long long parseLength(std::u16string_view text) {
@@ -41,9 +43,10 @@ long long parseLength(std::u16string_view text) {
 
 bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() &&
-           std::equal(prefix.begin(), prefix.end(), text.begin(),
-                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) ==
-                                                  std::tolower(static_cast<unsigned char>(b)); });
+           std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
+               return std::tolower(static_cast<unsigned char>(a)) ==
+                      std::tolower(static_cast<unsigned char>(b));
+           });
 }
 
 }  // namespace
@@ -195,7 +198,8 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
     if (blank != std::u16string_view::npos) {
         std::u16string_view rest = statusLine.substr(blank + 1);
         const size_t digits = std::min(rest.find_first_not_of(u"0123456789"), rest.size());
-        if (digits > 0 && digits <= 4) m_statusCode = static_cast<int>(parseLength(rest.substr(0, digits)));
+        if (digits > 0 && digits <= 4)
+            m_statusCode = static_cast<int>(parseLength(rest.substr(0, digits)));
     }
     m_haveStatus = true;
     trace.t(LEVEL, "HttpResponse::readHeader", m_version);
@@ -203,8 +207,8 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
 
     m_header = m_rawHeader.substr(lineEnd + 1);
     std::unique_ptr<IParValMultilineDictionary> dict;
-    if (createIParValMultilineDictionary(dict, bareLf ? u"\n" : u"\r\n", u";", u":=", u"\t\r\n ", true, true,
-                                         true) != 0)
+    if (createIParValMultilineDictionary(dict, bareLf ? u"\n" : u"\r\n", u";", u":=", u"\t\r\n ",
+                                         true, true, true) != 0)
         return fail(rc, rt::NET_ERR_INVALID);
     dict->parseMultiline(m_header);
     if (const char16_t* value = dict->fetchVal(u"content-length", true)) {
@@ -219,8 +223,9 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
     }
     if (const char16_t* value = dict->fetchVal(u"transfer-encoding", true)) {
         if (std::u16string v(value); v.size() == 7) {
-            std::transform(v.begin(), v.end(), v.begin(),
-                           [](char16_t c) { return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c; });
+            std::transform(v.begin(), v.end(), v.begin(), [](char16_t c) {
+                return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c;
+            });
             if (v == u"chunked") {
                 m_chunked = true;
                 trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");
@@ -253,7 +258,8 @@ int HttpResponse::readBody(int* rc) {
     if (m_chunked) return readChunk(rc);
     if (static_cast<size_t>(m_contentLength) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
     m_body.reserve(static_cast<size_t>(m_contentLength));
-    const int n = readInto(m_body, static_cast<size_t>(m_contentLength), rc, "HttpResponse::readBody Body Read returns",
+    const int n = readInto(m_body, static_cast<size_t>(m_contentLength), rc,
+                           "HttpResponse::readBody Body Read returns",
                            "HttpResponse::readBody Body Completion Read returns");
     m_bodyTotal = static_cast<size_t>(n);
     m_bodyDone = true;
@@ -271,7 +277,9 @@ int HttpResponse::readChunk(int* rc) {
     long long size = 0;
     for (; i < line->size(); ++i) {
         const char c = (*line)[i];
-        const int d = c >= '0' && c <= '9' ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
+        const int d = c >= '0' && c <= '9'                     ? c - '0'
+                      : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10
+                                                               : -1;
         if (d < 0) break;
         size = size * 16 + d;
         if (size > INT_MAX) return fail(rc, rt::NET_ERR_PROTOCOL);
@@ -279,7 +287,8 @@ int HttpResponse::readChunk(int* rc) {
     if (i == 0) return fail(rc, rt::NET_ERR_PROTOCOL);
     while (i < line->size() && isBlank((*line)[i])) ++i;
     if (i < line->size() && (*line)[i] != ';') return fail(rc, rt::NET_ERR_PROTOCOL);
-    m_chunkExt = i < line->size() ? fromAscii(std::string_view(*line).substr(i + 1)) : std::u16string();
+    m_chunkExt =
+        i < line->size() ? fromAscii(std::string_view(*line).substr(i + 1)) : std::u16string();
     trace.t(LEVEL, "HttpResponse::readBody Chunk Length is", size);
 
     if (size == 0) {
@@ -288,8 +297,9 @@ int HttpResponse::readChunk(int* rc) {
         return 0;
     }
     if (m_bodyTotal + static_cast<size_t>(size) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
-    const int n = readInto(m_body, static_cast<size_t>(size), rc, "HttpResponse::readBody Chunk Read returns",
-                           "HttpResponse::readBody Chunk Completion Read returns");
+    const int n =
+        readInto(m_body, static_cast<size_t>(size), rc, "HttpResponse::readBody Chunk Read returns",
+                 "HttpResponse::readBody Chunk Completion Read returns");
     m_bodyTotal += static_cast<size_t>(n);
     if (*rc >= 0) {
         // The chunk's own line end must follow at once.

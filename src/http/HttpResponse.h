@@ -17,7 +17,9 @@ public:
     int getStatusCode() const override { return m_statusCode; }
     bool isChunked() const override { return m_chunked; }
     long long getContentLength() const override { return m_contentLength; }
-    bool expectsBody() const override { return m_haveStatus && !m_bodyDone && (m_chunked || m_contentLength > 0); }
+    bool expectsBody() const override {
+        return m_haveStatus && !m_bodyDone && (m_chunked || m_contentLength > 0);
+    }
 
     int getHeaderLen() const override { return static_cast<int>(m_header.size()); }
     int getRawHeaderLen() const override { return static_cast<int>(m_rawHeader.size()); }
@@ -51,7 +53,8 @@ private:
     // Reads once more from the connection behind the unread bytes.
     size_t fill(int* rc);
     // Moves up to `want` bytes into `out`: unread bytes first, then the connection.
-    int readInto(std::string& out, size_t want, int* rc, const char* firstTrace, const char* laterTrace);
+    int readInto(std::string& out, size_t want, int* rc, const char* firstTrace,
+                 const char* laterTrace);
     // One line ending in LF (a CR before it is dropped), at most `limit` bytes.
     std::optional<std::string> readLine(int* rc, size_t limit);
     int fail(int* rc, int code);

@@ -70,7 +70,9 @@ constexpr std::array<HttpStatus::Row, 58> ROWS{{
 
 }  // namespace
 
-std::span<const HttpStatus::Row> HttpStatus::table() { return ROWS; }
+std::span<const HttpStatus::Row> HttpStatus::table() {
+    return ROWS;
+}
 
 void HttpStatus::setCode(int code) {
     m_index = 0;
@@ -78,7 +80,9 @@ void HttpStatus::setCode(int code) {
         if (ROWS[i].code == code) m_index = i;
 }
 
-void HttpStatus::addMessage(std::u16string_view message) { m_message = message.substr(0, MAX_MESSAGE); }
+void HttpStatus::addMessage(std::u16string_view message) {
+    m_message = message.substr(0, MAX_MESSAGE);
+}
 
 std::u16string HttpStatus::getMessage() const {
     std::u16string text = m_message;

@@ -64,7 +64,8 @@ int IPConnection::open(const char16_t* host, const char16_t* service, bool secur
         }
         m_secure = true;
         if (getKernelTraceLevel() >= 2)
-            trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS session", rt::tlsDescribe(*m_session));
+            trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS session",
+                    rt::tlsDescribe(*m_session));
     }
     return rt::NET_OK;
 }
@@ -77,7 +78,8 @@ int IPConnection::write(const void* data, int size, int* rc) {
         code = m_secure ? rt::tlsWrite(*m_session, data, n, m_sendMs, &written)
                         : rt::netWrite(m_handle, data, n, m_sendMs, &written);
         if (code != rt::NET_OK && m_secure && !rt::tlsLastReason(*m_session).empty())
-            Trace::instance().t(Trace::TRANSPORT_LEVEL, "IPConnection::write TLS:", rt::tlsLastReason(*m_session));
+            Trace::instance().t(Trace::TRANSPORT_LEVEL,
+                                "IPConnection::write TLS:", rt::tlsLastReason(*m_session));
     }
     if (rc != nullptr) *rc = code;
     return static_cast<int>(written);
@@ -91,7 +93,8 @@ int IPConnection::read(void* data, int size, int* rc) {
         code = m_secure ? rt::tlsRead(*m_session, data, n, m_readMs, &got)
                         : rt::netRead(m_handle, data, n, m_readMs, &got);
         if (code != rt::NET_OK && code != rt::NET_ERR_CLOSED && m_secure)
-            Trace::instance().t(Trace::TRANSPORT_LEVEL, "IPConnection::read TLS:", rt::tlsLastReason(*m_session));
+            Trace::instance().t(Trace::TRANSPORT_LEVEL,
+                                "IPConnection::read TLS:", rt::tlsLastReason(*m_session));
     }
     if (rc != nullptr) *rc = code;
     return static_cast<int>(got);

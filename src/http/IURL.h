@@ -35,7 +35,7 @@ public:
 
     virtual const char16_t* getService() const = 0;  // the scheme
     virtual void setService(const char16_t* service) = 0;
-    virtual bool isSecure() const = 0;               // scheme "https", any case
+    virtual bool isSecure() const = 0;  // scheme "https", any case
 
     virtual const char16_t* getHport() const = 0;
     virtual int getHport2() const = 0;  // -1 when unset or not a number

@@ -20,12 +20,15 @@ struct Flags {
     bool keepBare;
 };
 
-char16_t lower(char16_t c) { return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c; }
+char16_t lower(char16_t c) {
+    return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c;
+}
 
 bool same(std::u16string_view a, std::u16string_view b, bool ignoreCase) {
     if (!ignoreCase) return a == b;
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                              [](char16_t x, char16_t y) { return lower(x) == lower(y); });
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(),
+                      [](char16_t x, char16_t y) { return lower(x) == lower(y); });
 }
 
 std::u16string_view trimmed(std::u16string_view s, std::u16string_view white) {
@@ -35,7 +38,8 @@ std::u16string_view trimmed(std::u16string_view s, std::u16string_view white) {
 }
 
 // Splits at `separator` (a whole string) outside double quotes when quotes count.
-std::vector<std::u16string_view> split(std::u16string_view text, std::u16string_view separator, bool quotes) {
+std::vector<std::u16string_view> split(std::u16string_view text, std::u16string_view separator,
+                                       bool quotes) {
     std::vector<std::u16string_view> parts;
     if (separator.empty()) {
         parts.push_back(text);
@@ -63,7 +67,8 @@ DicVecLine parse(std::u16string_view line, const Syntax& syntax, const Flags& fl
     for (std::u16string_view item : split(line, syntax.itemSeparator, flags.unquote)) {
         const size_t sep = item.find_first_of(syntax.nameValueSeparators);
         std::u16string_view name = item.substr(0, sep);
-        std::u16string_view value = sep == std::u16string_view::npos ? std::u16string_view() : item.substr(sep + 1);
+        std::u16string_view value =
+            sep == std::u16string_view::npos ? std::u16string_view() : item.substr(sep + 1);
         if (flags.trim) {
             name = trimmed(name, syntax.whiteSpace);
             value = trimmed(value, syntax.whiteSpace);
@@ -94,7 +99,9 @@ public:
         m_line = parse(line, m_syntax, {trim, unquote, m_flags.keepBare});
         return static_cast<int>(m_line.items.size());
     }
-    int parseLine(std::u16string_view line) override { return parseLine(line, m_flags.trim, m_flags.unquote); }
+    int parseLine(std::u16string_view line) override {
+        return parseLine(line, m_flags.trim, m_flags.unquote);
+    }
     const char16_t* fetchVal(std::u16string_view name, bool ignoreCase) const override {
         return find(std::span(&m_line, 1), name, ignoreCase, true);
     }
@@ -140,23 +147,28 @@ private:
 
 }  // namespace
 
-int createIParValDictionary(std::unique_ptr<IParValDictionary>& out, std::u16string_view itemSeparator,
-                            std::u16string_view nameValueSeparators, std::u16string_view whiteSpace, bool trim,
-                            bool unquote, bool keepBare) {
+int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
+                            std::u16string_view itemSeparator,
+                            std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,
+                            bool trim, bool unquote, bool keepBare) {
     out.reset(new (std::nothrow) ParValDictionary(
-        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators), std::u16string(whiteSpace)},
+        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators),
+               std::u16string(whiteSpace)},
         Flags{trim, unquote, keepBare}));
     return out ? 0 : -1;
 }
 
 int createIParValMultilineDictionary(std::unique_ptr<IParValMultilineDictionary>& out,
-                                     std::u16string_view lineSeparator, std::u16string_view itemSeparator,
-                                     std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,
-                                     bool trim, bool unquote, bool keepBare) {
+                                     std::u16string_view lineSeparator,
+                                     std::u16string_view itemSeparator,
+                                     std::u16string_view nameValueSeparators,
+                                     std::u16string_view whiteSpace, bool trim, bool unquote,
+                                     bool keepBare) {
     if (lineSeparator.empty()) return -1;
     out.reset(new (std::nothrow) ParValMultilineDictionary(
         std::u16string(lineSeparator),
-        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators), std::u16string(whiteSpace)},
+        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators),
+               std::u16string(whiteSpace)},
         Flags{trim, unquote, keepBare}));
     return out ? 0 : -1;
 }

@@ -45,7 +45,8 @@ public:
     virtual ~IParValMultilineDictionary() = default;
     virtual void reset() = 0;
     // Replaces the content with the parsed lines; returns the number of lines.
-    virtual int parseMultiline(std::u16string_view text, bool trim, bool unquote, bool keepBare) = 0;
+    virtual int parseMultiline(std::u16string_view text, bool trim, bool unquote,
+                               bool keepBare) = 0;
     virtual int parseMultiline(std::u16string_view text) = 0;
     // Looks through the lines in order.
     virtual const char16_t* fetchVal(std::u16string_view name, bool ignoreCase) const = 0;
@@ -53,12 +54,15 @@ public:
     virtual const std::vector<DicVecLine>& getBlock() const = 0;
 };
 
-int createIParValDictionary(std::unique_ptr<IParValDictionary>& out, std::u16string_view itemSeparator,
-                            std::u16string_view nameValueSeparators, std::u16string_view whiteSpace, bool trim,
-                            bool unquote, bool keepBare);
+int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
+                            std::u16string_view itemSeparator,
+                            std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,
+                            bool trim, bool unquote, bool keepBare);
 int createIParValMultilineDictionary(std::unique_ptr<IParValMultilineDictionary>& out,
-                                     std::u16string_view lineSeparator, std::u16string_view itemSeparator,
-                                     std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,
-                                     bool trim, bool unquote, bool keepBare);
+                                     std::u16string_view lineSeparator,
+                                     std::u16string_view itemSeparator,
+                                     std::u16string_view nameValueSeparators,
+                                     std::u16string_view whiteSpace, bool trim, bool unquote,
+                                     bool keepBare);
 
 }  // namespace kivreg

@@ -1,7 +1,7 @@
 #include "http/Trace.h"
 
-#include <ctime>
 #include <unistd.h>
+#include <ctime>
 
 #include "runtime/NetSocket.h"
 #include "runtime/textconv.h"
@@ -118,7 +118,9 @@ void Trace::append(std::string& msg, long long number) {
     msg += std::to_string(number);
 }
 
-void Trace::append(std::string& msg, const char* text) { append(msg, std::string_view(text ? text : "(NULL)")); }
+void Trace::append(std::string& msg, const char* text) {
+    append(msg, std::string_view(text ? text : "(NULL)"));
+}
 
 void Trace::append(std::string& msg, std::string_view text) {
     msg += ' ';
@@ -130,16 +132,26 @@ void Trace::append(std::string& msg, std::u16string_view text) {
     rt::utf16ToUtf8Lenient(text, msg);
 }
 
-void setTraceVerbosity(Trace::Verbosity level) { Trace::instance().setVerbosity(level); }
+void setTraceVerbosity(Trace::Verbosity level) {
+    Trace::instance().setVerbosity(level);
+}
 
 void setTraceFile(const char16_t* name) {
     if (name != nullptr) Trace::instance().setFileName(name);
 }
 
-void setTraceOn() { Trace::instance().tOn(true); }
-void setTraceOff() { Trace::instance().tOn(false); }
+void setTraceOn() {
+    Trace::instance().tOn(true);
+}
+void setTraceOff() {
+    Trace::instance().tOn(false);
+}
 
-void setKernelTraceLevel(int level) { g_kernelTraceLevel = level; }
-int getKernelTraceLevel() { return g_kernelTraceLevel; }
+void setKernelTraceLevel(int level) {
+    g_kernelTraceLevel = level;
+}
+int getKernelTraceLevel() {
+    return g_kernelTraceLevel;
+}
 
 }  // namespace kivreg

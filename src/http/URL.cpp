@@ -30,8 +30,8 @@ size_t schemeLength(std::u16string_view text) {
     for (size_t i = 1; i < text.size(); ++i) {
         const char16_t c = text[i];
         if (c == u':') return i;
-        const bool ok = ((c | 0x20) >= u'a' && (c | 0x20) <= u'z') || (c >= u'0' && c <= u'9') || c == u'+' ||
-                        c == u'-' || c == u'.';
+        const bool ok = ((c | 0x20) >= u'a' && (c | 0x20) <= u'z') || (c >= u'0' && c <= u'9') ||
+                        c == u'+' || c == u'-' || c == u'.';
         if (!ok) return 0;
     }
     return 0;
@@ -74,12 +74,15 @@ void URL::setService(const char16_t* service) {
     m_secure = service != nullptr && equalsIgnoreCase(service, u"https");
 }
 
-std::u16string URL::getUrl(bool escaped) const { return escaped ? escape(m_url) : m_url; }
+std::u16string URL::getUrl(bool escaped) const {
+    return escaped ? escape(m_url) : m_url;
+}
 
 bool URL::setUrl(const char16_t* url) {
     if (url == nullptr || *url == u'\0') return false;
     std::u16string_view rest(url);
-    for (Part p : {SERVICE, HOST, HPORT, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE}) m_parts[p].reset();
+    for (Part p : {SERVICE, HOST, HPORT, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE})
+        m_parts[p].reset();
     m_secure = false;
 
     std::u16string kept;  // the URL text without user information
@@ -108,8 +111,11 @@ bool URL::setUrl(const char16_t* url) {
         size_t portStart = std::u16string_view::npos;
         if (!authority.empty() && authority[0] == u'[') {  // IPv6 literal
             const size_t close = authority.find(u']');
-            set(HOST, authority.substr(1, close == std::u16string_view::npos ? std::u16string_view::npos : close - 1));
-            if (close != std::u16string_view::npos && close + 1 < authority.size() && authority[close + 1] == u':')
+            set(HOST,
+                authority.substr(
+                    1, close == std::u16string_view::npos ? std::u16string_view::npos : close - 1));
+            if (close != std::u16string_view::npos && close + 1 < authority.size() &&
+                authority[close + 1] == u':')
                 portStart = close + 2;
         } else {
             const size_t colon = authority.find(u':');

@@ -50,10 +50,28 @@ public:
     std::u16string escape(std::u16string_view text) const override;
     std::u16string unescape(std::u16string_view text) const override;
 
-    static bool isIn(char16_t c, std::u16string_view set) { return set.find(c) != std::u16string_view::npos; }
+    static bool isIn(char16_t c, std::u16string_view set) {
+        return set.find(c) != std::u16string_view::npos;
+    }
 
 private:
-    enum Part { SERVICE, HOST, HPORT, HUSER, HPASS, PROXY, PPORT, PUSER, PPASS, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE, PART_COUNT };
+    enum Part {
+        SERVICE,
+        HOST,
+        HPORT,
+        HUSER,
+        HPASS,
+        PROXY,
+        PPORT,
+        PUSER,
+        PPASS,
+        PATH,
+        RAW_PATH,
+        QUERY,
+        FRAGMENT,
+        OPAQUE,
+        PART_COUNT
+    };
 
     const char16_t* get(Part p) const { return m_parts[p] ? m_parts[p]->c_str() : nullptr; }
     void set(Part p, const char16_t* v);

@@ -7,7 +7,8 @@
 namespace kivreg {
 
 bool CAttr::isValidValue(const std::u16string& value) const {
-    return m_allowed.empty() || std::find(m_allowed.begin(), m_allowed.end(), value) != m_allowed.end();
+    return m_allowed.empty() ||
+           std::find(m_allowed.begin(), m_allowed.end(), value) != m_allowed.end();
 }
 
 bool CAttr::isValid() const {

@@ -80,10 +80,14 @@ void CInst::render(Out& out) const {
 
 std::u16string CClass::getType() const {
     switch (m_type) {
-        case TYPE_CLASS: return u"Class";
-        case TYPE_ROOT_CLASS: return u"Root class";
-        case TYPE_MEMBER_CLASS: return u"Member class";
-        default: return {};
+        case TYPE_CLASS:
+            return u"Class";
+        case TYPE_ROOT_CLASS:
+            return u"Root class";
+        case TYPE_MEMBER_CLASS:
+            return u"Member class";
+        default:
+            return {};
     }
 }
 
@@ -91,10 +95,17 @@ template <typename Out>
 void CClass::render(Out& out) const {
     const char16_t* tag = nullptr;
     switch (m_type) {
-        case TYPE_CLASS: tag = u"class"; break;
-        case TYPE_ROOT_CLASS: tag = u"rootclass"; break;
-        case TYPE_MEMBER_CLASS: tag = u"memberclass"; break;
-        default: break;
+        case TYPE_CLASS:
+            tag = u"class";
+            break;
+        case TYPE_ROOT_CLASS:
+            tag = u"rootclass";
+            break;
+        case TYPE_MEMBER_CLASS:
+            tag = u"memberclass";
+            break;
+        default:
+            break;
     }
     // A kind outside the three is made visible in the document rather than
     // silently mapped to one of them.
@@ -140,15 +151,35 @@ size_t measured(const Elem& elem) {
     return n.units;
 }
 
-void CProp::appendXml(std::u16string& out) const { render(out); }
-size_t CProp::xmlLength() const { return measured(*this); }
-void CRef::appendXml(std::u16string& out) const { render(out); }
-size_t CRef::xmlLength() const { return measured(*this); }
-void CInst::appendXml(std::u16string& out) const { render(out); }
-size_t CInst::xmlLength() const { return measured(*this); }
-void CClass::appendXml(std::u16string& out) const { render(out); }
-size_t CClass::xmlLength() const { return measured(*this); }
-void CGroup::appendXml(std::u16string& out) const { render(out); }
-size_t CGroup::xmlLength() const { return measured(*this); }
+void CProp::appendXml(std::u16string& out) const {
+    render(out);
+}
+size_t CProp::xmlLength() const {
+    return measured(*this);
+}
+void CRef::appendXml(std::u16string& out) const {
+    render(out);
+}
+size_t CRef::xmlLength() const {
+    return measured(*this);
+}
+void CInst::appendXml(std::u16string& out) const {
+    render(out);
+}
+size_t CInst::xmlLength() const {
+    return measured(*this);
+}
+void CClass::appendXml(std::u16string& out) const {
+    render(out);
+}
+size_t CClass::xmlLength() const {
+    return measured(*this);
+}
+void CGroup::appendXml(std::u16string& out) const {
+    render(out);
+}
+size_t CGroup::xmlLength() const {
+    return measured(*this);
+}
 
 }  // namespace kivreg

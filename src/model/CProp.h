@@ -48,12 +48,23 @@ public:
         for (size_t i = 0; i < value.size(); ++i) {
             const char16_t* entity;
             switch (value[i]) {
-                case u'&': entity = u"&amp;"; break;
-                case u'<': entity = u"&lt;"; break;
-                case u'>': entity = u"&gt;"; break;
-                case u'"': entity = u"&quot;"; break;
-                case u'\'': entity = u"&apos;"; break;
-                default: continue;
+                case u'&':
+                    entity = u"&amp;";
+                    break;
+                case u'<':
+                    entity = u"&lt;";
+                    break;
+                case u'>':
+                    entity = u"&gt;";
+                    break;
+                case u'"':
+                    entity = u"&quot;";
+                    break;
+                case u'\'':
+                    entity = u"&apos;";
+                    break;
+                default:
+                    continue;
             }
             out += value.substr(start, i - start);
             out += entity;

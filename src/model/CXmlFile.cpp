@@ -29,10 +29,14 @@ std::u16string attr16(const XmlElement& e, std::string_view name) {
     return text16(e.attribute(name));
 }
 
-std::u16string str(std::u16string_view v) { return std::u16string(v); }
+std::u16string str(std::u16string_view v) {
+    return std::u16string(v);
+}
 
 // The vocabulary's names are ASCII.
-std::u16string widen(std::string_view ascii) { return std::u16string(ascii.begin(), ascii.end()); }
+std::u16string widen(std::string_view ascii) {
+    return std::u16string(ascii.begin(), ascii.end());
+}
 
 // An attribute that admits only the given values.
 CAttr choice(std::string_view name, std::u16string value, std::u16string_view defaultValue,
@@ -66,7 +70,8 @@ std::string readStdinBytes() {
     while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) data.append(buf, n);
     if (data.empty()) return data;
     size_t start = data.size() - 1;
-    while (start > 0 && data.size() - start < 4 && (static_cast<unsigned char>(data[start]) & 0xC0) == 0x80)
+    while (start > 0 && data.size() - start < 4 &&
+           (static_cast<unsigned char>(data[start]) & 0xC0) == 0x80)
         --start;
     if ((static_cast<unsigned char>(data[start]) & 0xC0) == 0x80) start = data.size() - 1;
     data.append(data, start, std::string::npos);
@@ -89,7 +94,8 @@ CXmlFile::CXmlFile(CLog* log) : m_log(log), m_symbols(log) {
     } catch (const std::exception&) {
         m_loaded = false;
     }
-    if (!m_loaded) *m_log << timestamp << u"Failed to load and parse XML input from stdin." << endlog;
+    if (!m_loaded)
+        *m_log << timestamp << u"Failed to load and parse XML input from stdin." << endlog;
 }
 
 CXmlFile::CXmlFile(CLog* log, const std::u16string& fileName)
@@ -358,7 +364,8 @@ void CXmlFile::replaceSymbols() {
     *m_log << timestamp << u"Replacing symbols in XML document." << endlog;
     if (m_symbols.getSymbolCount() == 0) return;
     const PSymbols& sym = m_symbols;
-    for (std::u16string* s : {&m_supplierName, &m_supplierVendor, &m_supplierVersion, &m_modelVersion})
+    for (std::u16string* s :
+         {&m_supplierName, &m_supplierVendor, &m_supplierVersion, &m_modelVersion})
         sym.replaceSymbolsInPlace(*s);
 
     // A default that holds a placeholder becomes an explicit value.
@@ -376,7 +383,8 @@ void CXmlFile::replaceSymbols() {
             for (CInst& inst : c.instances()) {
                 for (auto& [name, prop] : inst.properties()) {
                     if (!prop.getSourceformat().empty() &&
-                        prop.getSourceformat().find(PSymbols::symbol_start) != std::u16string::npos) {
+                        prop.getSourceformat().find(PSymbols::symbol_start) !=
+                            std::u16string::npos) {
                         std::u16string f = prop.getSourceformat();
                         if (sym.replaceSymbolsInPlace(f)) prop.setSourceformat(std::move(f));
                     }
@@ -400,7 +408,8 @@ bool CXmlFile::validateReferences() const {
     auto findClass = [&](size_t groupIndex, const std::u16string& name) -> const CClass* {
         auto& table = classesOf[groupIndex];
         if (!classesBuilt[groupIndex]) {
-            for (const CClass& c : m_groups[groupIndex].classes()) table.try_emplace(c.getName(), &c);
+            for (const CClass& c : m_groups[groupIndex].classes())
+                table.try_emplace(c.getName(), &c);
             classesBuilt[groupIndex] = true;
         }
         auto it = table.find(name);
@@ -422,20 +431,23 @@ bool CXmlFile::validateReferences() const {
                     std::u16string target;
                     auto gi = m_groupsByName.find(ref.getGroupName());
                     if (gi == m_groupsByName.end()) {
-                        kind = u"Unknown group referenced (Location: group|assoc_class / Reference: "
-                               u"associated group):\n";
+                        kind =
+                            u"Unknown group referenced (Location: group|assoc_class / Reference: "
+                            u"associated group):\n";
                         target = ref.getGroupName();
                     } else {
                         const CGroup& tg = m_groups[gi->second];
                         const CClass* tc = findClass(gi->second, ref.getClassName());
                         if (tc == nullptr) {
-                            kind = u"Unknown class referenced (Location: group|assoc_class / "
-                                   u"Reference: associated group|asscociated class):\n";
+                            kind =
+                                u"Unknown class referenced (Location: group|assoc_class / "
+                                u"Reference: associated group|asscociated class):\n";
                             target = tg.getName() + u"|" + ref.getClassName();
                         } else if (!hasInstance(tc, ref.getInstId())) {
-                            kind = u"Unknown instance ID specified (Location: group|assoc_class / "
-                                   u"Reference: associated group|asscociated class|associated inst "
-                                   u"ID):\n";
+                            kind =
+                                u"Unknown instance ID specified (Location: group|assoc_class / "
+                                u"Reference: associated group|asscociated class|associated inst "
+                                u"ID):\n";
                             target = tg.getName() + u"|" + tc->getName() + u"|" + ref.getInstId();
                         } else {
                             continue;

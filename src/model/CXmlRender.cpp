@@ -21,8 +21,12 @@ const std::u16string& CXmlFile::getBody() {
 
 namespace {
 
-void renderGroup(const CGroup& g, std::u16string& out) { g.appendXml(out); }
-void renderGroup(const CGroup& g, XmlLength& out) { out.units += g.xmlLength(); }
+void renderGroup(const CGroup& g, std::u16string& out) {
+    g.appendXml(out);
+}
+void renderGroup(const CGroup& g, XmlLength& out) {
+    out.units += g.xmlLength();
+}
 
 }  // namespace
 
@@ -133,8 +137,8 @@ void CXmlFile::write2File() const {
     };
     std::u16string escaped;
     for (const CGroup& g : m_groups) {
-        log << timestamp << u"Group Name: " << g.getName() << u"[Class count: "
-            << g.getClassCount() << u"]" << endlog;
+        log << timestamp << u"Group Name: " << g.getName() << u"[Class count: " << g.getClassCount()
+            << u"]" << endlog;
         attributes(g);
         for (const CClass& c : g.classes()) {
             log << timestamp << c.getType() << u" name: " << c.getName() << u"[Instances count: "
@@ -157,8 +161,8 @@ void CXmlFile::write2File() const {
                 }
                 for (const auto& [role, ref] : inst.references()) {
                     log << timestamp << u"    Reference (role): " << role << endlog;
-                    log << timestamp << u"      Group/Class/instId  : " << ref.getGroupName() << u"/"
-                        << ref.getClassName() << u"/" << ref.getInstId() << endlog;
+                    log << timestamp << u"      Group/Class/instId  : " << ref.getGroupName()
+                        << u"/" << ref.getClassName() << u"/" << ref.getInstId() << endlog;
                 }
             }
         }

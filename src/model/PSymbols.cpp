@@ -15,8 +15,12 @@ namespace kivreg {
 
 namespace {
 
-bool isLeadingBlank(char16_t c) { return c == u' ' || c == u'\t'; }
-bool isTrailingBlank(char16_t c) { return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r'; }
+bool isLeadingBlank(char16_t c) {
+    return c == u' ' || c == u'\t';
+}
+bool isTrailingBlank(char16_t c) {
+    return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r';
+}
 
 std::u16string_view trimmed(std::u16string_view s) {
     while (!s.empty() && isTrailingBlank(s.back())) s.remove_suffix(1);

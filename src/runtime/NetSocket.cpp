@@ -19,19 +19,32 @@ namespace kivreg::rt {
 
 const char* netRcText(int rc) noexcept {
     switch (rc) {
-        case NET_OK: return "ok";
-        case NET_ERR_RESOLVE: return "host name not resolved";
-        case NET_ERR_REFUSED: return "connection refused";
-        case NET_ERR_TIMEOUT: return "timed out";
-        case NET_ERR_CLOSED: return "connection closed by peer";
-        case NET_ERR_UNREACHABLE: return "host unreachable";
-        case NET_ERR_IO: return "socket error";
-        case NET_ERR_INVALID: return "invalid handle or argument";
-        case NET_ERR_TLS: return "TLS failure";
-        case NET_ERR_TLS_VERIFY: return "server certificate not accepted";
-        case NET_ERR_PROTOCOL: return "malformed answer";
-        case NET_ERR_LIMIT: return "answer too large";
-        default: return "unknown code";
+        case NET_OK:
+            return "ok";
+        case NET_ERR_RESOLVE:
+            return "host name not resolved";
+        case NET_ERR_REFUSED:
+            return "connection refused";
+        case NET_ERR_TIMEOUT:
+            return "timed out";
+        case NET_ERR_CLOSED:
+            return "connection closed by peer";
+        case NET_ERR_UNREACHABLE:
+            return "host unreachable";
+        case NET_ERR_IO:
+            return "socket error";
+        case NET_ERR_INVALID:
+            return "invalid handle or argument";
+        case NET_ERR_TLS:
+            return "TLS failure";
+        case NET_ERR_TLS_VERIFY:
+            return "server certificate not accepted";
+        case NET_ERR_PROTOCOL:
+            return "malformed answer";
+        case NET_ERR_LIMIT:
+            return "answer too large";
+        default:
+            return "unknown code";
     }
 }
 
@@ -45,20 +58,26 @@ long long nowNs() {
 
 int rcFromErrno(int err) {
     switch (err) {
-        case ECONNREFUSED: return NET_ERR_REFUSED;
-        case ETIMEDOUT: return NET_ERR_TIMEOUT;
+        case ECONNREFUSED:
+            return NET_ERR_REFUSED;
+        case ETIMEDOUT:
+            return NET_ERR_TIMEOUT;
         case EPIPE:
         case ECONNRESET:
         case ECONNABORTED:
-        case ENOTCONN: return NET_ERR_CLOSED;
+        case ENOTCONN:
+            return NET_ERR_CLOSED;
         case ENETUNREACH:
         case EHOSTUNREACH:
         case ENETDOWN:
-        case EHOSTDOWN: return NET_ERR_UNREACHABLE;
+        case EHOSTDOWN:
+            return NET_ERR_UNREACHABLE;
         case EBADF:
         case ENOTSOCK:
-        case EINVAL: return NET_ERR_INVALID;
-        default: return NET_ERR_IO;
+        case EINVAL:
+            return NET_ERR_INVALID;
+        default:
+            return NET_ERR_IO;
     }
 }
 
@@ -74,7 +93,8 @@ int waitFor(int fd, short events, const NetDeadline& deadline) {
 }
 
 int connectOne(const addrinfo& ai, const NetDeadline& deadline, int* handle) {
-    const int fd = socket(ai.ai_family, ai.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai.ai_protocol);
+    const int fd =
+        socket(ai.ai_family, ai.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai.ai_protocol);
     if (fd < 0) return rcFromErrno(errno);
     int rc = NET_OK;
     if (connect(fd, ai.ai_addr, ai.ai_addrlen) != 0) {
@@ -212,8 +232,10 @@ int netHostToAddr(const char* host, std::string& address) {
     char text[INET6_ADDRSTRLEN] = {};
     const addrinfo* ai = list.get();
     const void* raw = ai->ai_family == AF_INET6
-                          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr)
-                          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr);
+                          ? static_cast<const void*>(
+                                &reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr)
+                          : static_cast<const void*>(
+                                &reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr);
     if (inet_ntop(ai->ai_family, raw, text, sizeof text) == nullptr) return rcFromErrno(errno);
     address = text;
     return NET_OK;

@@ -1,12 +1,12 @@
 #include "runtime/Tls.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -28,7 +28,9 @@ struct TlsSession {
     ~TlsSession() { SSL_free(ssl); }
 };
 
-void TlsContextFree::operator()(TlsContext* ctx) const noexcept { delete ctx; }
+void TlsContextFree::operator()(TlsContext* ctx) const noexcept {
+    delete ctx;
+}
 
 void TlsSessionFree::operator()(TlsSession* session) const noexcept {
     if (session == nullptr) return;
@@ -46,7 +48,9 @@ namespace {
 // OpenSSL's own socket BIO writes with write(2), which raises SIGPIPE when the
 // peer has gone. This BIO goes through send(2) with MSG_NOSIGNAL instead and
 // leaves the socket (owned by the caller) open when it is freed.
-intptr_t bioFd(BIO* b) { return reinterpret_cast<intptr_t>(BIO_get_data(b)); }
+intptr_t bioFd(BIO* b) {
+    return reinterpret_cast<intptr_t>(BIO_get_data(b));
+}
 
 int bioWrite(BIO* b, const char* data, size_t len, size_t* written) {
     BIO_clear_retry_flags(b);
@@ -77,7 +81,9 @@ int bioRead(BIO* b, char* data, size_t len, size_t* got) {
     }
 }
 
-long bioCtrl(BIO*, int cmd, long, void*) { return cmd == BIO_CTRL_FLUSH ? 1 : 0; }
+long bioCtrl(BIO*, int cmd, long, void*) {
+    return cmd == BIO_CTRL_FLUSH ? 1 : 0;
+}
 
 int bioCreate(BIO* b) {
     BIO_set_init(b, 1);
@@ -111,10 +117,13 @@ std::string takeErrors(std::string text = {}) {
 
 bool isIpLiteral(const std::string& host) {
     unsigned char addr[16];
-    return inet_pton(AF_INET, host.c_str(), addr) == 1 || inet_pton(AF_INET6, host.c_str(), addr) == 1;
+    return inet_pton(AF_INET, host.c_str(), addr) == 1 ||
+           inet_pton(AF_INET6, host.c_str(), addr) == 1;
 }
 
-bool readable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
+bool readable(const std::string& path) {
+    return access(path.c_str(), R_OK) == 0;
+}
 
 int loadSecudirFiles(SSL_CTX* ctx, std::string& reason) {
     const char* dir = std::getenv("SECUDIR");
@@ -143,18 +152,22 @@ int loadSecudirFiles(SSL_CTX* ctx, std::string& reason) {
 int settle(TlsSession& s, int ret, const NetDeadline& deadline) {
     const int err = SSL_get_error(s.ssl, ret);
     switch (err) {
-        case SSL_ERROR_WANT_READ: return netWait(s.fd, false, deadline.remainingMs());
-        case SSL_ERROR_WANT_WRITE: return netWait(s.fd, true, deadline.remainingMs());
+        case SSL_ERROR_WANT_READ:
+            return netWait(s.fd, false, deadline.remainingMs());
+        case SSL_ERROR_WANT_WRITE:
+            return netWait(s.fd, true, deadline.remainingMs());
         case SSL_ERROR_ZERO_RETURN:
             s.lastReason = "peer closed the TLS session";
             return NET_ERR_CLOSED;
         case SSL_ERROR_SYSCALL: {
             const int e = errno;
-            s.lastReason = takeErrors(e != 0 ? std::string("socket: ") + strerror(e) : "unexpected end of stream");
+            s.lastReason = takeErrors(e != 0 ? std::string("socket: ") + strerror(e)
+                                             : "unexpected end of stream");
             return NET_ERR_CLOSED;
         }
         default: {
-            const bool eof = ERR_GET_REASON(ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
+            const bool eof =
+                ERR_GET_REASON(ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
             s.lastReason = takeErrors();
             return eof ? NET_ERR_CLOSED : NET_ERR_TLS;
         }
@@ -209,7 +222,8 @@ int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int ti
         targetSet = X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(s->ssl), host.c_str()) == 1;
     } else {
         SSL_set_hostflags(s->ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-        targetSet = SSL_set_tlsext_host_name(s->ssl, host.c_str()) == 1 && SSL_set1_host(s->ssl, host.c_str()) == 1;
+        targetSet = SSL_set_tlsext_host_name(s->ssl, host.c_str()) == 1 &&
+                    SSL_set1_host(s->ssl, host.c_str()) == 1;
     }
     if (!targetSet) {
         reason = takeErrors("cannot set the expected server name " + host + ": ");
@@ -222,11 +236,13 @@ int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int ti
         if (ret == 1) break;
         const long verify = SSL_get_verify_result(s->ssl);
         if (verify != X509_V_OK) {
-            reason = takeErrors(std::string("certificate verify failed: ") + X509_verify_cert_error_string(verify));
+            reason = takeErrors(std::string("certificate verify failed: ") +
+                                X509_verify_cert_error_string(verify));
             return NET_ERR_TLS_VERIFY;
         }
         if (const int rc = settle(*s, ret, deadline); rc != NET_OK) {
-            reason = "TLS handshake failed: " + (rc == NET_ERR_TIMEOUT ? std::string("timed out") : s->lastReason);
+            reason = "TLS handshake failed: " +
+                     (rc == NET_ERR_TIMEOUT ? std::string("timed out") : s->lastReason);
             return rc;
         }
     }
@@ -270,7 +286,9 @@ int tlsRead(TlsSession& s, void* data, size_t size, int timeoutMs, size_t* got) 
     }
 }
 
-const std::string& tlsLastReason(const TlsSession& s) { return s.lastReason; }
+const std::string& tlsLastReason(const TlsSession& s) {
+    return s.lastReason;
+}
 
 std::string tlsDescribe(const TlsSession& s) {
     return std::string(SSL_get_version(s.ssl)) + " " + SSL_get_cipher_name(s.ssl);

@@ -21,7 +21,9 @@ namespace {
 // because XML_PARSE_HUGE is not given.
 constexpr int kParseOptions = XML_PARSE_NONET;
 
-const char* cs(const xmlChar* s) { return reinterpret_cast<const char*>(s); }
+const char* cs(const xmlChar* s) {
+    return reinterpret_cast<const char*>(s);
+}
 
 void onError(void* data, xmlErrorPtr error) {
     auto* ctxt = static_cast<xmlParserCtxtPtr>(data);
@@ -78,10 +80,14 @@ void appendText(const xmlNode* node, std::string& out) {
 
 const char16_t* severityText(int severity) {
     switch (severity) {
-        case XML_SEV_WARNING: return u"Warning";
-        case XML_SEV_ERROR: return u"Error";
-        case XML_SEV_FATAL: return u"Fatal Error";
-        default: return u"Unknown";
+        case XML_SEV_WARNING:
+            return u"Warning";
+        case XML_SEV_ERROR:
+            return u"Error";
+        case XML_SEV_FATAL:
+            return u"Fatal Error";
+        default:
+            return u"Unknown";
     }
 }
 
@@ -200,7 +206,9 @@ std::string XmlElement::text() const {
 
 XmlDocument::XmlDocument() = default;
 
-XmlDocument::~XmlDocument() { release(); }
+XmlDocument::~XmlDocument() {
+    release();
+}
 
 void XmlDocument::release() {
     if (m_doc != nullptr) xmlFreeDoc(m_doc);

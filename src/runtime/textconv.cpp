@@ -8,7 +8,9 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-bool isContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
+bool isContinuation(unsigned char b) {
+    return (b & 0xC0) == 0x80;
+}
 
 // Decodes one UTF-8 sequence starting at p (p < end, *p >= 0x80).
 // On success stores the code point and the sequence length.
@@ -17,11 +19,17 @@ int decodeMultiByte(const unsigned char* p, const unsigned char* end, char32_t& 
     char32_t minimum;
     if (b0 < 0xC0) return CONV_BAD_BYTE;
     if (b0 < 0xE0) {
-        len = 2; cp = b0 & 0x1F; minimum = 0x80;
+        len = 2;
+        cp = b0 & 0x1F;
+        minimum = 0x80;
     } else if (b0 < 0xF0) {
-        len = 3; cp = b0 & 0x0F; minimum = 0x800;
+        len = 3;
+        cp = b0 & 0x0F;
+        minimum = 0x800;
     } else if (b0 < 0xF8) {
-        len = 4; cp = b0 & 0x07; minimum = 0x10000;
+        len = 4;
+        cp = b0 & 0x07;
+        minimum = 0x10000;
     } else {
         return CONV_BAD_BYTE;
     }
@@ -104,7 +112,10 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
         }
         const int r = decodeMultiByte(p, end, cp, len);
         if (r != CONV_OK) {
-            if (!lenient) { rc = r; break; }
+            if (!lenient) {
+                rc = r;
+                break;
+            }
             cp = kReplacement;
             len = 1;
         }
@@ -132,7 +143,10 @@ int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
     int rc = CONV_OK;
     while (p < end) {
         char32_t u = *p++;
-        if (u < 0x80) { *o++ = static_cast<char>(u); continue; }
+        if (u < 0x80) {
+            *o++ = static_cast<char>(u);
+            continue;
+        }
         if (u >= 0xD800 && u <= 0xDFFF) {
             if (u <= 0xDBFF && p < end && *p >= 0xDC00 && *p <= 0xDFFF) {
                 u = 0x10000 + ((u - 0xD800) << 10) + (*p++ - 0xDC00);
@@ -151,11 +165,21 @@ int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
 
 }  // namespace
 
-int utf8ToUtf16(std::string_view in, std::u16string& out) { return fromUtf8(in, out, false); }
-int utf8ToUtf32(std::string_view in, std::u32string& out) { return fromUtf8(in, out, false); }
-void utf8ToUtf16Lenient(std::string_view in, std::u16string& out) { fromUtf8(in, out, true); }
-int utf16ToUtf8(std::u16string_view in, std::string& out) { return fromUtf16(in, out, false); }
-void utf16ToUtf8Lenient(std::u16string_view in, std::string& out) { fromUtf16(in, out, true); }
+int utf8ToUtf16(std::string_view in, std::u16string& out) {
+    return fromUtf8(in, out, false);
+}
+int utf8ToUtf32(std::string_view in, std::u32string& out) {
+    return fromUtf8(in, out, false);
+}
+void utf8ToUtf16Lenient(std::string_view in, std::u16string& out) {
+    fromUtf8(in, out, true);
+}
+int utf16ToUtf8(std::u16string_view in, std::string& out) {
+    return fromUtf16(in, out, false);
+}
+void utf16ToUtf8Lenient(std::u16string_view in, std::string& out) {
+    fromUtf16(in, out, true);
+}
 
 int utf32ToUtf8(std::u32string_view in, std::string& out) {
     const size_t base = out.size();
@@ -163,8 +187,14 @@ int utf32ToUtf8(std::u32string_view in, std::string& out) {
     char* o = out.data() + base;
     int rc = CONV_OK;
     for (char32_t cp : in) {
-        if (cp > 0x10FFFF) { rc = CONV_TOO_LARGE; break; }
-        if (cp >= 0xD800 && cp <= 0xDFFF) { rc = CONV_SURROGATE; break; }
+        if (cp > 0x10FFFF) {
+            rc = CONV_TOO_LARGE;
+            break;
+        }
+        if (cp >= 0xD800 && cp <= 0xDFFF) {
+            rc = CONV_SURROGATE;
+            break;
+        }
         o = putUtf8(o, cp);
     }
     out.resize(static_cast<size_t>(o - out.data()));

@@ -13,13 +13,13 @@ namespace kivreg::rt {
 
 enum ConvRc : int {
     CONV_OK = 0,
-    CONV_TRUNCATED = 1,          // a multi-byte sequence or surrogate pair is cut off
-    CONV_BAD_BYTE = 2,           // a byte that cannot start a sequence (0x80-0xBF, 0xF8-0xFF)
-    CONV_BAD_CONTINUATION = 3,   // a lead byte not followed by enough 10xxxxxx bytes
-    CONV_OVERLONG = 4,           // a code point encoded in more bytes than needed
-    CONV_SURROGATE = 5,          // UTF-8 or UTF-32 carrying a surrogate code point
-    CONV_TOO_LARGE = 6,          // a code point above U+10FFFF
-    CONV_LONE_SURROGATE = 7,     // UTF-16 with an unpaired surrogate
+    CONV_TRUNCATED = 1,         // a multi-byte sequence or surrogate pair is cut off
+    CONV_BAD_BYTE = 2,          // a byte that cannot start a sequence (0x80-0xBF, 0xF8-0xFF)
+    CONV_BAD_CONTINUATION = 3,  // a lead byte not followed by enough 10xxxxxx bytes
+    CONV_OVERLONG = 4,          // a code point encoded in more bytes than needed
+    CONV_SURROGATE = 5,         // UTF-8 or UTF-32 carrying a surrogate code point
+    CONV_TOO_LARGE = 6,         // a code point above U+10FFFF
+    CONV_LONE_SURROGATE = 7,    // UTF-16 with an unpaired surrogate
 };
 
 int utf8ToUtf16(std::string_view in, std::u16string& out);

@@ -29,7 +29,9 @@ TermState& term() {
 
 // Syncs standard input with its file. Where the input cannot seek (terminal,
 // pipe) stdio keeps what it has read ahead, so keys typed early are not lost.
-void flushStdin() { std::fflush(stdin); }
+void flushStdin() {
+    std::fflush(stdin);
+}
 
 // One byte, or -1 at the end of the input.
 int byte() {

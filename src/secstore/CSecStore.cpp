@@ -161,7 +161,9 @@ CSecStore::CSecStore(CLog* log, const std::u16string& fileName, bool useKeyFile)
     if (useKeyFile) setKeyFile();
 }
 
-CSecStore::~CSecStore() { unsetKeyFile(); }
+CSecStore::~CSecStore() {
+    unsetKeyFile();
+}
 
 void CSecStore::add(const std::u16string& key, const std::u16string& value) {
     m_entries.emplace(key, value);
@@ -172,7 +174,9 @@ std::u16string CSecStore::get(const std::u16string& key) const {
     return it == m_entries.end() ? std::u16string() : it->second;
 }
 
-void CSecStore::remove(const std::u16string& key) { m_entries.erase(key); }
+void CSecStore::remove(const std::u16string& key) {
+    m_entries.erase(key);
+}
 
 void CSecStore::setKeyFile() {
     if (!m_randKey) generateKey();
@@ -359,7 +363,9 @@ std::u16string CSecStore::getFileUnifier() {
     return CGetStr<unsigned int>::get(std::random_device{}());
 }
 
-bool CSecStore::unifyFile(const std::u16string& path) { return unifyFile(path, getFileUnifier()); }
+bool CSecStore::unifyFile(const std::u16string& path) {
+    return unifyFile(path, getFileUnifier());
+}
 
 bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stamp) {
     if (!openForReading(path).ok()) return true;

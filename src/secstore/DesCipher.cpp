@@ -24,7 +24,9 @@ DesCipher::DesCipher(const unsigned char* key) : m_schedule(std::make_unique<Sch
     OPENSSL_cleanse(block, sizeof block);
 }
 
-DesCipher::~DesCipher() { OPENSSL_cleanse(&m_schedule->ks, sizeof m_schedule->ks); }
+DesCipher::~DesCipher() {
+    OPENSSL_cleanse(&m_schedule->ks, sizeof m_schedule->ks);
+}
 
 void DesCipher::crypt(const unsigned char* in, unsigned char* out, bool encrypting) const {
     DES_cblock src;

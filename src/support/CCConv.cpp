@@ -47,8 +47,12 @@ std::string utf16To8(std::u16string_view in, const char16_t* failureText) {
 
 }  // namespace
 
-size_t CCConv::getUtf8Bytes(const unsigned char* s) { return cstr(s).size(); }
-size_t CCConv::getUtf16Bytes(const char16_t* s) { return ustr(s).size() * 2; }
+size_t CCConv::getUtf8Bytes(const unsigned char* s) {
+    return cstr(s).size();
+}
+size_t CCConv::getUtf16Bytes(const char16_t* s) {
+    return ustr(s).size() * 2;
+}
 size_t CCConv::getU4Bytes(const char32_t* s) {
     return s ? std::u32string_view(s).size() * 4 : 0;
 }
@@ -63,7 +67,9 @@ std::u16string CCConv::Utf8ToUc(const unsigned char* s, size_t length) {
     return utf8To16(cstr(s), u"CCConv::Utf8ToUc: Function 'Utf8nToUcnCP' failed. RC=");
 }
 
-std::u16string CCConv::fromUTF8Str(const unsigned char* s) { return fromUTF8Str(cstr(s)); }
+std::u16string CCConv::fromUTF8Str(const unsigned char* s) {
+    return fromUTF8Str(cstr(s));
+}
 
 std::u16string CCConv::fromUTF8Str(std::string_view s) {
     // Reports with the Utf8ToUc text: callers and their logs know it by that name.
@@ -147,7 +153,8 @@ std::u16string CCConv::stringSubstituteAll(std::u16string_view s, std::u16string
     if (search.empty()) return std::u16string(s);
     std::u16string out;
     size_t from = 0;
-    for (size_t hit = s.find(search); hit != std::u16string_view::npos; hit = s.find(search, from)) {
+    for (size_t hit = s.find(search); hit != std::u16string_view::npos;
+         hit = s.find(search, from)) {
         if (out.empty()) out.reserve(s.size() + replacement.size());
         out.append(s, from, hit - from);
         out.append(replacement);

@@ -1,11 +1,11 @@
 #include "support/CLog.h"
 
+#include <locale.h>
 #include <clocale>
 #include <ctime>
-#include <locale.h>
 
-#include "support/CGetStr.h"
 #include "runtime/textconv.h"
+#include "support/CGetStr.h"
 
 namespace kivreg {
 
@@ -15,9 +15,13 @@ void appendUtf8Lenient(std::string& out, std::u16string_view text) {
 
 CLog::CLog() = default;
 
-CLog::CLog(const std::u16string& fileName) : m_fileName(fileName) { openFile(); }
+CLog::CLog(const std::u16string& fileName) : m_fileName(fileName) {
+    openFile();
+}
 
-CLog::~CLog() { close(); }
+CLog::~CLog() {
+    close();
+}
 
 void CLog::setFileName(const std::u16string& fileName) {
     if (!m_fileName.empty() && m_fileName != fileName) close();
@@ -86,19 +90,33 @@ CLog& CLog::operator<<(const char* utf8) {
     return *this;
 }
 
-CLog& CLog::operator<<(bool value) { return *this << (value ? u"true" : u"false"); }
+CLog& CLog::operator<<(bool value) {
+    return *this << (value ? u"true" : u"false");
+}
 
 template <typename T>
 CLog& CLog::appendNumber(T value) {
     return *this << CGetStr<T>::get(value);
 }
 
-CLog& CLog::operator<<(int value) { return appendNumber(value); }
-CLog& CLog::operator<<(unsigned int value) { return appendNumber(value); }
-CLog& CLog::operator<<(long value) { return appendNumber(value); }
-CLog& CLog::operator<<(unsigned long value) { return appendNumber(value); }
-CLog& CLog::operator<<(long long value) { return appendNumber(value); }
-CLog& CLog::operator<<(unsigned long long value) { return appendNumber(value); }
+CLog& CLog::operator<<(int value) {
+    return appendNumber(value);
+}
+CLog& CLog::operator<<(unsigned int value) {
+    return appendNumber(value);
+}
+CLog& CLog::operator<<(long value) {
+    return appendNumber(value);
+}
+CLog& CLog::operator<<(unsigned long value) {
+    return appendNumber(value);
+}
+CLog& CLog::operator<<(long long value) {
+    return appendNumber(value);
+}
+CLog& CLog::operator<<(unsigned long long value) {
+    return appendNumber(value);
+}
 
 CLog& endlog(CLog& log) {
     log.flush();

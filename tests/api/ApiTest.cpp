@@ -13,9 +13,9 @@
 namespace kivreg {
 namespace {
 
+using test::u16;
 using testing::HasSubstr;
 using testing::Not;
-using test::u16;
 
 const char16_t* const kDoc =
     u"<kivinfo supplier_name=\"S\"><group name=\"G\"><class name=\"C\">"
@@ -134,7 +134,8 @@ TEST_F(Api, LogfileNames) {
 
 TEST_F(Api, ConnectFilesAreCheckedWhenSet) {
     const std::u16string conn = u16(m_dir / "c.conn");
-    EXPECT_EQ(KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"pw", u"h", u"8080", true), 0);
+    EXPECT_EQ(
+        KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"pw", u"h", u"8080", true), 0);
     EXPECT_EQ(KivRegSetConnectFile(conn.c_str()), 1);
     EXPECT_EQ(args().getArg(CMDARG_CONNECT_FILE), conn);
     EXPECT_EQ(KivRegSetConnectFile(u""), -1);
@@ -143,11 +144,13 @@ TEST_F(Api, ConnectFilesAreCheckedWhenSet) {
     EXPECT_EQ(KivRegSetConnectFileWithKeyFile(missing.c_str()), -1);
     // An empty host is stored (nothing checks it there) but refused here.
     const std::u16string noHost = u16(m_dir / "nohost.conn");
-    EXPECT_EQ(KivRegPerformConfigWithArguments(noHost.c_str(), true, u"u", u"pw", u"", u"443", false), 0);
+    EXPECT_EQ(
+        KivRegPerformConfigWithArguments(noHost.c_str(), true, u"u", u"pw", u"", u"443", false), 0);
     EXPECT_EQ(KivRegSetConnectFileWithKeyFile(noHost.c_str()), -1);
     const std::string out = output();
     EXPECT_THAT(out, HasSubstr("Failed to read connect file: " + test::u8(missing)));
-    EXPECT_THAT(out, HasSubstr("Incomplete HTTP connect information specified in file " + test::u8(noHost)));
+    EXPECT_THAT(out, HasSubstr("Incomplete HTTP connect information specified in file " +
+                               test::u8(noHost)));
     EXPECT_THAT(out, Not(HasSubstr("pw\n")));
     EXPECT_EQ(args().getArg(CMDARG_CONNECT_FILE), conn);
 }
@@ -155,14 +158,18 @@ TEST_F(Api, ConnectFilesAreCheckedWhenSet) {
 TEST_F(Api, ShowConfigLeavesThePasswordOut) {
     const std::u16string conn = u16(m_dir / "show.conn");
     ASSERT_EQ(KivRegPerformConfigWithArguments(conn.c_str(), true, u"admin", u"hidden-pw",
-                                               u"dir.example.org", u"443", false), 0);
+                                               u"dir.example.org", u"443", false),
+              0);
     EXPECT_EQ(KivRegShowConfigWithKeyFile(conn.c_str()), 0);
     EXPECT_EQ(KivRegShowConfig(u""), 0);
-    EXPECT_EQ(KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"p", u"h", u"1023", false), -1);
+    EXPECT_EQ(
+        KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"p", u"h", u"1023", false),
+        -1);
     const std::vector<std::string> lines = {"host_param=dir.example.org", "https_param=n",
                                             "port_param=443", "user_param=admin"};
     const std::string out = output();
-    size_t at = out.find("This is the secured information stored in file: '" + test::u8(conn) + "'");
+    size_t at =
+        out.find("This is the secured information stored in file: '" + test::u8(conn) + "'");
     ASSERT_NE(at, std::string::npos) << out;
     for (const std::string& line : lines) {  // in key order
         const size_t next = out.find(line, at);
@@ -188,13 +195,23 @@ TEST_F(Api, RunChecksConnectionDataAndTimeouts) {
         {"port 65537", u"65537", {}, -1, {"Invalid HTTP port specified."}},
         {"port -1", u"-1", {}, -1, {"Invalid HTTP port specified."}},
         {"port 80a", u"80a", {}, -1, {"Invalid HTTP port specified."}},
-        {"blanks around the port", u" " + closed + u" ", {}, -2, {"Failed to open HTTP connection!"}},
-        {"timeouts", closed,
-         {{CMDARG_CONNECT_TIMEOUT, u"0"}, {CMDARG_SEND_TIMEOUT, u"abc"}, {CMDARG_RECEIVE_TIMEOUT, u" -5 "}},
+        {"blanks around the port",
+         u" " + closed + u" ",
+         {},
+         -2,
+         {"Failed to open HTTP connection!"}},
+        {"timeouts",
+         closed,
+         {{CMDARG_CONNECT_TIMEOUT, u"0"},
+          {CMDARG_SEND_TIMEOUT, u"abc"},
+          {CMDARG_RECEIVE_TIMEOUT, u" -5 "}},
          -2,
          {"HTTP open timeout     = infinte", "HTTP send timeout     = 420 sec",
           "HTTP response timeout = infinite"}},
-        {"default timeouts", closed, {}, -2,
+        {"default timeouts",
+         closed,
+         {},
+         -2,
          {"HTTP open timeout     = 420 sec", "HTTP response timeout = 420 sec",
           "*** End KIV Registration ***"}},
     };
@@ -226,7 +243,8 @@ TEST_F(Api, RunWithoutDocumentOrConnectionData) {
     EXPECT_THAT(out, HasSubstr("XML input data not set!\n"));
     EXPECT_THAT(out, Not(HasSubstr("Start KIV Registration")));
     // The connect file wins over -host and friends, even when it cannot be read.
-    EXPECT_THAT(out, HasSubstr("Failed to read connect file: " + test::u8(u16(m_dir / "gone.conn"))));
+    EXPECT_THAT(out,
+                HasSubstr("Failed to read connect file: " + test::u8(u16(m_dir / "gone.conn"))));
 }
 
 TEST_F(Api, SymbolFileCodesAreHandedThrough) {
@@ -240,7 +258,8 @@ TEST_F(Api, SymbolFileCodesAreHandedThrough) {
     EXPECT_EQ(KivRegSendReceiveData(), -10);
     const std::string out = output();
     EXPECT_THAT(out, HasSubstr("Syntax error in symbol line: \"   just words\"."));
-    EXPECT_THAT(out, HasSubstr("Failed to open symbol file \"" + test::u8(u16(m_dir / "vanished.sym")) + "\"."));
+    EXPECT_THAT(out, HasSubstr("Failed to open symbol file \"" +
+                               test::u8(u16(m_dir / "vanished.sym")) + "\"."));
     EXPECT_THAT(out, Not(HasSubstr("Start KIV Registration")));
 }
 

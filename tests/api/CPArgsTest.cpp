@@ -59,9 +59,7 @@ TEST(CPArgs, ParsesCommandLines) {
         {"an inner dash is fine as a value",
          {u"kivreg", u"-file", u"my-data.xml"},
          {{u"-file", u"my-data.xml", true}}},
-        {"an empty word is a value",
-         {u"kivreg", u"-pass", u""},
-         {{u"-pass", u"", true}}},
+        {"an empty word is a value", {u"kivreg", u"-pass", u""}, {{u"-pass", u"", true}}},
         {"a value option at the end stays without value",
          {u"kivreg", u"-stdin", u"-file"},
          {{u"-stdin", u"", false}, {u"-file", u"", false}}},
@@ -80,7 +78,8 @@ TEST(CPArgs, ParsesCommandLines) {
 }
 
 TEST(CPArgs, FirstOccurrenceWinsAndLookupsRespectCase) {
-    const CPArgs args = parse({u"kivreg", u"-host", u"first", u"-HOST", u"upper", u"-host", u"third"});
+    const CPArgs args =
+        parse({u"kivreg", u"-host", u"first", u"-HOST", u"upper", u"-host", u"third"});
     EXPECT_EQ(args.getArg(u"-host"), u"first");
     EXPECT_EQ(args.getArg(u"-Host"), u"");
     EXPECT_EQ(args.getArgIgnCase(u"-Host"), u"first");
@@ -97,7 +96,8 @@ TEST(CPArgs, AddReplacesAndMovesToTheEnd) {
     args.addArg(u"-host", u"a");
     args.addSwitch(u"-usehttps");
     args.addArg(u"-host", u"b");
-    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-usehttps", u"", false}, {u"-host", u"b", true}}));
+    EXPECT_EQ(entries(args),
+              (std::vector<Entry>{{u"-usehttps", u"", false}, {u"-host", u"b", true}}));
     args.removeArg(u"-usehttps");
     EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-host", u"b", true}}));
 }
@@ -117,12 +117,22 @@ TEST(CPArgs, NumericTextAndValue) {
         int32_t value;
     };
     const Row rows[] = {
-        {u"", false, 2147483647},     {u"+", false, 2147483647},   {u"-", false, 2147483647},
-        {u"7", true, 7},              {u"+7", true, 7},            {u"-0", true, 0},
-        {u" 7", false, 2147483647},   {u"7 ", false, 2147483647},  {u"7a", false, 2147483647},
-        {u"65536", true, 65536},      {u"-1", true, -1},           {u"1+1", false, 2147483647},
-        {u"2147483647", true, 2147483647}, {u"99999999999", true, 2147483647},
-        {u"-2147483648", true, -2147483647 - 1}, {u"-99999999999", true, -2147483647 - 1},
+        {u"", false, 2147483647},
+        {u"+", false, 2147483647},
+        {u"-", false, 2147483647},
+        {u"7", true, 7},
+        {u"+7", true, 7},
+        {u"-0", true, 0},
+        {u" 7", false, 2147483647},
+        {u"7 ", false, 2147483647},
+        {u"7a", false, 2147483647},
+        {u"65536", true, 65536},
+        {u"-1", true, -1},
+        {u"1+1", false, 2147483647},
+        {u"2147483647", true, 2147483647},
+        {u"99999999999", true, 2147483647},
+        {u"-2147483648", true, -2147483647 - 1},
+        {u"-99999999999", true, -2147483647 - 1},
         {u"\uFF17", false, 2147483647},  // a full-width digit is not a digit
     };
     for (const Row& r : rows) {

@@ -20,8 +20,8 @@ TEST(Vocabulary, VersionLineIsBuiltFromItsParts) {
                                  std::regex(R"( \[\d+\.\d+\.\d+\] )")));
     EXPECT_TRUE(std::regex_match(test::u8(std::u16string(PROGRAM_DATE)),
                                  std::regex(R"([A-Z][a-z]{2} [ 1-3]\d \d{4})")));
-    EXPECT_TRUE(std::regex_match(test::u8(std::u16string(PROGRAM_TIME)),
-                                 std::regex(R"(\d\d:\d\d:\d\d)")));
+    EXPECT_TRUE(
+        std::regex_match(test::u8(std::u16string(PROGRAM_TIME)), std::regex(R"(\d\d:\d\d:\d\d)")));
     EXPECT_EQ(std::u16string(PROGRAM_ID), std::u16string(PROGRAM_VERSION) + u" (" +
                                               std::u16string(PROGRAM_DATE) + u") [Unicode]");
 }

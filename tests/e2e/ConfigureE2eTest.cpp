@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <pty.h>
-#include <termios.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "E2eFixture.h"
@@ -23,9 +23,9 @@ TEST_F(Configure, FromArgumentsThenRegisterAndShow) {
     for (const bool keyFile : {false, true}) {
         SCOPED_TRACE(keyFile ? "with key file" : "built-in key");
         const std::string conn = path(keyFile ? "with-key.conn" : "plain.conn");
-        std::vector<std::string> args = {"-configure", conn, "-user", "supplier", "-pass",
-                                         "s3cret-pw", "-host", "127.0.0.1", "-port",
-                                         server.portText()};
+        std::vector<std::string> args = {
+            "-configure", conn,    "-user",     "supplier", "-pass",
+            "s3cret-pw",  "-host", "127.0.0.1", "-port",    server.portText()};
         if (keyFile) args.push_back("-usekeyfile");
         RunResult r = kivreg(args);
         ASSERT_EQ(r.exitCode, 0) << r.out;
@@ -45,7 +45,8 @@ TEST_F(Configure, FromArgumentsThenRegisterAndShow) {
         if (keyFile) show.push_back("-usekeyfile");
         r = kivreg(show);
         EXPECT_EQ(r.exitCode, 0) << r.out;
-        EXPECT_THAT(r.out, HasSubstr("This is the secured information stored in file: '" + conn + "'"));
+        EXPECT_THAT(r.out,
+                    HasSubstr("This is the secured information stored in file: '" + conn + "'"));
         EXPECT_THAT(r.out, HasSubstr("host_param=127.0.0.1\n"));
         EXPECT_THAT(r.out, HasSubstr("https_param=n\n"));
         EXPECT_THAT(r.out, HasSubstr("port_param=" + server.portText() + "\n"));
@@ -59,15 +60,16 @@ TEST_F(Configure, FromArgumentsThenRegisterAndShow) {
 TEST_F(Configure, PortRuleAndUnreadableFiles) {
     for (const char* port : {"1023", "65536", "http", "0"}) {
         SCOPED_TRACE(port);
-        const RunResult r = kivreg({"-configure", path("c.conn"), "-user", "u", "-host", "h",
-                                    "-port", port});
+        const RunResult r =
+            kivreg({"-configure", path("c.conn"), "-user", "u", "-host", "h", "-port", port});
         EXPECT_EQ(r.exitCode, 1) << r.out;
         EXPECT_THAT(r.out, HasSubstr("Invalid port specified!"));
     }
     EXPECT_FALSE(std::filesystem::exists(m_dir / "c.conn"));
     const RunResult r = kivreg({"-showconnect", path("absent.conn")});
     EXPECT_EQ(r.exitCode, 1);
-    EXPECT_THAT(r.out, HasSubstr("Failed to open configuration file '" + path("absent.conn") + "'"));
+    EXPECT_THAT(r.out,
+                HasSubstr("Failed to open configuration file '" + path("absent.conn") + "'"));
 }
 
 // The interactive dialogue, typed into a real terminal.
@@ -122,7 +124,9 @@ public:
         }
         return false;
     }
-    void type(const std::string& keys) { ASSERT_EQ(write(m_master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size())); }
+    void type(const std::string& keys) {
+        ASSERT_EQ(write(m_master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
     int wait() {
         int status = 0;
         for (int i = 0; i < 2000 && waitpid(m_pid, &status, WNOHANG) == 0; ++i) {
@@ -180,7 +184,8 @@ TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     ASSERT_TRUE(t.expect("Passwd: (secret)"));
     ASSERT_TRUE(t.expect("Port:   8443"));
     ASSERT_TRUE(t.expect("HTTPS:  y"));
-    ASSERT_TRUE(t.expect("Write this information to secure file '" + conn + "'? [y=yes/n=no/q=quit] "));
+    ASSERT_TRUE(
+        t.expect("Write this information to secure file '" + conn + "'? [y=yes/n=no/q=quit] "));
     t.type("y\r");
     ASSERT_TRUE(t.expect("Configuration data successfully stored in file: " + conn));
     EXPECT_EQ(t.wait(), 0);
@@ -198,10 +203,13 @@ TEST_F(Configure, NoAsksAgainAndQuitWritesNothing) {
     Terminal t({kProgram, "-configure", conn, "-usekeyfile"}, m_dir.path().string());
     // One round of answers, up to the confirmation question.
     auto answerAll = [&] {
-        for (const auto& [prompt, answer] : std::vector<std::pair<std::string, std::string>>{
-                 {"User Name       : ", "u\r"}, {"Password        : ", "p\r"},
-                 {"Verify Password : ", "p\r"}, {"Server Host     : ", "h\r"},
-                 {"]: ", "443\r"}, {"(y/n): ", "n\r"}}) {
+        for (const auto& [prompt, answer] :
+             std::vector<std::pair<std::string, std::string>>{{"User Name       : ", "u\r"},
+                                                              {"Password        : ", "p\r"},
+                                                              {"Verify Password : ", "p\r"},
+                                                              {"Server Host     : ", "h\r"},
+                                                              {"]: ", "443\r"},
+                                                              {"(y/n): ", "n\r"}}) {
             ASSERT_TRUE(t.expect(prompt)) << t.screen();
             if (prompt.find("Password") != std::string::npos) {
                 ASSERT_TRUE(t.echoOff());

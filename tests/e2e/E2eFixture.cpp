@@ -10,8 +10,10 @@ const char* const kDocument =
     "  <group name=\"Systems\" group_type=\"SPECIFIC\">\n"
     "    <class name=\"Computer\">\n"
     "      <instance inst_id=\"h1\">\n"
-    "        <property name=\"Name\" sourceformat=\"text\"><value>h1 &amp; co \xC3\xA9t\xC3\xA9</value></property>\n"
-    "        <reference rolename=\"Parent\" groupname=\"Systems\" classname=\"Cluster\" inst_id=\"c1\"/>\n"
+    "        <property name=\"Name\" sourceformat=\"text\"><value>h1 &amp; co "
+    "\xC3\xA9t\xC3\xA9</value></property>\n"
+    "        <reference rolename=\"Parent\" groupname=\"Systems\" classname=\"Cluster\" "
+    "inst_id=\"c1\"/>\n"
     "      </instance>\n"
     "    </class>\n"
     "    <class name=\"Cluster\"><instance inst_id=\"c1\"/></class>\n"
@@ -20,10 +22,10 @@ const char* const kDocument =
 
 DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& options)
     : m_store(dir / "store") {
-    std::vector<std::string> argv = {"/usr/bin/env", "python3", kServerScript, "--quiet",
-                                     "--user", options.user, "--password", options.password,
-                                     "--store", m_store.string(),
-                                     "--status", std::to_string(options.status)};
+    std::vector<std::string> argv = {
+        "/usr/bin/env", "python3",        kServerScript, "--quiet",
+        "--user",       options.user,     "--password",  options.password,
+        "--store",      m_store.string(), "--status",    std::to_string(options.status)};
     if (options.https) {
         makeCertificates(dir);
         argv.insert(argv.end(), {"--cert", (dir / "server.pem").string(), "--key",
@@ -31,7 +33,8 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
     }
     m_child = std::make_unique<Child>(argv);
     const std::string line = m_child->waitForLine("listening on", std::chrono::seconds(20));
-    if (line.empty()) throw std::runtime_error("directory server did not start: " + m_child->output());
+    if (line.empty())
+        throw std::runtime_error("directory server did not start: " + m_child->output());
     m_port = std::stoi(line.substr(line.rfind(':') + 1));
 }
 
@@ -51,7 +54,8 @@ std::vector<std::string> DirServer::stored() const {
 void makeCertificates(const std::filesystem::path& dir) {
     const std::string d = dir.string();
     const std::string script =
-        "set -e; cd '" + d + "'\n"
+        "set -e; cd '" + d +
+        "'\n"
         "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=kivreg-test-ca "
         "  -keyout ca.key -out ca.pem 2>/dev/null\n"
         "printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\\n' > san.ext\n"

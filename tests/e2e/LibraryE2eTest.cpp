@@ -23,16 +23,31 @@ TEST(SharedLibrary, ExportsExactlyTheTwentyTwoFunctions) {
         fields >> address >> type >> name;
         if (type == "T") exported.insert(name);
         // Anything else defined and global would be a leak of internals.
-        else if (type != "A" && !name.empty()) ADD_FAILURE() << "unexpected symbol " << line;
+        else if (type != "A" && !name.empty())
+            ADD_FAILURE() << "unexpected symbol " << line;
     }
-    const std::set<std::string> expected = {
-        "KivRegUseHttps", "KivRegDoHttpTrace", "KivRegDoDataTrace", "KivRegSetOldTransferOn",
-        "KivRegSetNewTransferOn", "KivRegSetXMLStdin", "KivRegSetXMLFile", "KivRegSetXML",
-        "KivRegSetReceiveTimeout", "KivRegSetSendTimeout", "KivRegSetConnectTimeout",
-        "KivRegSetConnectData", "KivRegSetConnectFile", "KivRegSetConnectFileWithKeyFile",
-        "KivRegSetSymbolFile", "KivRegSetLogfile", "KivRegSendReceiveData", "KivRegPerformConfig",
-        "KivRegPerformConfigWithKeyFile", "KivRegPerformConfigWithArguments", "KivRegShowConfig",
-        "KivRegShowConfigWithKeyFile"};
+    const std::set<std::string> expected = {"KivRegUseHttps",
+                                            "KivRegDoHttpTrace",
+                                            "KivRegDoDataTrace",
+                                            "KivRegSetOldTransferOn",
+                                            "KivRegSetNewTransferOn",
+                                            "KivRegSetXMLStdin",
+                                            "KivRegSetXMLFile",
+                                            "KivRegSetXML",
+                                            "KivRegSetReceiveTimeout",
+                                            "KivRegSetSendTimeout",
+                                            "KivRegSetConnectTimeout",
+                                            "KivRegSetConnectData",
+                                            "KivRegSetConnectFile",
+                                            "KivRegSetConnectFileWithKeyFile",
+                                            "KivRegSetSymbolFile",
+                                            "KivRegSetLogfile",
+                                            "KivRegSendReceiveData",
+                                            "KivRegPerformConfig",
+                                            "KivRegPerformConfigWithKeyFile",
+                                            "KivRegPerformConfigWithArguments",
+                                            "KivRegShowConfig",
+                                            "KivRegShowConfigWithKeyFile"};
     EXPECT_EQ(exported, expected);
 
     const RunResult soname = run({"/usr/bin/objdump", "-p", kLibrary});

@@ -73,11 +73,13 @@ RunResult run(const std::vector<std::string>& argv, const RunOptions& options) {
     }
     for (;;) {
         pollfd fds[2] = {{out[0], POLLIN, 0}, {inFd, POLLOUT, 0}};
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) break;
         if (poll(fds, inFd >= 0 ? 2 : 1, static_cast<int>(left.count())) <= 0) continue;
         if (inFd >= 0 && (fds[1].revents & (POLLOUT | POLLERR | POLLHUP))) {
-            const ssize_t n = write(inFd, options.input.data() + written, options.input.size() - written);
+            const ssize_t n =
+                write(inFd, options.input.data() + written, options.input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
             if (n < 0 || written == options.input.size()) {
                 close(inFd);
@@ -107,20 +109,24 @@ Child::Child(const std::vector<std::string>& argv, const RunOptions& options) {
     m_fd = out[0];
 }
 
-Child::~Child() { stop(); }
+Child::~Child() {
+    stop();
+}
 
 std::string Child::waitForLine(const std::string& marker, std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     for (;;) {
         // Look at complete lines not seen yet.
-        for (size_t nl; (nl = m_out.find('\n', m_scanned)) != std::string::npos; m_scanned = nl + 1) {
+        for (size_t nl; (nl = m_out.find('\n', m_scanned)) != std::string::npos;
+             m_scanned = nl + 1) {
             const std::string line = m_out.substr(m_scanned, nl - m_scanned);
             if (line.find(marker) != std::string::npos) {
                 m_scanned = nl + 1;
                 return line;
             }
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0 || m_fd < 0) return {};
         pollfd pfd{m_fd, POLLIN, 0};
         if (poll(&pfd, 1, static_cast<int>(left.count())) <= 0) continue;

@@ -12,9 +12,9 @@
 namespace kivreg::test {
 
 struct RunResult {
-    int exitCode = -1;     // -1 when the process did not exit normally
+    int exitCode = -1;  // -1 when the process did not exit normally
     bool timedOut = false;
-    std::string out;       // standard output and standard error, interleaved
+    std::string out;  // standard output and standard error, interleaved
 };
 
 struct RunOptions {

@@ -14,8 +14,10 @@ class Registration : public E2e {
 protected:
     // The connection options of a server, with the document file.
     std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
-        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument), "-user",
-                                         "supplier", "-pass", "s3cret-pw", "-host", "127.0.0.1",
+        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
+                                         "-user", "supplier",
+                                         "-pass", "s3cret-pw",
+                                         "-host", "127.0.0.1",
                                          "-port", server.portText()};
         args.insert(args.end(), more.begin(), more.end());
         return args;
@@ -85,8 +87,8 @@ TEST_F(Registration, ClosedPortAndUnknownHostFailToConnect) {
         DirServer gone(m_dir.path(), {});
         closedPort = gone.port();
     }  // stopped: nothing listens there any more
-    RunResult r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host",
-                          "127.0.0.1", "-port", std::to_string(closedPort)});
+    RunResult r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host", "127.0.0.1",
+                          "-port", std::to_string(closedPort)});
     EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_THAT(r.out, HasSubstr("HTTP open status: false"));
     EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
@@ -106,10 +108,10 @@ TEST_F(Registration, SymbolFiles) {
              "<instance inst_id=\"i\"><property name=\"Site\"><value>${site}</value></property>"
              "</instance></class></group></kivinfo>\n");
     auto args = [&](const std::string& symbols) {
-        return std::vector<std::string>{"-file", path("sym.xml"), "-user", "supplier", "-pass",
-                                        "s3cret-pw", "-host", "127.0.0.1", "-port",
-                                        server.portText(), "-symbolfile",
-                                        symbols, "-datatrace"};
+        return std::vector<std::string>{"-file",     path("sym.xml"),   "-user",       "supplier",
+                                        "-pass",     "s3cret-pw",       "-host",       "127.0.0.1",
+                                        "-port",     server.portText(), "-symbolfile", symbols,
+                                        "-datatrace"};
     };
 
     RunResult r = kivreg(args(path("missing.sym")));
@@ -126,7 +128,8 @@ TEST_F(Registration, SymbolFiles) {
     EXPECT_THAT(r.out, HasSubstr("### site = \"Berlin\""));
     // The data trace shows the document before and after substitution.
     size_t begins = 0;
-    for (size_t at = 0; (at = r.out.find(">>> Begin Parsed Data >>>", at)) != std::string::npos; ++at) {
+    for (size_t at = 0; (at = r.out.find(">>> Begin Parsed Data >>>", at)) != std::string::npos;
+         ++at) {
         ++begins;
     }
     EXPECT_EQ(begins, 2u);
@@ -142,9 +145,9 @@ TEST_F(Registration, OldTransferFormat) {
     // malformed, and the server would refuse it.
     std::string doc = kDocument;
     doc.replace(doc.find(" &amp; co"), 9, " co");
-    const RunResult r = kivreg({"-file", writeDoc("old.xml", doc), "-user", "supplier", "-pass",
-                                "s3cret-pw", "-host", "127.0.0.1", "-port", server.portText(),
-                                "-oldtransferdtd"});
+    const RunResult r =
+        kivreg({"-file", writeDoc("old.xml", doc), "-user", "supplier", "-pass", "s3cret-pw",
+                "-host", "127.0.0.1", "-port", server.portText(), "-oldtransferdtd"});
     EXPECT_EQ(r.exitCode, 0) << r.out;
     ASSERT_EQ(server.stored().size(), 1u);
     EXPECT_EQ(server.stored()[0],
@@ -176,7 +179,9 @@ TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
     DirServer server(m_dir.path(), {});
     const std::string good = writeDoc("good.xml", kDocument);
     writeFile(m_dir / "empty.xml", "");
-    writeFile(m_dir / "binary.xml", std::string("\x7f" "ELF\x01\x00\xff\xfe garbage", 17));
+    writeFile(m_dir / "binary.xml", std::string("\x7f"
+                                                "ELF\x01\x00\xff\xfe garbage",
+                                                17));
     writeFile(m_dir / "garbage.conn", "not a connect file at all");
     struct Row {
         const char* what;
@@ -186,23 +191,42 @@ TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
     };
     const std::string port = server.portText();
     const Row rows[] = {
-        {"missing document", {"-file", path("nope.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
-         1, "Failed to load and parse XML input file: " + path("nope.xml")},
-        {"empty document", {"-file", path("empty.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
-         1, "Parse error on XML file."},
-        {"binary document", {"-file", path("binary.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
-         1, "Parse error on XML file."},
-        {"port not numeric", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "80a"},
-         1, "Invalid HTTP port specified."},
-        {"port out of range", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "65537"},
-         1, "Invalid HTTP port specified."},
-        {"no user", {"-file", good, "-pass", "s3cret-pw", "-host", "127.0.0.1", "-port", port},
-         1, "Incomplete HTTP connect data"},
-        {"no connection data", {"-file", good}, 1, "Incomplete HTTP connect information specified."},
-        {"connect file of another format", {"-file", good, "-connectfile", path("garbage.conn")},
-         1, "Failed to read connect file: " + path("garbage.conn")},
-        {"timeout empty", {"-file", good, "-connecttimeout", "", "-user", "u", "-host", "h", "-port", "1"},
-         1, "Option -connecttimeout  refused"},
+        {"missing document",
+         {"-file", path("nope.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1,
+         "Failed to load and parse XML input file: " + path("nope.xml")},
+        {"empty document",
+         {"-file", path("empty.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1,
+         "Parse error on XML file."},
+        {"binary document",
+         {"-file", path("binary.xml"), "-user", "u", "-host", "127.0.0.1", "-port", port},
+         1,
+         "Parse error on XML file."},
+        {"port not numeric",
+         {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "80a"},
+         1,
+         "Invalid HTTP port specified."},
+        {"port out of range",
+         {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "65537"},
+         1,
+         "Invalid HTTP port specified."},
+        {"no user",
+         {"-file", good, "-pass", "s3cret-pw", "-host", "127.0.0.1", "-port", port},
+         1,
+         "Incomplete HTTP connect data"},
+        {"no connection data",
+         {"-file", good},
+         1,
+         "Incomplete HTTP connect information specified."},
+        {"connect file of another format",
+         {"-file", good, "-connectfile", path("garbage.conn")},
+         1,
+         "Failed to read connect file: " + path("garbage.conn")},
+        {"timeout empty",
+         {"-file", good, "-connecttimeout", "", "-user", "u", "-host", "h", "-port", "1"},
+         1,
+         "Option -connecttimeout  refused"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);

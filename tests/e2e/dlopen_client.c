@@ -12,12 +12,27 @@
 #include <uchar.h>
 
 static const char* const kFunctions[] = {
-    "KivRegUseHttps", "KivRegDoHttpTrace", "KivRegDoDataTrace", "KivRegSetOldTransferOn",
-    "KivRegSetNewTransferOn", "KivRegSetXMLStdin", "KivRegSetXMLFile", "KivRegSetXML",
-    "KivRegSetReceiveTimeout", "KivRegSetSendTimeout", "KivRegSetConnectTimeout",
-    "KivRegSetConnectData", "KivRegSetConnectFile", "KivRegSetConnectFileWithKeyFile",
-    "KivRegSetSymbolFile", "KivRegSetLogfile", "KivRegSendReceiveData", "KivRegPerformConfig",
-    "KivRegPerformConfigWithKeyFile", "KivRegPerformConfigWithArguments", "KivRegShowConfig",
+    "KivRegUseHttps",
+    "KivRegDoHttpTrace",
+    "KivRegDoDataTrace",
+    "KivRegSetOldTransferOn",
+    "KivRegSetNewTransferOn",
+    "KivRegSetXMLStdin",
+    "KivRegSetXMLFile",
+    "KivRegSetXML",
+    "KivRegSetReceiveTimeout",
+    "KivRegSetSendTimeout",
+    "KivRegSetConnectTimeout",
+    "KivRegSetConnectData",
+    "KivRegSetConnectFile",
+    "KivRegSetConnectFileWithKeyFile",
+    "KivRegSetSymbolFile",
+    "KivRegSetLogfile",
+    "KivRegSendReceiveData",
+    "KivRegPerformConfig",
+    "KivRegPerformConfigWithKeyFile",
+    "KivRegPerformConfigWithArguments",
+    "KivRegShowConfig",
     "KivRegShowConfigWithKeyFile",
 };
 

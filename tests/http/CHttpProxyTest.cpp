@@ -39,19 +39,24 @@ void answer(const std::string& bytes, Peer& p) {
 class CHttpProxyTest : public ::testing::Test {
 protected:
     test::LogCapture m_docLog;  // the document's own messages stay out of m_log
-    CXmlFile m_doc{m_docLog,
-                   u"<kivinfo supplier_name=\"M\u00fcller &amp; Sohn\" model_version=\"1.5\">"
-                   u"<group name=\"Systems\" group_type=\"GENERIC\"><class name=\"Computer\"><instance inst_id=\"h1\">"
-                   u"<property name=\"Name\"><value>h1</value></property></instance></class></group></kivinfo>",
-                   0};
+    CXmlFile m_doc{
+        m_docLog,
+        u"<kivinfo supplier_name=\"M\u00fcller &amp; Sohn\" model_version=\"1.5\">"
+        u"<group name=\"Systems\" group_type=\"GENERIC\"><class name=\"Computer\"><instance "
+        u"inst_id=\"h1\">"
+        u"<property "
+        u"name=\"Name\"><value>h1</value></property></instance></class></group></kivinfo>",
+        0};
     test::LogCapture m_log;
 
-    std::unique_ptr<CHttpProxy> proxy(const std::string& port, bool openNow = true, bool https = false,
+    std::unique_ptr<CHttpProxy> proxy(const std::string& port, bool openNow = true,
+                                      bool https = false,
                                       const std::u16string& host = u"127.0.0.1") {
-        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, m_doc, u"u", u"p", host,
-                                            u16(port), 420, 420, 420, openNow, https);
+        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, m_doc, u"u",
+                                            u"p", host, u16(port), 420, 420, 420, openNow, https);
     }
-    // One whole registration against a server that answers `bytes`; returns the status and the request.
+    // One whole registration against a server that answers `bytes`; returns the status and the
+    // request.
     std::pair<int, std::string> run(const std::string& bytes, bool trace = false) {
         TestServer server([&](Peer& p) { answer(bytes, p); });
         auto p = proxy(server.port());
@@ -63,7 +68,9 @@ protected:
         server.join();
         return {status, server.received()};
     }
-    std::string body() { return "<?xml version=\"1.0\" encoding=\"utf-8\"?>" + u8(m_doc.getBody()); }
+    std::string body() {
+        return "<?xml version=\"1.0\" encoding=\"utf-8\"?>" + u8(m_doc.getBody());
+    }
 };
 
 TEST_F(CHttpProxyTest, StandardAndOldFormatRequestsMatchTheDataFiles) {
@@ -90,13 +97,18 @@ TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOne) {
         int status;
         const char* logLine;  // last log line
     } cases[] = {
-        {"201 is not success", "HTTP/1.1 201 Created\r\n\r\n", 201, "Return code: 201 --- Return message: (Created)"},
-        {"unknown status", "HTTP/1.1 299 Odd\r\n\r\n", 100, "Return code: 100 --- Return message: (Continue)"},
-        {"interim answer skipped", "HTTP/1.1 100 Continue\r\n\r\n" + kOk, 200, "Return code: 200 --- Return message: (OK)"},
+        {"201 is not success", "HTTP/1.1 201 Created\r\n\r\n", 201,
+         "Return code: 201 --- Return message: (Created)"},
+        {"unknown status", "HTTP/1.1 299 Odd\r\n\r\n", 100,
+         "Return code: 100 --- Return message: (Continue)"},
+        {"interim answer skipped", "HTTP/1.1 100 Continue\r\n\r\n" + kOk, 200,
+         "Return code: 200 --- Return message: (OK)"},
         {"trailer status", chunked + "2\r\nok\r\n0\r\nX-Status: 603\r\n\r\n", 603,
-         "Return code: 603 --- Return message: (ORVELDAN Warning: Nonfatal errors occured, check log tables)"},
+         "Return code: 603 --- Return message: (ORVELDAN Warning: Nonfatal errors occured, check "
+         "log tables)"},
         {"close before status line", "", -1, kOpened},
-        {"oversized header", "HTTP/1.1 200 OK\r\nX: " + std::string(300 * 1024, 'x') + "\r\n\r\n", -1, kOpened},
+        {"oversized header", "HTTP/1.1 200 OK\r\nX: " + std::string(300 * 1024, 'x') + "\r\n\r\n",
+         -1, kOpened},
         {"bad chunk size", chunked + "xyz\r\n", -1, kOpened},
     };
     for (const auto& c : cases) {
@@ -108,15 +120,17 @@ TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOne) {
 
 TEST_F(CHttpProxyTest, TraceLogsBodyHeaderAndAnswer) {
     EXPECT_EQ(run("HTTP/1.1 100 Continue\r\n\r\n" + kOk, true).first, 200);
-    EXPECT_NE(m_log.text().find(">>> BEGIN HTTP MESSAGE BODY >>>\n" + body() +
-                                "\n<<< END HTTP MESSAGE BODY <<<\n"
-                                "NI rc: 0. HTTP header length: 1. HTTP header: Content-Length: 2\r\n\r\n\n"
-                                "HTTP body length: 2 --- HTTP body: ok\n"
-                                "Return code: 200 --- Return message: (OK)"),
+    EXPECT_NE(m_log.text().find(
+                  ">>> BEGIN HTTP MESSAGE BODY >>>\n" + body() +
+                  "\n<<< END HTTP MESSAGE BODY <<<\n"
+                  "NI rc: 0. HTTP header length: 1. HTTP header: Content-Length: 2\r\n\r\n\n"
+                  "HTTP body length: 2 --- HTTP body: ok\n"
+                  "Return code: 200 --- Return message: (OK)"),
               std::string::npos)
         << m_log.text();
     EXPECT_EQ(run("HTTP/1.1 204 No Content\r\n\r\n", true).first, 204);
-    EXPECT_NE(m_log.text().find("\nHTTP body length: 0 --- HTTP body: *empty*\n"), std::string::npos);
+    EXPECT_NE(m_log.text().find("\nHTTP body length: 0 --- HTTP body: *empty*\n"),
+              std::string::npos);
 }
 
 TEST_F(CHttpProxyTest, MalformedUtf8AnswerRaisesTheConversionError) {
@@ -140,7 +154,8 @@ TEST_F(CHttpProxyTest, HttpsSetsSecudirOnlyWhenUnset) {
         const char* preset;
         bool https;
         std::string after;
-    } cases[] = {{nullptr, true, here}, {"/some/where", true, "/some/where"}, {nullptr, false, "(unset)"}};
+    } cases[] = {
+        {nullptr, true, here}, {"/some/where", true, "/some/where"}, {nullptr, false, "(unset)"}};
     for (const auto& c : cases) {
         test::ScopedEnv env("SECUDIR", c.preset);
         proxy("1", false, c.https);
@@ -153,8 +168,9 @@ TEST_F(CHttpProxyTest, HttpsRegistrationToATrustedServer) {
     test::TempDir secudir;
     fs::copy_file(test::testCert("ca.pem"), secudir / rt::TLS_TRUST_FILE);
     test::ScopedEnv env("SECUDIR", secudir.path().c_str());
-    TestServer server([](Peer& p) { answer(kOk, p); },
-                      test::TlsServerConfig{test::testCert("server.pem"), test::testCert("server.key"), ""});
+    TestServer server(
+        [](Peer& p) { answer(kOk, p); },
+        test::TlsServerConfig{test::testCert("server.pem"), test::testCert("server.key"), ""});
     auto p = proxy(server.port(), true, true, u"localhost");
     ASSERT_TRUE(p->isOpen());
     p->createBodyFromXML();
@@ -166,9 +182,11 @@ TEST_F(CHttpProxyTest, HttpsRegistrationToATrustedServer) {
 }
 
 TEST_F(CHttpProxyTest, Utf16BodyIsSentAsItsCodeUnits) {
-    CHttpProxy utf16(m_log, CHttpProxy::TRANSFER_ENCODING_UTF16, m_doc, u"u", u"p", u"h", u"1", 1, 1, 1, false, false);
+    CHttpProxy utf16(m_log, CHttpProxy::TRANSFER_ENCODING_UTF16, m_doc, u"u", u"p", u"h", u"1", 1,
+                     1, 1, false, false);
     const std::u16string text = u"<?xml version=\"1.0\" encoding=\"utf-16\"?>" + m_doc.getBody();
-    EXPECT_EQ(utf16.getBodyRaw(), std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2));
+    EXPECT_EQ(utf16.getBodyRaw(),
+              std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2));
 }
 
 }  // namespace

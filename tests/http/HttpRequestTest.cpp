@@ -41,11 +41,15 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         const char* requestLine;
     };
     const std::vector<Case> cases = {
-        {"http://h:8080/kiv/ds", nullptr, nullptr, nullptr, "h", "8080", false, "POST /kiv/ds HTTP/1.1\r\n"},
+        {"http://h:8080/kiv/ds", nullptr, nullptr, nullptr, "h", "8080", false,
+         "POST /kiv/ds HTTP/1.1\r\n"},
         {"https://h/x", nullptr, nullptr, nullptr, "h", "443", true, "POST /x HTTP/1.1\r\n"},
-        {"https://h:8443/x?q=1", nullptr, nullptr, nullptr, "h", "8443", true, "POST /x HTTP/1.1\r\n"},
-        {"http://h/x", u"proxy", nullptr, nullptr, "proxy", "80", false, "POST http://h/x HTTP/1.1\r\n"},
-        {"https://h/x", u"proxy", u"3128", u"pu", "proxy", "3128", true, "POST https://h/x HTTP/1.1\r\n"},
+        {"https://h:8443/x?q=1", nullptr, nullptr, nullptr, "h", "8443", true,
+         "POST /x HTTP/1.1\r\n"},
+        {"http://h/x", u"proxy", nullptr, nullptr, "proxy", "80", false,
+         "POST http://h/x HTTP/1.1\r\n"},
+        {"https://h/x", u"proxy", u"3128", u"pu", "proxy", "3128", true,
+         "POST https://h/x HTTP/1.1\r\n"},
     };
     for (const Case& c : cases) {
         Fixture f(c.url);
@@ -57,9 +61,11 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         f.req->addHeaderline(u"X-Name: M\u00fcller \u20ac");  // 7-bit on the wire
         f.req->setBody(std::string("hello"));
         ASSERT_EQ(f.connect(), 10) << c.url;
-        EXPECT_EQ(u8(f.conn.host) + ":" + u8(f.conn.service), std::string(c.host) + ":" + c.port) << c.url;
+        EXPECT_EQ(u8(f.conn.host) + ":" + u8(f.conn.service), std::string(c.host) + ":" + c.port)
+            << c.url;
         EXPECT_EQ(f.conn.tls, c.secure) << c.url;
-        const std::string wire = std::string(c.requestLine) + "Host: h\r\nConnection: Close\r\nX-Name: M?ller ?\r\n" +
+        const std::string wire = std::string(c.requestLine) +
+                                 "Host: h\r\nConnection: Close\r\nX-Name: M?ller ?\r\n" +
                                  (c.proxyUser ? "Proxy-Authorization: Basic cHU6cHA=\r\n" : "") +
                                  "Authorization: Basic dTpw\r\nContent-Length: 5\r\n\r\nhello";
         EXPECT_EQ(f.req->sendMessage(&f.rc), static_cast<int>(wire.size())) << c.url;
@@ -98,13 +104,16 @@ TEST(HttpRequest, LengthLineFollowsTheBodyOrTheArgument) {
     };
     for (const Case& c : cases) {
         Fixture f("http://h/x");
-        f.req->addHeaderline(u"Content-Length: 999");  // the caller's own line does not suppress ours
+        f.req->addHeaderline(
+            u"Content-Length: 999");  // the caller's own line does not suppress ours
         f.req->setBody(std::string(c.body));
         f.connect();
         f.req->sendHeader(&f.rc, c.announced);
         EXPECT_EQ(f.rc, 0);
-        EXPECT_EQ(f.conn.wire, "GET /x HTTP/1.1\r\nHost: h\r\nConnection: Close\r\nContent-Length: 999\r\n"
-                               "Authorization: Basic dTpw" + std::string(c.lengthLine) + "\r\n\r\n")
+        EXPECT_EQ(f.conn.wire,
+                  "GET /x HTTP/1.1\r\nHost: h\r\nConnection: Close\r\nContent-Length: 999\r\n"
+                  "Authorization: Basic dTpw" +
+                      std::string(c.lengthLine) + "\r\n\r\n")
             << c.body << " " << c.announced;
     }
 }
@@ -119,7 +128,8 @@ TEST(HttpRequest, ChunkedPersistentTransfer) {
     f.req->setFooterline(u"");
     f.req->sendFooter(&f.rc);
     EXPECT_EQ(f.conn.wire,
-              "PUT /x HTTP/1.1\r\nHost: h\r\nAuthorization: Basic dTpw\r\nTransfer-Encoding: chunked\r\n\r\n"
+              "PUT /x HTTP/1.1\r\nHost: h\r\nAuthorization: Basic dTpw\r\nTransfer-Encoding: "
+              "chunked\r\n\r\n"
               "b;part=1\r\nhello world\r\n0\r\n\r\n");
 }
 

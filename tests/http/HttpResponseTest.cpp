@@ -17,8 +17,15 @@ using namespace rt;
 constexpr int NO_STATUS = -1;
 
 struct Answer {
-    Answer(int s = 0, int h = 0, int c = NO_STATUS, std::string b = "", int br = 0, std::string e = "", std::string f = "")
-        : skipped(s), headerRc(h), code(c), body(std::move(b)), bodyRc(br), firstChunkExt(std::move(e)), footer(std::move(f)) {}
+    Answer(int s = 0, int h = 0, int c = NO_STATUS, std::string b = "", int br = 0,
+           std::string e = "", std::string f = "")
+        : skipped(s),
+          headerRc(h),
+          code(c),
+          body(std::move(b)),
+          bodyRc(br),
+          firstChunkExt(std::move(e)),
+          footer(std::move(f)) {}
     int skipped, headerRc, code;
     std::string body;
     int bodyRc;
@@ -62,35 +69,59 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         std::string script;
         Answer expected;
     } cases[] = {
-        {"content length", ok + "Content-Length: 5\r\nServer: t\r\n\r\nhello", {0, 0, 200, "hello"}},
+        {"content length",
+         ok + "Content-Length: 5\r\nServer: t\r\n\r\nhello",
+         {0, 0, 200, "hello"}},
         {"chunked with extensions and trailers",
-         "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n6 \r\n world\r\n"
+         "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n6 \r\n "
+         "world\r\n"
          "0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n",
          {0, 0, 201, "hello world", 0, "name=val", "X-Status: 201\r\nX-Other: y"}},
         {"one 100-Continue", cont + ok + "Content-Length: 2\r\n\r\nok", {1, 0, 200, "ok"}},
-        {"two 100-Continue", cont + "HTTP/1.1 100 Continue\r\nX: 1\r\n\r\n" + ok + "\r\n", {2, 0, 200, ""}},
+        {"two 100-Continue",
+         cont + "HTTP/1.1 100 Continue\r\nX: 1\r\n\r\n" + ok + "\r\n",
+         {2, 0, 200, ""}},
         {"bare LF header", "HTTP/1.1 200 OK\nContent-Length: 2\n\nok", {0, 0, 200, "ok"}},
-        {"bare LF header, CR LF in the body", "HTTP/1.1 200 OK\nContent-Length: 6\n\n\r\n\r\nab", {0, 0, 200, "\r\n\r\nab"}},
+        {"bare LF header, CR LF in the body",
+         "HTTP/1.1 200 OK\nContent-Length: 6\n\n\r\n\r\nab",
+         {0, 0, 200, "\r\n\r\nab"}},
         {"201", "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n", {0, 0, 201, ""}},
         {"unknown status", "HTTP/1.1 299 Odd\r\n\r\n", {0, 0, 100, ""}},
         {"status line without blank", "HTTP/1.1\r\n\r\n", {0, 0, 100, ""}},
         {"length and chunked: chunked wins",
-         ok + "Content-Length: 100\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", {0, 0, 200, "abc"}},
-        {"body cut short keeps its status", ok + "Content-Length: 10\r\n\r\nabc", {0, 0, 200, "abc", NET_ERR_CLOSED}},
+         ok + "Content-Length: 100\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
+         {0, 0, 200, "abc"}},
+        {"body cut short keeps its status",
+         ok + "Content-Length: 10\r\n\r\nabc",
+         {0, 0, 200, "abc", NET_ERR_CLOSED}},
         {"close before the status line", "", {0, NET_ERR_CLOSED}},
         {"close inside the header", "HTTP/1.1 200 OK\r\nContent-Le", {0, NET_ERR_CLOSED}},
-        {"oversized header", ok + "X-Big: " + std::string(IHttpResponse::MAX_HEADER, 'a') + "\r\n\r\n",
+        {"oversized header",
+         ok + "X-Big: " + std::string(IHttpResponse::MAX_HEADER, 'a') + "\r\n\r\n",
          {0, NET_ERR_LIMIT}},
-        {"Content-Length above 2^31-1", ok + "Content-Length: 2147483648\r\n\r\n", {0, NET_ERR_LIMIT}},
-        {"Content-Length not a number", ok + "Content-Length: 12abc\r\n\r\n", {0, NET_ERR_PROTOCOL}},
-        {"body above the 64 MiB cap", ok + "Content-Length: 67108865\r\n\r\nabc", {0, 0, 200, "", NET_ERR_LIMIT}},
-        {"chunk size not hexadecimal", chunked + "zz\r\nabc\r\n", {0, 0, 200, "", NET_ERR_PROTOCOL}},
+        {"Content-Length above 2^31-1",
+         ok + "Content-Length: 2147483648\r\n\r\n",
+         {0, NET_ERR_LIMIT}},
+        {"Content-Length not a number",
+         ok + "Content-Length: 12abc\r\n\r\n",
+         {0, NET_ERR_PROTOCOL}},
+        {"body above the 64 MiB cap",
+         ok + "Content-Length: 67108865\r\n\r\nabc",
+         {0, 0, 200, "", NET_ERR_LIMIT}},
+        {"chunk size not hexadecimal",
+         chunked + "zz\r\nabc\r\n",
+         {0, 0, 200, "", NET_ERR_PROTOCOL}},
         {"chunk size beyond 31 bits", chunked + "80000000\r\n", {0, 0, 200, "", NET_ERR_PROTOCOL}},
         {"chunk above the cap", chunked + "4000001\r\nabc", {0, 0, 200, "", NET_ERR_LIMIT}},
-        {"chunks above the cap together", chunked + "3000000\r\n" + big + "\r\n1000001\r\n",
+        {"chunks above the cap together",
+         chunked + "3000000\r\n" + big + "\r\n1000001\r\n",
          {0, 0, 200, big, NET_ERR_LIMIT}},
-        {"chunk without its line end", chunked + "3\r\nabcX\r\n0\r\n\r\n", {0, 0, 200, "abc", NET_ERR_PROTOCOL}},
-        {"endless interim answers", manyInterim + ok + "\r\n", {IHttpResponse::MAX_INTERIM, NET_ERR_PROTOCOL}},
+        {"chunk without its line end",
+         chunked + "3\r\nabcX\r\n0\r\n\r\n",
+         {0, 0, 200, "abc", NET_ERR_PROTOCOL}},
+        {"endless interim answers",
+         manyInterim + ok + "\r\n",
+         {IHttpResponse::MAX_INTERIM, NET_ERR_PROTOCOL}},
     };
     for (const auto& c : cases) {
         // Byte-by-byte reads are slow for the multi-megabyte scripts and add nothing there.

@@ -24,8 +24,8 @@ int listenOnLoopback(std::string& port, int backlog) {
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, backlog) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(fd, backlog) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
         throw std::runtime_error("cannot listen on 127.0.0.1");
     port = std::to_string(ntohs(addr.sin_port));
     return fd;
@@ -41,7 +41,8 @@ bool Peer::readSome(std::string& into, int timeoutMs) {
     char buf[65536];
     pollfd p{m_fd, POLLIN, 0};
     if ((m_ssl == nullptr || SSL_pending(m_ssl) == 0) && poll(&p, 1, timeoutMs) <= 0) return false;
-    const long n = m_ssl != nullptr ? SSL_read(m_ssl, buf, sizeof buf) : recv(m_fd, buf, sizeof buf, 0);
+    const long n =
+        m_ssl != nullptr ? SSL_read(m_ssl, buf, sizeof buf) : recv(m_fd, buf, sizeof buf, 0);
     if (n <= 0) return false;
     into.append(buf, static_cast<size_t>(n));
     std::lock_guard<std::mutex> guard(m_server->m_lock);
@@ -57,7 +58,8 @@ std::string Peer::readRequest() {
     std::string lower = got.substr(0, end);
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     const size_t at = lower.find("\r\ncontent-length:");
-    const size_t length = at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10);
+    const size_t length =
+        at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10);
     while (got.size() < end + 4 + length && readSome(got, kServerWaitMs)) {
     }
     return got;
@@ -72,8 +74,9 @@ std::string Peer::readUntilClosed(int timeoutMs) {
 
 bool Peer::send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const long n = m_ssl != nullptr ? SSL_write(m_ssl, bytes.data(), static_cast<int>(bytes.size()))
-                                        : ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const long n = m_ssl != nullptr
+                           ? SSL_write(m_ssl, bytes.data(), static_cast<int>(bytes.size()))
+                           : ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (n <= 0) return false;
         bytes.remove_prefix(static_cast<size_t>(n));
     }
@@ -113,7 +116,8 @@ void TestServer::run(Handler handler, std::optional<TlsServerConfig> tls) {
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     pollfd p{m_listen, POLLIN, 0};
-    const int fd = poll(&p, 1, 2 * kServerWaitMs) > 0 ? accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    const int fd =
+        poll(&p, 1, 2 * kServerWaitMs) > 0 ? accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC) : -1;
     if (fd < 0) return;
     const timeval limit{kServerWaitMs / 1000, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
@@ -132,7 +136,8 @@ void TestServer::run(Handler handler, std::optional<TlsServerConfig> tls) {
             SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
         peer.m_ssl = ok ? SSL_new(ctx) : nullptr;
-        handshakeDone = peer.m_ssl != nullptr && SSL_set_fd(peer.m_ssl, fd) == 1 && SSL_accept(peer.m_ssl) == 1;
+        handshakeDone =
+            peer.m_ssl != nullptr && SSL_set_fd(peer.m_ssl, fd) == 1 && SSL_accept(peer.m_ssl) == 1;
         if (X509* cert = handshakeDone ? SSL_get1_peer_certificate(peer.m_ssl) : nullptr) {
             char name[256];
             clientSubject = X509_NAME_oneline(X509_get_subject_name(cert), name, sizeof name);
@@ -151,13 +156,16 @@ ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name) {
     value != nullptr ? setenv(name, value, 1) : unsetenv(name);
 }
 
-ScopedEnv::~ScopedEnv() { m_saved ? setenv(m_name.c_str(), m_saved->c_str(), 1) : unsetenv(m_name.c_str()); }
+ScopedEnv::~ScopedEnv() {
+    m_saved ? setenv(m_name.c_str(), m_saved->c_str(), 1) : unsetenv(m_name.c_str());
+}
 
 std::string testCert(const std::string& name) {
     static TempDir dir;
     static const bool made = [] {
-        const std::string cmd = std::string("bash '") + KIVREG_SOURCE_DIR + "/tests/http/make_test_certs.sh' '" +
-                                dir.path().string() + "' >/dev/null 2>&1";
+        const std::string cmd = std::string("bash '") + KIVREG_SOURCE_DIR +
+                                "/tests/http/make_test_certs.sh' '" + dir.path().string() +
+                                "' >/dev/null 2>&1";
         if (std::system(cmd.c_str()) != 0) throw std::runtime_error("make_test_certs.sh failed");
         return true;
     }();

@@ -47,7 +47,8 @@ public:
     const std::string& port() const { return m_port; }
     void join();
     std::string received() const;
-    // Valid after join(): whether the TLS handshake completed, and the client certificate's subject.
+    // Valid after join(): whether the TLS handshake completed, and the client certificate's
+    // subject.
     bool handshakeDone = false;
     std::string clientSubject;
 

@@ -36,14 +36,16 @@ TEST(Trace, ThresholdAndSwitchDecideWhatIsWrittenAndHow) {
 
     std::vector<std::string> messages;
     std::istringstream in(test::readFile(dir / "ext.log"));
-    const std::regex form(R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \d{4} \[[^:\]]*:(\d+)\]: (.*)$)");
+    const std::regex form(
+        R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \d{4} \[[^:\]]*:(\d+)\]: (.*)$)");
     std::smatch m;
     for (std::string line; std::getline(in, line);) {
         ASSERT_TRUE(std::regex_match(line, m, form)) << line;
         EXPECT_EQ(m[1], std::to_string(getpid()));
         messages.push_back(m[2]);
     }
-    const std::vector<std::string> expected = {"HttpRequest::sendHeader 0 120 120 -1", "texts a b \xC3\xA4",
+    const std::vector<std::string> expected = {"HttpRequest::sendHeader 0 120 120 -1",
+                                               "texts a b \xC3\xA4",
                                                std::string(Trace::MAX_MESSAGE - 1, 'm')};
     EXPECT_EQ(messages, expected);
 }

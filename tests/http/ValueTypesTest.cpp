@@ -15,13 +15,16 @@ namespace {
 using test::u16;
 using test::u8;
 
-std::string str(const char16_t* text) { return text != nullptr ? u8(text) : "-"; }
+std::string str(const char16_t* text) {
+    return text != nullptr ? u8(text) : "-";
+}
 
 TEST(URL, SplitsIntoParts) {
     // url -> "service|secure|host|port|portNumber|rawPath|path|query|fragment"
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"http://dir.example:8080/kiv/ds", "http|0|dir.example|8080|8080|/kiv/ds|/kiv/ds|-|-"},
-        {"HTTPS://dir.example/a%20b?x=1&y=2#top", "HTTPS|1|dir.example|-|-1|/a%20b|/a b|x=1&y=2|top"},
+        {"HTTPS://dir.example/a%20b?x=1&y=2#top",
+         "HTTPS|1|dir.example|-|-1|/a%20b|/a b|x=1&y=2|top"},
         {"https://dir.example", "https|1|dir.example|-|-1|/|/|-|-"},
         {"http://[::1]:81/p", "http|0|::1|81|81|/p|/p|-|-"},
         {"http://h?q", "http|0|h|-|-1|/|/|q|-"},
@@ -30,9 +33,10 @@ TEST(URL, SplitsIntoParts) {
     for (const auto& [text, parts] : cases) {
         URL url;
         ASSERT_TRUE(url.setUrl(u16(std::string(text)).c_str())) << text;
-        EXPECT_EQ(str(url.getService()) + "|" + std::to_string(url.isSecure()) + "|" + str(url.getHost()) + "|" +
-                      str(url.getHport()) + "|" + std::to_string(url.getHport2()) + "|" + str(url.getRawPath()) +
-                      "|" + str(url.getPath()) + "|" + str(url.getQuery()) + "|" + str(url.getFragment()),
+        EXPECT_EQ(str(url.getService()) + "|" + std::to_string(url.isSecure()) + "|" +
+                      str(url.getHost()) + "|" + str(url.getHport()) + "|" +
+                      std::to_string(url.getHport2()) + "|" + str(url.getRawPath()) + "|" +
+                      str(url.getPath()) + "|" + str(url.getQuery()) + "|" + str(url.getFragment()),
                   parts);
         EXPECT_EQ(u8(url.getUrl(false)), text);
     }
@@ -66,7 +70,9 @@ TEST(URL, EscapeAndUnescape) {
 
 TEST(ParValMultilineDictionary, ParsesResponseHeaders) {
     std::unique_ptr<IParValMultilineDictionary> dict;
-    ASSERT_EQ(createIParValMultilineDictionary(dict, u"\r\n", u";", u":=", u"\t\r\n ", true, true, true), 0);
+    ASSERT_EQ(
+        createIParValMultilineDictionary(dict, u"\r\n", u";", u":=", u"\t\r\n ", true, true, true),
+        0);
     EXPECT_EQ(dict->parseMultiline(u"Content-Type: text/xml; charset=\"a;b\"\r\n"
                                    u"content-LENGTH:  42 \r\nHost: h:8080\r\n\r\n"),
               3);
@@ -79,14 +85,16 @@ TEST(ParValMultilineDictionary, ParsesResponseHeaders) {
 
 TEST(Base64, EncodesAndDecodes) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"},
+        {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+        {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"},
     };
     for (const auto& [plain, encoded] : cases) {
         EXPECT_EQ(Base64::encode(std::string_view(plain)), encoded);
         EXPECT_EQ(Base64::decode(encoded), plain) << encoded;
     }
     EXPECT_EQ(u8(Base64::encode(std::u16string_view(u"\u00e4:p"))), "w6Q6cA==");  // UTF-8 bytes
-    for (const char* bad : {"Zg=", "Z!==", "Zg==Zg=="}) EXPECT_EQ(Base64::decode(bad), std::nullopt) << bad;
+    for (const char* bad : {"Zg=", "Z!==", "Zg==Zg=="})
+        EXPECT_EQ(Base64::decode(bad), std::nullopt) << bad;
 }
 
 }  // namespace

@@ -18,7 +18,13 @@ TEST(CAttr, ValueValidityAndReport) {
         bool valid;
     };
     const Case cases[] = {
-        {"given value outside the allowed list", u"a", u"MAYBE", u"TRUE", {u"TRUE", u"FALSE"}, u"MAYBE", true},
+        {"given value outside the allowed list",
+         u"a",
+         u"MAYBE",
+         u"TRUE",
+         {u"TRUE", u"FALSE"},
+         u"MAYBE",
+         true},
         {"default in the allowed list", u"b", u"", u"TRUE", {u"TRUE", u"FALSE"}, u"TRUE", true},
         {"default outside the allowed list", u"c", u"", u"YES", {u"TRUE", u"FALSE"}, u"YES", false},
         {"default compared with case", u"d", u"", u"true", {u"TRUE"}, u"true", false},
@@ -37,7 +43,8 @@ TEST(CAttr, ValueValidityAndReport) {
         EXPECT_EQ(a.isValid(), c.valid);
         all.addAttribute(a);
         if (!c.valid)
-            reports.push_back("Attribute '" + test::u8(c.name) + "' has invalid value '" + test::u8(c.shown) + "' assigned.");
+            reports.push_back("Attribute '" + test::u8(c.name) + "' has invalid value '" +
+                              test::u8(c.shown) + "' assigned.");
     }
     LogCapture cap;  // every invalid attribute is reported, in order
     EXPECT_FALSE(all.validateAttributes(cap));
@@ -58,23 +65,31 @@ TEST(CBaseElem, AttributeNamesIgnoreCaseClassNamesDoNot) {
 }
 
 const std::string kIntro = "On validating associations specified in XML input:\n";
-const std::string kGroup = "Unknown group referenced (Location: group|assoc_class / Reference: associated group):\n";
-const std::string kClass = "Unknown class referenced (Location: group|assoc_class / Reference: associated "
-                           "group|asscociated class):\n";
-const std::string kInst = "Unknown instance ID specified (Location: group|assoc_class / Reference: associated "
-                          "group|asscociated class|associated inst ID):\n";
+const std::string kGroup =
+    "Unknown group referenced (Location: group|assoc_class / Reference: associated group):\n";
+const std::string kClass =
+    "Unknown class referenced (Location: group|assoc_class / Reference: associated "
+    "group|asscociated class):\n";
+const std::string kInst =
+    "Unknown instance ID specified (Location: group|assoc_class / Reference: associated "
+    "group|asscociated class|associated inst ID):\n";
 
 // Groups G (classes C, C, D) and g (class C); the references sit in instance "src" of class S in G.
 std::string docWith(const std::string& references) {
     return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance inst_id='1'/>"
            "<instance inst_id=''/></class><class name='C'><instance inst_id='2'/></class>"
-           "<rootclass name='D'><instance inst_id='1'/></rootclass><memberclass name='S'><instance inst_id='src'>" +
-           references + "</instance></memberclass></group><group name='g'><class name='C'><instance inst_id='x'/>"
+           "<rootclass name='D'><instance inst_id='1'/></rootclass><memberclass name='S'><instance "
+           "inst_id='src'>" +
+           references +
+           "</instance></memberclass></group><group name='g'><class name='C'><instance "
+           "inst_id='x'/>"
            "</class></group></kivinfo>";
 }
 
-std::string ref(const std::string& role, const std::string& g, const std::string& c, const std::string& id) {
-    return "<reference rolename='" + role + "' groupname='" + g + "' classname='" + c + "' inst_id='" + id + "'/>";
+std::string ref(const std::string& role, const std::string& g, const std::string& c,
+                const std::string& id) {
+    return "<reference rolename='" + role + "' groupname='" + g + "' classname='" + c +
+           "' inst_id='" + id + "'/>";
 }
 
 TEST(ValidateReferences, Reports) {
@@ -85,8 +100,10 @@ TEST(ValidateReferences, Reports) {
     };
     const Case cases[] = {
         {"no references", docWith(""), ""},
-        {"all resolve", docWith(ref("a", "G", "C", "1") + ref("b", "g", "C", "x") + ref("c", "G", "C", "")), ""},
-        {"unknown group", docWith(ref("a", "X", "C", "1")), kIntro + kGroup + "(1) Location: G|S\n(2) Reference: X"},
+        {"all resolve",
+         docWith(ref("a", "G", "C", "1") + ref("b", "g", "C", "x") + ref("c", "G", "C", "")), ""},
+        {"unknown group", docWith(ref("a", "X", "C", "1")),
+         kIntro + kGroup + "(1) Location: G|S\n(2) Reference: X"},
         {"group compared with case", docWith(ref("a", "g", "D", "1")),
          kIntro + kClass + "(1) Location: G|S\n(2) Reference: g|D"},
         {"unknown instance", docWith(ref("a", "G", "D", "2")),
@@ -99,10 +116,12 @@ TEST(ValidateReferences, Reports) {
          docWith(ref("zz", "X", "C", "1") + ref("b", "G", "Q", "1") + ref("a", "G", "C", "1")),
          kIntro + kClass + "(1) Location: G|S\n(2) Reference: G|Q"},
         {"every failing instance, against the last group of a name",
-         "<kivinfo supplier_name='S'><group name='G'><class name='A'><instance inst_id='1'>" + ref("r", "G", "A", "1") +
-             "</instance><instance inst_id='2'>" + ref("r", "G", "B", "1") + "</instance></class></group>"
-             "<group name='G'><class name='B'><instance inst_id='1'>" + ref("r", "G", "B", "9") +
-             "</instance></class></group></kivinfo>",
+         "<kivinfo supplier_name='S'><group name='G'><class name='A'><instance inst_id='1'>" +
+             ref("r", "G", "A", "1") + "</instance><instance inst_id='2'>" +
+             ref("r", "G", "B", "1") +
+             "</instance></class></group>"
+             "<group name='G'><class name='B'><instance inst_id='1'>" +
+             ref("r", "G", "B", "9") + "</instance></class></group></kivinfo>",
          kIntro + kClass + "(1) Location: G|A\n(2) Reference: G|A\n" + kIntro + kInst +
              "(1) Location: G|B\n(2) Reference: G|B|9"},
     };

@@ -23,14 +23,16 @@ using Lines = std::vector<std::string>;
 enum class From { Text, Surrogate, File, Stdin, StdinByName, Missing, Directory };
 
 TEST(CXmlFileLoad, MessagesAndResult) {
-    const Lines header = {"Parsing XML document.", "Supplier Name: S", "Supplier Version: ",
-                          "Supplier Vendor: ", "CIM Model Version: "};
+    const Lines header = {"Parsing XML document.", "Supplier Name: S",
+                          "Supplier Version: ", "Supplier Vendor: ", "CIM Model Version: "};
     const auto withHeader = [&](Lines tail) {
         tail.insert(tail.begin(), header.begin(), header.end());
         return tail;
     };
     const Lines refused = {"Failed to parse input data.", "Failed to load and parse XML input."};
-    const auto root = [&](const std::string& why) { return Lines{"Parsing XML document.", why, refused[0], refused[1]}; };
+    const auto root = [&](const std::string& why) {
+        return Lines{"Parsing XML document.", why, refused[0], refused[1]};
+    };
     Lines munich = header;
     munich[1] = "Supplier Name: M\xC3\xBCnchen";
     const std::string noInput = "Failed to load and parse XML input file: @";  // "@": the file name
@@ -53,33 +55,57 @@ TEST(CXmlFileLoad, MessagesAndResult) {
          "<kivinfo supplier_name='S'><group name='A'/><group name=''/><group name='C'/></kivinfo>",
          withHeader({"Group name attribut not specified.", "", refused[0], refused[1]}), 1},
         {"class without name drops its group", From::Text,
-         "<kivinfo supplier_name='S'><group name='A'/><group name='B'><class name='ok'/><memberclass/></group></kivinfo>",
+         "<kivinfo supplier_name='S'><group name='A'/><group name='B'><class "
+         "name='ok'/><memberclass/></group></kivinfo>",
          withHeader({"Class attribute name not set.", "", refused[0], refused[1]}), 1},
-        {"malformed", From::Text, "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
-         {"Parse error on XML file.", "Fatal Error: Opening and ending tag mismatch: group line 2 and kivinfo",
+        {"malformed",
+         From::Text,
+         "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
+         {"Parse error on XML file.",
+          "Fatal Error: Opening and ending tag mismatch: group line 2 and kivinfo",
           " entity=", " in line 3, 11", "Parse error on XML file.",
-          "Fatal Error: Premature end of data in tag kivinfo line 1", " entity=", " in line 3, 11", refused[1]}},
-        {"empty text", From::Text, "",
-         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1", refused[1]}},
-        {"text that is not Unicode", From::Surrogate, "<kivinfo supplier_name=''/>",
+          "Fatal Error: Premature end of data in tag kivinfo line 1", " entity=", " in line 3, 11",
+          refused[1]}},
+        {"empty text",
+         From::Text,
+         "",
+         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1",
+          refused[1]}},
+        {"text that is not Unicode",
+         From::Surrogate,
+         "<kivinfo supplier_name=''/>",
          {"4: CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. RC=7", refused[1]}},
-        {"parse error in a file names the file", From::File,
+        {"parse error in a file names the file",
+         From::File,
          "<kivinfo supplier_name='S'>\n<group name='a' name='b'/></kivinfo>",
-         {"Parse error on XML file.", "Fatal Error: Attribute name redefined", " entity=@", " in line 2, 25", noInput}},
-        {"missing file", From::Missing, "", {"Failed to create XML input stream.", "Check file existence: @", noInput}},
-        {"directory", From::Directory, "", {"Failed to create XML input stream.", "Check file existence: @", noInput}},
-        {"stdin: the doubled last character is extra content", From::StdinByName, "<kivinfo supplier_name='S'/>",
-         {"Parse error on XML file.", "Fatal Error: Extra content at the end of the document", " entity=",
-          " in line 1, 29", "Failed to load and parse XML input from stdin."}},
-        {"stdin: empty", From::Stdin, "",
+         {"Parse error on XML file.", "Fatal Error: Attribute name redefined", " entity=@",
+          " in line 2, 25", noInput}},
+        {"missing file",
+         From::Missing,
+         "",
+         {"Failed to create XML input stream.", "Check file existence: @", noInput}},
+        {"directory",
+         From::Directory,
+         "",
+         {"Failed to create XML input stream.", "Check file existence: @", noInput}},
+        {"stdin: the doubled last character is extra content",
+         From::StdinByName,
+         "<kivinfo supplier_name='S'/>",
+         {"Parse error on XML file.", "Fatal Error: Extra content at the end of the document",
+          " entity=", " in line 1, 29", "Failed to load and parse XML input from stdin."}},
+        {"stdin: empty",
+         From::Stdin,
+         "",
          {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1",
           "Failed to load and parse XML input from stdin."}},
-        {"stdin ending in a line end", From::Stdin, "<kivinfo supplier_name='S'><group name='G'/></kivinfo>\n",
-         header, 1, true},
+        {"stdin ending in a line end", From::Stdin,
+         "<kivinfo supplier_name='S'><group name='G'/></kivinfo>\n", header, 1, true},
         {"a text is Unicode whatever it declares", From::Text,
-         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xC3\xBCnchen'/>", munich, 0, true},
+         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xC3\xBCnchen'/>",
+         munich, 0, true},
         {"a file is read in the encoding it declares", From::File,
-         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xFCnchen'/>", munich, 0, true},
+         "<?xml version='1.0' encoding='ISO-8859-1'?><kivinfo supplier_name='M\xFCnchen'/>", munich,
+         0, true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -95,7 +121,8 @@ TEST(CXmlFileLoad, MessagesAndResult) {
             file = std::make_unique<CXmlFile>(cap, text, 0);
         } else if (c.from == From::Stdin || c.from == From::StdinByName) {
             test::StdinFrom redirect(c.doc);
-            file = c.from == From::Stdin ? std::make_unique<CXmlFile>(cap) : std::make_unique<CXmlFile>(cap, u"");
+            file = c.from == From::Stdin ? std::make_unique<CXmlFile>(cap)
+                                         : std::make_unique<CXmlFile>(cap, u"");
         } else {
             file = std::make_unique<CXmlFile>(cap, u16(name));
         }
@@ -124,8 +151,11 @@ TEST(CXmlFileLoad, StdinRepeatsItsLastCharacter) {
 
 TEST(CXmlFileLoad, ValueTextIsNormalised) {
     const std::pair<std::u16string, std::u16string> cases[] = {
-        {u"  a\r\n\tb  ", u"a b"}, {u"\t", u""}, {u"one  two\tthree", u"one two three"},
-        {u"line\nbreak", u"linebreak"}, {u"\u00E9t\u00E9", u"\u00E9t\u00E9"},
+        {u"  a\r\n\tb  ", u"a b"},
+        {u"\t", u""},
+        {u"one  two\tthree", u"one two three"},
+        {u"line\nbreak", u"linebreak"},
+        {u"\u00E9t\u00E9", u"\u00E9t\u00E9"},
     };
     for (const auto& [in, out] : cases) {
         SCOPED_TRACE(u8(in));
@@ -134,8 +164,10 @@ TEST(CXmlFileLoad, ValueTextIsNormalised) {
 }
 
 std::string inValue(const std::string& text) {
-    return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance><property name='P'>"
-           "<value>" + text + "</value></property></instance></class></group></kivinfo>";
+    return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance><property "
+           "name='P'>"
+           "<value>" +
+           text + "</value></property></instance></class></group></kivinfo>";
 }
 
 std::string billionLaughs(bool inAttribute) {
@@ -177,18 +209,27 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
         const char* position = "";
     };
     const Case cases[] = {
-        {"entity bomb in text", billionLaughs(false), "Fatal Error: Detected an entity reference loop"},
-        {"entity bomb in an attribute", billionLaughs(true), "Fatal Error: Detected an entity reference loop"},
+        {"entity bomb in text", billionLaughs(false),
+         "Fatal Error: Detected an entity reference loop"},
+        {"entity bomb in an attribute", billionLaughs(true),
+         "Fatal Error: Detected an entity reference loop"},
         {"nesting 10000 deep", "<kivinfo supplier_name='S'>" + deep + "</kivinfo>",
          "Fatal Error: Excessive depth in document: 256"},
-        {"nesting 10000 deep in a value", inValue(deep), "Fatal Error: Excessive depth in document: 256"},
-        {"malformed UTF-8 in a file", "<kivinfo supplier_name='S'>\n  <group name='a\xC3\x28'/>\n</kivinfo>\n",
+        {"nesting 10000 deep in a value", inValue(deep),
+         "Fatal Error: Excessive depth in document: 256"},
+        {"malformed UTF-8 in a file",
+         "<kivinfo supplier_name='S'>\n  <group name='a\xC3\x28'/>\n</kivinfo>\n",
          "Fatal Error: Input is not proper UTF-8", " in line 2, 17"},
-        {"external file entity", "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + secret + "'>]>" + inValue("&x;"), ""},
+        {"external file entity",
+         "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + secret + "'>]>" + inValue("&x;"), ""},
         {"external DTD", "<!DOCTYPE kivinfo SYSTEM '" + dtd + "'><kivinfo supplier_name='S'/>", ""},
-        {"parameter entity", "<!DOCTYPE kivinfo [<!ENTITY % p SYSTEM '" + dtd + "'> %p;]><kivinfo supplier_name='S'/>", ""},
-        {"DTD over the network", "<!DOCTYPE kivinfo SYSTEM '" + url + "'><kivinfo supplier_name='S'/>", ""},
-        {"entity over the network", "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + url + "'>]>" + inValue("&x;"), ""},
+        {"parameter entity",
+         "<!DOCTYPE kivinfo [<!ENTITY % p SYSTEM '" + dtd + "'> %p;]><kivinfo supplier_name='S'/>",
+         ""},
+        {"DTD over the network",
+         "<!DOCTYPE kivinfo SYSTEM '" + url + "'><kivinfo supplier_name='S'/>", ""},
+        {"entity over the network",
+         "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + url + "'>]>" + inValue("&x;"), ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -210,7 +251,8 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
         ASSERT_GE(m.size(), 2u);
         EXPECT_EQ(m[0], "Parse error on XML file.");
         EXPECT_EQ(m[1].rfind(c.reason, 0), 0u) << m[1];
-        EXPECT_TRUE(!*c.position || std::find(m.begin(), m.end(), c.position) != m.end()) << cap.text();
+        EXPECT_TRUE(!*c.position || std::find(m.begin(), m.end(), c.position) != m.end())
+            << cap.text();
     }
     // The loader is done: a connection it had made would be waiting now.
     pollfd pfd{listener, POLLIN, 0};

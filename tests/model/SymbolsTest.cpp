@@ -56,7 +56,8 @@ TEST(PSymbols, LineRules) {
 TEST(PSymbols, Files) {
     test::TempDir dir;
     const std::string path = (dir / "s.properties").string();
-    const std::string longName(65530, 'n');  // 65535 units make one piece; the rest is a line of its own
+    const std::string longName(65530,
+                               'n');  // 65535 units make one piece; the rest is a line of its own
     struct Case {
         const char* what;
         std::optional<std::string> content;  // none: no file
@@ -67,13 +68,26 @@ TEST(PSymbols, Files) {
     const Case cases[] = {
         {"missing", std::nullopt, -10, {}, {"Failed to open symbol file \"" + path + "\"."}},
         {"empty file", "", 1, {}, {}},
-        {"definitions, comments, CRLF", "# c\r\na = 1\r\n\r\nb=\xC3\xA4\n", 1, {{u"a", u"1"}, {u"b", u"\u00E4"}}, {}},
-        {"syntax error stops reading", "a=1\noops\nb=2\n", -2, {{u"a", u"1"}},
+        {"definitions, comments, CRLF",
+         "# c\r\na = 1\r\n\r\nb=\xC3\xA4\n",
+         1,
+         {{u"a", u"1"}, {u"b", u"\u00E4"}},
+         {}},
+        {"syntax error stops reading",
+         "a=1\noops\nb=2\n",
+         -2,
+         {{u"a", u"1"}},
          {"Syntax error in symbol line: \"oops\"."}},
-        {"malformed UTF-8 is a read error", "a=1\nb=2\nc=\xFF\nd=4\n", -11, {{u"a", u"1"}, {u"b", u"2"}},
+        {"malformed UTF-8 is a read error",
+         "a=1\nb=2\nc=\xFF\nd=4\n",
+         -11,
+         {{u"a", u"1"}, {u"b", u"2"}},
          {"Read error in symbol file \"" + path + "\", line 2."}},
-        {"overlong lines are read in pieces", longName + "=abcdetail=1\nnext=2\n", 1,
-         {{u16(longName), u"abcd"}, {u"etail", u"1"}, {u"next", u"2"}}, {}},
+        {"overlong lines are read in pieces",
+         longName + "=abcdetail=1\nnext=2\n",
+         1,
+         {{u16(longName), u"abcd"}, {u"etail", u"1"}, {u"next", u"2"}},
+         {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -91,12 +105,15 @@ TEST(PSymbols, Files) {
 TEST(PSymbols, Replacement) {
     LogCapture cap;
     PSymbols s(cap);
-    for (const char16_t* line : {u"x=1", u"y=2", u"x=X", u"self=<${self}>"}) ASSERT_EQ(s.addSymbol(line), 1);
-    expectDefined(s, {{u"y", u"2"}, {u"x", u"X"}, {u"self", u"<${self}>"}});  // redefined: moved to the end
+    for (const char16_t* line : {u"x=1", u"y=2", u"x=X", u"self=<${self}>"})
+        ASSERT_EQ(s.addSymbol(line), 1);
+    expectDefined(
+        s, {{u"y", u"2"}, {u"x", u"X"}, {u"self", u"<${self}>"}});  // redefined: moved to the end
     const std::pair<std::u16string, std::u16string> cases[] = {
         {u"${x}${y}$x {x}", u"X2$x {x}"},
         {u"${X} ${undefined}", u"${X} ${undefined}"},
-        {u"${self}", std::u16string(100, u'<') + u"${self}" + std::u16string(100, u'>')},  // 100 passes at most
+        {u"${self}",
+         std::u16string(100, u'<') + u"${self}" + std::u16string(100, u'>')},  // 100 passes at most
     };
     for (const auto& [in, out] : cases) {
         SCOPED_TRACE(u8(in));

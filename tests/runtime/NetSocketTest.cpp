@@ -89,14 +89,16 @@ TEST(NetSocket, ConnectReadAndWriteGiveUpAfterTheirTimeouts) {
         std::vector<int> fillers;
         int rc = NET_OK;
         for (int i = 0, h = -1; i < 8 && rc == NET_OK; ++i)
-            if ((rc = netOpen("127.0.0.1", port.c_str(), kShortMs, &h)) == NET_OK) fillers.push_back(h);
+            if ((rc = netOpen("127.0.0.1", port.c_str(), kShortMs, &h)) == NET_OK)
+                fillers.push_back(h);
         EXPECT_EQ(rc, NET_ERR_TIMEOUT);
         for (int h : fillers) netClose(h);
         ::close(listener);
     }
     std::atomic<bool> done{false};
     TestServer server([&done](Peer&) {  // holds the connection without reading or writing
-        for (int i = 0; i < kLongMs / 10 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < kLongMs / 10 && !done; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     });
     const int fd = openTo(server);
     char buf[16];

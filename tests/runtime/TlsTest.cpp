@@ -13,13 +13,14 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Peer;
-using test::TestServer;
 using test::testCert;
+using test::TestServer;
 
 constexpr int kLongMs = 5000;
 
 test::TlsServerConfig serverWith(const std::string& name, bool askForClient = false) {
-    return {testCert(name + ".pem"), testCert(name + ".key"), askForClient ? testCert("ca.pem") : ""};
+    return {testCert(name + ".pem"), testCert(name + ".key"),
+            askForClient ? testCert("ca.pem") : ""};
 }
 
 // A client with SECUDIR pointing at a fresh directory that holds the given trust and client files.
@@ -76,7 +77,9 @@ TEST(Tls, ServersThatMustNotBeTrustedAreRefusedWithTheVerifyReason) {
         TestServer server([](Peer&) {}, serverWith(k.cert));
         Client c(k.trustTestCa);
         EXPECT_EQ(c.connect(server, k.host), NET_ERR_TLS_VERIFY) << k.reason;
-        EXPECT_NE(c.reason.find(std::string("certificate verify failed: ") + k.reason), std::string::npos) << c.reason;
+        EXPECT_NE(c.reason.find(std::string("certificate verify failed: ") + k.reason),
+                  std::string::npos)
+            << c.reason;
         EXPECT_FALSE(c.session);
         server.join();
         EXPECT_FALSE(server.handshakeDone) << k.reason;
@@ -98,7 +101,8 @@ TEST(Tls, ClientCertificateIsPresentedWhenTheServerAsksForIt) {
     EXPECT_EQ(tlsRead(*c.session, buf, sizeof buf, kLongMs, &n), NET_OK);
     server.join();
     EXPECT_TRUE(server.handshakeDone);
-    EXPECT_NE(server.clientSubject.find("CN=kivreg test client"), std::string::npos) << server.clientSubject;
+    EXPECT_NE(server.clientSubject.find("CN=kivreg test client"), std::string::npos)
+        << server.clientSubject;
 }
 
 TEST(Tls, UnreadableCredentialFilesFailTheSetUp) {

@@ -24,7 +24,9 @@ const std::string HEADER = "\x15\x0C\x13\x3B";
 const unsigned char otherKey[8] = {0x13, 0x34, 0x57, 0x79, 0x9B, 0xBC, 0xDF, 0xF1};
 const std::string OTHER_KEY_FILE = HEADER + std::string(otherKey, otherKey + 8);
 
-std::string str(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+std::string str(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
 
 std::string binaryFile(const std::string& plain, const unsigned char* key) {
     const Bytes in(plain.begin(), plain.end());
@@ -43,8 +45,9 @@ std::string units(const std::u16string& text) {
 // hold that text in memory order), or, still older, the cipher bytes bare.
 std::string oldFile(const std::u16string& plain, const unsigned char* key, bool nibbles) {
     Bytes in;
-    for (char16_t u : plain) in.insert(in.end(), {static_cast<unsigned char>(u >> 8),
-                                                  static_cast<unsigned char>(u & 0xFF)});
+    for (char16_t u : plain)
+        in.insert(in.end(),
+                  {static_cast<unsigned char>(u >> 8), static_cast<unsigned char>(u & 0xFF)});
     const Bytes cipher = CSecStore::encryptBinary(in.data(), in.size(), key);
     if (!nibbles) return str(cipher) + std::string(2, '\0');
     std::string out = "    ";
@@ -54,8 +57,9 @@ std::string oldFile(const std::u16string& plain, const unsigned char* key, bool 
 }
 
 void fillFive(CSecStore& store, const std::u16string& password) {
-    store.stringToMap(u"host_param=registry.example.org;port_param=50000;user_param=admin;"
-                      u"https_param=y;");
+    store.stringToMap(
+        u"host_param=registry.example.org;port_param=50000;user_param=admin;"
+        u"https_param=y;");
     store.add(u"pass_param", password);
 }
 
@@ -159,8 +163,8 @@ TEST_F(StoreFiles, EarlierFilesAreMovedAsideUnderAStamp) {
 
 // Every bad connection or key file fails with its message and leaves no entries.
 TEST_F(StoreFiles, BadFilesFail) {
-    const std::string valid = binaryFile("host_param=registry.example.org;user_param=admin;",
-                                         CSecStore::ms_key);
+    const std::string valid =
+        binaryFile("host_param=registry.example.org;user_param=admin;", CSecStore::ms_key);
     std::string garbage;
     for (int i = 0; i < 301; ++i) garbage.push_back(static_cast<char>((i * 149 + 17) % 256));
     const std::string badData = "Invalid data found in encryted file '" + data.string() + "'";

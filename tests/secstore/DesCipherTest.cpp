@@ -18,7 +18,9 @@ Bytes hex(const std::string& text) {
     return out;
 }
 
-Bytes ascii(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes ascii(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
 
 Bytes encryptBlock(const Bytes& key, const Bytes& in) {
     Bytes out(8);

@@ -23,7 +23,9 @@ std::u16string messageOf(const std::function<void()>& call) {
 TEST(CCConv, RoundTripsMixedTextThroughEveryForm) {
     const std::u16string text = u"ASCII \u00e9\u00df \u6f22\u5b57 \U0001F600\U0010FFFF end";
     const std::string utf8 = CCConv::toUTF8Str(text);
-    EXPECT_EQ(utf8, "ASCII \xC3\xA9\xC3\x9F \xE6\xBC\xA2\xE5\xAD\x97 \xF0\x9F\x98\x80\xF4\x8F\xBF\xBF end");
+    EXPECT_EQ(
+        utf8,
+        "ASCII \xC3\xA9\xC3\x9F \xE6\xBC\xA2\xE5\xAD\x97 \xF0\x9F\x98\x80\xF4\x8F\xBF\xBF end");
     EXPECT_EQ(CCConv::m_qorRc, 0);
     EXPECT_EQ(CCConv::fromUTF8Str(utf8), text);
     EXPECT_EQ(CCConv::convertUTF8toUC(bytes(utf8)), text);
@@ -52,7 +54,10 @@ TEST(CCConv, MalformedUtf8IsRefused) {
         {"lone continuation", "a\x80", 2},
         {"byte F8", "\xF8\x88\x80\x80\x80", 2},
         {"byte FF", "x\xFF", 2},
-        {"lead without continuation", "\xE6" "ab", 3},
+        {"lead without continuation",
+         "\xE6"
+         "ab",
+         3},
         {"overlong slash", "\xC0\xAF", 4},
         {"overlong NUL", "\xC1\x80", 4},
         {"overlong three-byte", "\xE0\x80\xAF", 4},

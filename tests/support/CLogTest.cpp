@@ -89,7 +89,8 @@ TEST(CLog, TextIsWrittenAsUtf8AndUnpairedSurrogatesDoNotStopTheEntry) {
     cap.log() << u"Gr\u00fc\u00dfe \u6f22 \U0001F600 " << std::u16string(1, char16_t(0xD800))
               << u"|" << "utf8 \xC3\xA9" << endlog;
     EXPECT_EQ(cap.lines().at(0),
-              "Gr\xC3\xBC\xC3\x9F" "e \xE6\xBC\xA2 \xF0\x9F\x98\x80 \xEF\xBF\xBD|utf8 \xC3\xA9");
+              "Gr\xC3\xBC\xC3\x9F"
+              "e \xE6\xBC\xA2 \xF0\x9F\x98\x80 \xEF\xBF\xBD|utf8 \xC3\xA9");
 }
 
 TEST(CLog, UnfinishedEntryIsWrittenInFrontOfTheNext) {

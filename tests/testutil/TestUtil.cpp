@@ -1,11 +1,11 @@
 #include "testutil/TestUtil.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <unistd.h>
 
 #include "runtime/textconv.h"
 
@@ -47,7 +47,9 @@ std::string u8(const std::u16string& text) {
     return out;
 }
 
-std::u16string u16(const std::filesystem::path& path) { return u16(path.string()); }
+std::u16string u16(const std::filesystem::path& path) {
+    return u16(path.string());
+}
 
 LogCapture::LogCapture() : m_log(std::make_unique<CLog>(u16(m_dir / "test.log"))) {}
 
