@@ -155,31 +155,6 @@ TEST_F(Api, ConnectFilesAreCheckedWhenSet) {
     EXPECT_EQ(args().getArg(CMDARG_CONNECT_FILE), conn);
 }
 
-TEST_F(Api, ShowConfigLeavesThePasswordOut) {
-    const std::u16string conn = u16(m_dir / "show.conn");
-    ASSERT_EQ(KivRegPerformConfigWithArguments(conn.c_str(), true, u"admin", u"hidden-pw",
-                                               u"dir.example.org", u"443", false),
-              0);
-    EXPECT_EQ(KivRegShowConfigWithKeyFile(conn.c_str()), 0);
-    EXPECT_EQ(KivRegShowConfig(u""), 0);
-    EXPECT_EQ(
-        KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"p", u"h", u"1023", false),
-        -1);
-    const std::vector<std::string> lines = {"host_param=dir.example.org", "https_param=n",
-                                            "port_param=443", "user_param=admin"};
-    const std::string out = output();
-    size_t at =
-        out.find("This is the secured information stored in file: '" + test::u8(conn) + "'");
-    ASSERT_NE(at, std::string::npos) << out;
-    for (const std::string& line : lines) {  // in key order
-        const size_t next = out.find(line, at);
-        EXPECT_NE(next, std::string::npos) << line;
-        at = next;
-    }
-    EXPECT_THAT(out, Not(HasSubstr("hidden-pw")));
-    EXPECT_THAT(out, HasSubstr("Invalid port specified!\n"));
-}
-
 struct RunRow {
     const char* what;
     std::u16string port;

@@ -142,16 +142,5 @@ TEST(CPArgs, NumericTextAndValue) {
     }
 }
 
-TEST(CPArgs, PrintsAndConcatenates) {
-    const CPArgs args = parse({u"kivreg", u"-host", u"h", u"-stdin"});
-    test::LogCapture cap;
-    args.printArgs(cap.log());
-    EXPECT_EQ(cap.messages(), (std::vector<std::string>{"-host h", "-stdin"}));
-    std::u16string a = u"x", b = u"y";
-    char16_t* argv[] = {a.data(), b.data(), nullptr};
-    EXPECT_EQ(args.concatString(argv), u"x y");
-    EXPECT_EQ(args.concatString(argv, u"> "), u"> x y");
-}
-
 }  // namespace
 }  // namespace kivreg

@@ -152,79 +152,65 @@ private:
     size_t m_seen = 0;
 };
 
+// Waits for each text in turn and types the answer after it; an empty answer
+// only waits. Before a password the terminal's echo must be off.
+void converse(Terminal& t, const std::vector<std::pair<std::string, std::string>>& steps) {
+    for (const auto& [text, answer] : steps) {
+        ASSERT_TRUE(t.expect(text)) << text << "\n" << t.screen();
+        if (text.find("Password") != std::string::npos) {
+            ASSERT_TRUE(t.echoOff());
+        }
+        if (!answer.empty()) t.type(answer);
+    }
+}
+
 TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     const std::string conn = path("dialog.conn");
-    Terminal t({kProgram, "-configure", conn}, m_dir.path().string());
-    ASSERT_TRUE(t.expect("Use configuration file '" + conn + "' for output!")) << t.screen();
-    ASSERT_TRUE(t.expect("User Name       : "));
-    t.type("supplier\r");
-    ASSERT_TRUE(t.expect("Password        : "));
-    ASSERT_TRUE(t.echoOff());
-    t.type("pw1\r");
-    ASSERT_TRUE(t.expect("Verify Password : "));
-    ASSERT_TRUE(t.echoOff());
-    t.type("pw2\r");
-    ASSERT_TRUE(t.expect("Entered values for the password differ, please try again"));
-    ASSERT_TRUE(t.expect("Password        : "));
-    ASSERT_TRUE(t.echoOff());
-    t.type("s3cret-pw\r");
-    ASSERT_TRUE(t.expect("*********"));
-    ASSERT_TRUE(t.expect("Verify Password : "));
-    ASSERT_TRUE(t.echoOff());
-    t.type("s3cret-pw\r");
-    ASSERT_TRUE(t.expect("Server Host     : "));
-    t.type("dir.example.org\r");
-    ASSERT_TRUE(t.expect("Port [80,443,1024..65535]: "));
-    t.type("22\r");
-    ASSERT_TRUE(t.expect("Invalid port specified!"));
-    ASSERT_TRUE(t.expect("Port [80,443,1024..65535]: "));
-    t.type(" 8443 \r");
-    ASSERT_TRUE(t.expect("Use HTTPS? (y/n): "));
-    t.type("Yes\r");
-    ASSERT_TRUE(t.expect("Passwd: (secret)"));
-    ASSERT_TRUE(t.expect("Port:   8443"));
-    ASSERT_TRUE(t.expect("HTTPS:  y"));
-    ASSERT_TRUE(
-        t.expect("Write this information to secure file '" + conn + "'? [y=yes/n=no/q=quit] "));
-    t.type("y\r");
-    ASSERT_TRUE(t.expect("Configuration data successfully stored in file: " + conn));
+    Terminal t({kProgram, "-configure", conn, "-usekeyfile"}, m_dir.path().string());
+    const std::vector<std::pair<std::string, std::string>> round = {
+        {"User Name       : ", "u\r"},
+        {"Password        : ", "p\r"},
+        {"Verify Password : ", "p\r"},
+        {"Server Host     : ", "h\r"},
+        {"]: ", "443\r"},
+        {"(y/n): ", "n\r"},
+        {"' and generate key file '" + conn + ".key'? [y=yes/n=no/q=quit] ", "n\r"}};
+    converse(t, {{"Use configuration file '" + conn + "' for output!", ""}});
+    converse(t, round);  // "n" asks everything again
+    converse(t, {{"User Name       : ", "supplier\r"},
+                 {"Password        : ", "pw1\r"},
+                 {"Verify Password : ", "pw2\r"},
+                 {"Entered values for the password differ, please try again", ""},
+                 {"Password        : ", "s3cret-pw\r"},
+                 {"*********", ""},
+                 {"Verify Password : ", "s3cret-pw\r"},
+                 {"Server Host     : ", "dir.example.org\r"},
+                 {"Port [80,443,1024..65535]: ", "22\r"},
+                 {"Invalid port specified!", ""},
+                 {"Port [80,443,1024..65535]: ", " 8443 \r"},
+                 {"Use HTTPS? (y/n): ", "Yes\r"},
+                 {"Passwd: (secret)", ""},
+                 {"Port:   8443", ""},
+                 {"HTTPS:  y", ""},
+                 {"[y=yes/n=no/q=quit] ", "y\r"},
+                 {"Key file stored in file: " + conn + ".key", ""}});
     EXPECT_EQ(t.wait(), 0);
     EXPECT_THAT(t.screen(), Not(HasSubstr("s3cret-pw")));
 
-    const RunResult r = kivreg({"-showconnect", conn});
+    const RunResult r = kivreg({"-showconnect", conn, "-usekeyfile"});
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("host_param=dir.example.org\n"));
     EXPECT_THAT(r.out, HasSubstr("https_param=y\n"));
     EXPECT_THAT(r.out, HasSubstr("port_param=8443\n"));
-}
 
-TEST_F(Configure, NoAsksAgainAndQuitWritesNothing) {
-    const std::string conn = path("quit.conn");
-    Terminal t({kProgram, "-configure", conn, "-usekeyfile"}, m_dir.path().string());
-    // One round of answers, up to the confirmation question.
-    auto answerAll = [&] {
-        for (const auto& [prompt, answer] :
-             std::vector<std::pair<std::string, std::string>>{{"User Name       : ", "u\r"},
-                                                              {"Password        : ", "p\r"},
-                                                              {"Verify Password : ", "p\r"},
-                                                              {"Server Host     : ", "h\r"},
-                                                              {"]: ", "443\r"},
-                                                              {"(y/n): ", "n\r"}}) {
-            ASSERT_TRUE(t.expect(prompt)) << t.screen();
-            if (prompt.find("Password") != std::string::npos) {
-                ASSERT_TRUE(t.echoOff());
-            }
-            t.type(answer);
-        }
-        ASSERT_TRUE(t.expect("' and generate key file '" + conn + ".key'? [y=yes/n=no/q=quit] "));
-    };
-    answerAll();
-    t.type("n\r");  // asks everything again
-    answerAll();
-    t.type("Q\r");
-    EXPECT_EQ(t.wait(), 1);
-    EXPECT_FALSE(std::filesystem::exists(conn));
-    EXPECT_FALSE(std::filesystem::exists(conn + ".key"));
+    // Quitting writes nothing, and leaves the files of the first run alone.
+    const std::string before = readFile(conn);
+    Terminal quit({kProgram, "-configure", path("quit.conn")}, m_dir.path().string());
+    converse(quit, {round.begin(), round.end() - 1});
+    converse(quit, {{"[y=yes/n=no/q=quit] ", "Q\r"}});
+    EXPECT_EQ(quit.wait(), 1);
+    EXPECT_FALSE(std::filesystem::exists(path("quit.conn")));
+    EXPECT_EQ(readFile(conn), before);
 }
 
 }  // namespace
