@@ -2,7 +2,6 @@
 
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "TestServer.h"
 #include "http/HttpResponse.h"
@@ -17,15 +16,9 @@ using namespace rt;
 constexpr int NO_STATUS = -1;
 
 struct Answer {
-    Answer(int s = 0, int h = 0, int c = NO_STATUS, std::string b = "", int br = 0,
-           std::string e = "", std::string f = "")
-        : skipped(s),
-          headerRc(h),
-          code(c),
-          body(std::move(b)),
-          bodyRc(br),
-          firstChunkExt(std::move(e)),
-          footer(std::move(f)) {}
+    Answer(int s = 0, int h = 0, int c = NO_STATUS, std::string b = {}, int br = 0,
+           std::string e = {}, std::string f = {})
+        : skipped(s), headerRc(h), code(c), body(b), bodyRc(br), firstChunkExt(e), footer(f) {}
     int skipped, headerRc, code;
     std::string body;
     int bodyRc;
@@ -73,9 +66,8 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
          ok + "Content-Length: 5\r\nServer: t\r\n\r\nhello",
          {0, 0, 200, "hello"}},
         {"chunked with extensions and trailers",
-         "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n6 \r\n "
-         "world\r\n"
-         "0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n",
+         "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n"
+         "6 \r\n world\r\n0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n",
          {0, 0, 201, "hello world", 0, "name=val", "X-Status: 201\r\nX-Other: y"}},
         {"one 100-Continue", cont + ok + "Content-Length: 2\r\n\r\nok", {1, 0, 200, "ok"}},
         {"two 100-Continue",
@@ -87,7 +79,6 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
          {0, 0, 200, "\r\n\r\nab"}},
         {"201", "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n", {0, 0, 201, ""}},
         {"unknown status", "HTTP/1.1 299 Odd\r\n\r\n", {0, 0, 100, ""}},
-        {"status line without blank", "HTTP/1.1\r\n\r\n", {0, 0, 100, ""}},
         {"length and chunked: chunked wins",
          ok + "Content-Length: 100\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
          {0, 0, 200, "abc"}},
@@ -95,7 +86,6 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
          ok + "Content-Length: 10\r\n\r\nabc",
          {0, 0, 200, "abc", NET_ERR_CLOSED}},
         {"close before the status line", "", {0, NET_ERR_CLOSED}},
-        {"close inside the header", "HTTP/1.1 200 OK\r\nContent-Le", {0, NET_ERR_CLOSED}},
         {"oversized header",
          ok + "X-Big: " + std::string(IHttpResponse::MAX_HEADER, 'a') + "\r\n\r\n",
          {0, NET_ERR_LIMIT}},
@@ -134,6 +124,25 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
 
 // Large reads, and one byte per read so that every boundary falls mid-token.
 INSTANTIATE_TEST_SUITE_P(ReadBufferSizes, HttpResponseAnswers, ::testing::Values(65536, 1));
+
+TEST(IPConnection, TimeoutsAreClampedToOneToFifteenMinutes) {
+    const struct {
+        int seconds, stored, returned;
+    } cases[] = {
+        {-5, -1, 60000},       {-1, -1, 60000},      {0, 60000, 60000},
+        {59, 60000, 60000},    {60, 60000, 60000},   {420, 420000, 420000},
+        {900, 900000, 900000}, {901, 900000, 60000}, {2000000000, 900000, 60000},
+    };
+    IPConnection c;
+    for (const auto& k : cases) {
+        EXPECT_EQ(c.setTimeOutConn(k.seconds), k.returned) << k.seconds;
+        EXPECT_EQ(c.setTimeOutSend(k.seconds), k.returned) << k.seconds;
+        EXPECT_EQ(c.setTimeOutRead(k.seconds), k.returned) << k.seconds;
+        EXPECT_EQ(c.getTimeOutConn(), k.stored) << k.seconds;
+        EXPECT_EQ(c.getTimeOutSend(), k.stored) << k.seconds;
+        EXPECT_EQ(c.getTimeOutRead(), k.stored) << k.seconds;
+    }
+}
 
 }  // namespace
 }  // namespace kivreg

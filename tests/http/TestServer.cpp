@@ -65,9 +65,9 @@ std::string Peer::readRequest() {
     return got;
 }
 
-std::string Peer::readUntilClosed(int timeoutMs) {
+std::string Peer::readUntilClosed() {
     std::string got;
-    while (readSome(got, timeoutMs)) {
+    while (readSome(got, kServerWaitMs)) {
     }
     return got;
 }

@@ -27,7 +27,7 @@ class TestServer;
 class Peer {
 public:
     std::string readRequest();  // the header and as many body bytes as its Content-Length says
-    std::string readUntilClosed(int timeoutMs = kServerWaitMs);
+    std::string readUntilClosed();
     bool send(std::string_view bytes);  // false when the client has gone
     void abort();                       // closes with a reset instead of an orderly close
 

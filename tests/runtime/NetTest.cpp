@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "TestServer.h"
+#include "runtime/NetSocket.h"
+#include "runtime/Tls.h"
+#include "testutil/TestUtil.h"
+
+namespace kivreg::rt {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Peer;
+using test::testCert;
+using test::TestServer;
+
+constexpr int kShortMs = 200;
+constexpr int kLongMs = 5000;
+
+TEST(NetSocket, OpenFailuresHaveTheirOwnCodes) {
+    const std::string closed = test::closedPort();
+    const struct {
+        const char *host, *port;
+        int rc;
+    } cases[] = {
+        {"no-such-host.invalid", "80", NET_ERR_RESOLVE},
+        {"127.0.0.1", "no-such-service", NET_ERR_RESOLVE},
+        {"127.0.0.1", closed.c_str(), NET_ERR_REFUSED},
+        {"", "80", NET_ERR_INVALID},
+    };
+    for (const auto& c : cases) {
+        int fd = 7;
+        EXPECT_EQ(netOpen(c.host, c.port, kLongMs, &fd), c.rc) << c.host << ":" << c.port;
+        EXPECT_EQ(fd, -1);
+    }
+}
+
+TEST(NetSocket, ConnectReadAndWriteGiveUpAfterTheirTimeouts) {
+    {
+        // A listener whose queue is full drops further attempts: the handshake never completes.
+        std::string port;
+        const int listener = test::listenOnLoopback(port, 0);
+        std::vector<int> fillers;
+        int rc = NET_OK;
+        for (int i = 0, h = -1; i < 8 && rc == NET_OK; ++i)
+            if ((rc = netOpen("127.0.0.1", port.c_str(), kShortMs, &h)) == NET_OK)
+                fillers.push_back(h);
+        EXPECT_EQ(rc, NET_ERR_TIMEOUT);
+        for (int h : fillers) netClose(h);
+        ::close(listener);
+    }
+    std::atomic<bool> done{false};
+    TestServer server([&done](Peer&) {  // holds the connection without reading or writing
+        for (int i = 0; i < kLongMs / 10 && !done; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    });
+    int fd = -1;
+    ASSERT_EQ(netOpen("127.0.0.1", server.port().c_str(), kLongMs, &fd), NET_OK);
+    char buf[16];
+    size_t n = 99;
+    EXPECT_EQ(netRead(fd, buf, sizeof buf, kShortMs, &n), NET_ERR_TIMEOUT);
+    EXPECT_EQ(n, 0u);
+    const std::string big(64u << 20, 'b');
+    EXPECT_EQ(netWrite(fd, big.data(), big.size(), kShortMs, &n), NET_ERR_TIMEOUT);
+    done = true;
+    EXPECT_GT(n, 0u);
+    EXPECT_LT(n, big.size());
+    netClose(fd);
+}
+
+test::TlsServerConfig serverWith(const std::string& name, bool askForClient = false) {
+    return {testCert(name + ".pem"), testCert(name + ".key"),
+            askForClient ? testCert("ca.pem") : ""};
+}
+
+// A client with SECUDIR pointing at a fresh directory that holds the given trust and client files.
+struct Client {
+    test::TempDir secudir;
+    test::ScopedEnv env{"SECUDIR", secudir.path().c_str()};
+    int fd = -1;
+    TlsContextPtr ctx;
+    TlsSessionPtr session;
+    std::string reason;
+
+    explicit Client(bool trustTestCa = true, bool clientCert = false) {
+        if (trustTestCa) fs::copy_file(testCert("ca.pem"), secudir / TLS_TRUST_FILE);
+        if (clientCert) fs::copy_file(testCert("client.pem"), secudir / TLS_CLIENT_FILE);
+    }
+    ~Client() {
+        session.reset();
+        if (fd >= 0) netClose(fd);
+    }
+    // Connects to `host` (each of its addresses in turn: "localhost" is often ::1 first, where
+    // nothing listens) and runs the handshake; returns the TLS code.
+    int connect(const TestServer& server, const std::string& host, int timeoutMs = kLongMs) {
+        if (const int rc = tlsInit(ctx, reason); rc != NET_OK) return rc;
+        EXPECT_EQ(netOpen(host.c_str(), server.port().c_str(), kLongMs, &fd), NET_OK);
+        return tlsSessionStart(*ctx, fd, host, timeoutMs, session, reason);
+    }
+};
+
+TEST(Tls, TrustedServerByNameOrAddressAndWithAClientCertificate) {
+    const struct {
+        const char* host;
+        bool clientCert;  // the server asks for one and the client has it
+    } cases[] = {{"localhost", false}, {"127.0.0.1", false}, {"localhost", true}};
+    for (const auto& k : cases) {
+        TestServer server([](Peer& p) { p.readRequest(), p.send("answer"); },
+                          serverWith("server", k.clientCert));
+        Client c(true, k.clientCert);
+        ASSERT_EQ(c.connect(server, k.host), NET_OK) << k.host << ": " << c.reason;
+        size_t n = 0;
+        EXPECT_EQ(tlsWrite(*c.session, "GET x\r\n\r\n", 9, kLongMs, &n), NET_OK);
+        EXPECT_EQ(n, 9u);
+        char buf[64];
+        ASSERT_EQ(tlsRead(*c.session, buf, sizeof buf, kLongMs, &n), NET_OK) << k.host;
+        EXPECT_EQ(std::string(buf, n), "answer");
+        server.join();
+        EXPECT_EQ(server.received(), "GET x\r\n\r\n") << k.host;
+        EXPECT_EQ(server.clientSubject.find("CN=kivreg test client") != std::string::npos,
+                  k.clientCert)
+            << server.clientSubject;
+    }
+}
+
+TEST(Tls, ServersThatMustNotBeTrustedAreRefusedWithTheVerifyReason) {
+    const struct {
+        const char *cert, *host;
+        bool trustTestCa;
+        const char* reason;
+    } cases[] = {
+        {"rogue", "localhost", true, "self-signed certificate"},
+        {"wrongname", "localhost", true, "hostname mismatch"},
+        {"wrongname", "127.0.0.1", true, "IP address mismatch"},
+        {"server", "localhost", false, "unable to get local issuer certificate"},
+    };
+    for (const auto& k : cases) {
+        TestServer server([](Peer&) {}, serverWith(k.cert));
+        Client c(k.trustTestCa);
+        EXPECT_EQ(c.connect(server, k.host), NET_ERR_TLS_VERIFY) << k.reason;
+        EXPECT_NE(c.reason.find(std::string("certificate verify failed: ") + k.reason),
+                  std::string::npos)
+            << c.reason;
+        EXPECT_FALSE(c.session);
+        server.join();
+        EXPECT_FALSE(server.handshakeDone) << k.reason;
+    }
+}
+
+TEST(Tls, HandshakeWithAServerThatNeverSpeaksTimesOut) {
+    TestServer server([](Peer& p) { p.readUntilClosed(); });  // plain TCP: no ServerHello
+    Client c;
+    EXPECT_EQ(c.connect(server, "localhost", kShortMs), NET_ERR_TIMEOUT);
+    EXPECT_NE(c.reason.find("timed out"), std::string::npos) << c.reason;
+}
+
+TEST(NetAndTls, WritingToAPeerThatHasGoneIsAnErrorNotASignal) {
+    const std::string big(16u << 20, 'x');
+    size_t n = 0;
+    {
+        TestServer server([](Peer& p) { p.abort(); });
+        int fd = -1;
+        ASSERT_EQ(netOpen("127.0.0.1", server.port().c_str(), kLongMs, &fd), NET_OK);
+        server.join();
+        EXPECT_EQ(netWrite(fd, big.data(), big.size(), kLongMs, &n), NET_ERR_CLOSED);
+        netClose(fd);
+    }
+    TestServer server([](Peer& p) { p.abort(); }, serverWith("server"));
+    Client c;
+    ASSERT_EQ(c.connect(server, "localhost"), NET_OK) << c.reason;
+    server.join();
+    EXPECT_EQ(tlsWrite(*c.session, big.data(), big.size(), kLongMs, &n), NET_ERR_CLOSED);
+}
+
+}  // namespace
+}  // namespace kivreg::rt
