@@ -1,5 +1,6 @@
 #include "runtime/textconv.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -58,6 +59,25 @@ size_t asciiPrefix(const unsigned char* p, size_t n) {
     return i;
 }
 
+// Output sizes, so that a large text is sized once and not at its worst case:
+// fresh memory is paid for by the page, and three bytes per unit reserved for
+// mostly-ASCII text would triple that. Both are exact for well-formed input
+// and upper bounds for what the strict converters write before a fault.
+size_t utf16UnitsFor(std::string_view in) {
+    size_t units = 0;
+    for (unsigned char b : in) {
+        units += (b & 0xC0) != 0x80 ? 1 : 0;  // one unit per lead byte
+        units += b >= 0xF0 ? 1 : 0;           // and a second for a pair
+    }
+    return units;
+}
+
+size_t utf8BytesFor(std::u16string_view in) {
+    size_t bytes = 0;
+    for (char16_t u : in) bytes += u < 0x80 ? 1 : u < 0x800 ? 2 : 3;  // a pair: 3 + 3 >= 4
+    return bytes;
+}
+
 inline char* putUtf8(char* o, char32_t cp) {
     if (cp < 0x80) {
         *o++ = static_cast<char>(cp);
@@ -83,7 +103,10 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const auto* end = p + in.size();
     const size_t base = out.size();
-    out.resize(base + in.size());  // never more units than bytes
+    // Lenient decoding turns each stray byte into a unit of its own, which
+    // only the byte count bounds.
+    const bool counted = sizeof(Unit) == 2 && !lenient;
+    out.resize(base + (counted ? utf16UnitsFor(in) : in.size()));
     Unit* o = out.data() + base;
     int rc = CONV_OK;
     while (p < end) {
@@ -136,7 +159,7 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
 
 int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
     const size_t base = out.size();
-    out.resize(base + in.size() * 3);  // a unit gives at most 3 bytes; a pair 4 for 2 units
+    out.resize(base + utf8BytesFor(in));
     char* o = out.data() + base;
     const char16_t* p = in.data();
     const char16_t* end = p + in.size();

@@ -87,10 +87,11 @@ TEST(CLog, SwitchingFilesClosesTheFirst) {
 TEST(CLog, TextIsWrittenAsUtf8AndUnpairedSurrogatesDoNotStopTheEntry) {
     test::LogCapture cap;
     cap.log() << u"Gr\u00fc\u00dfe \u6f22 \U0001F600 " << std::u16string(1, char16_t(0xD800))
-              << u"|" << "utf8 \xC3\xA9" << endlog;
+              << u"|" << "utf8 \xC3\xA9|\x80\x80\xFF" << endlog;
     EXPECT_EQ(cap.lines().at(0),
               "Gr\xC3\xBC\xC3\x9F"
-              "e \xE6\xBC\xA2 \xF0\x9F\x98\x80 \xEF\xBF\xBD|utf8 \xC3\xA9");
+              "e \xE6\xBC\xA2 \xF0\x9F\x98\x80 \xEF\xBF\xBD|utf8 \xC3\xA9|"
+              "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
 TEST(CLog, UnfinishedEntryIsWrittenInFrontOfTheNext) {
