@@ -23,13 +23,6 @@ constexpr int kExitFailed = 1;
 constexpr int kExitNoConnection = 2;
 constexpr int kExitSymbols = 3;
 
-void print(std::u16string_view text) {
-    std::string bytes;
-    appendUtf8Lenient(bytes, text);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-    std::fflush(stdout);
-}
-
 CLog& log() {
     return api::state().gLog;
 }
@@ -150,11 +143,12 @@ int main(int argc, char** argv) {
     const CPArgs cmd(vec.data());
 
     if (cmd.isSwitchSet(CMDARG_HELP)) {
-        print(PROGRAM_USAGE);
+        writeText(stdout, PROGRAM_USAGE);
         return kExitOk;
     }
     if (cmd.isSwitchSet(CMDARG_VERSION)) {
-        print(std::u16string(PROGRAM_TITLE) + u"\n" + std::u16string(PROGRAM_ID) + u"\n");
+        writeText(stdout,
+                  std::u16string(PROGRAM_TITLE) + u"\n" + std::u16string(PROGRAM_ID) + u"\n");
         return kExitOk;
     }
     if (cmd.hasArg(CMDARG_LOGFILENAME)) {

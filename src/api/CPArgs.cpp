@@ -144,10 +144,7 @@ void CPArgs::printArgs() const {
         if (a.hasValue()) lines += u' ' + a.getValue();
         lines += u'\n';
     }
-    std::string bytes;
-    appendUtf8Lenient(bytes, lines);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-    std::fflush(stdout);
+    writeText(stdout, lines);
 }
 
 std::u16string CPArgs::concatString(char16_t** argv, std::u16string_view prefix) const {

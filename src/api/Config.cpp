@@ -20,10 +20,7 @@ namespace {
 constexpr int kMaxAnswer = 99;  // characters kept of one answer
 
 void say(std::u16string_view text) {
-    std::string bytes;
-    appendUtf8Lenient(bytes, text);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-    std::fflush(stdout);
+    writeText(stdout, text);
 }
 
 void sayLine(std::u16string_view text) {

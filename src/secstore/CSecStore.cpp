@@ -472,6 +472,15 @@ bool CSecStore::readKeyFile() {
     return true;
 }
 
+bool CSecStore::takePlainText(std::u16string& text) {
+    // Decrypted under a wrong key, text has no ";": that, not a checksum,
+    // tells a bad file from a good one.
+    const bool parsed = text.find(ms_sep) != std::u16string::npos;
+    if (parsed) stringToMap(text);
+    wipe(text);
+    return parsed;
+}
+
 bool CSecStore::fetch() {
     m_entries.clear();
     const Fd data = openForReading(m_fileName);
@@ -500,20 +509,14 @@ bool CSecStore::fetch() {
             // A wrong key shows as bytes that are no UTF-8: judged like text without ";".
         }
         wipe(plain);
-        const bool parsed = text.find(ms_sep) != std::u16string::npos;
-        if (parsed) stringToMap(text);
-        wipe(text);
-        if (parsed) return true;
+        if (takePlainText(text)) return true;
         *m_log << timestamp
                << u"Invalid data found in binary encryted file, trying to read old format"
                << endlog;
     }
 
     std::u16string text = decrypt(unitsOf(*content), key);
-    const bool parsed = text.find(ms_sep) != std::u16string::npos;
-    if (parsed) stringToMap(text);
-    wipe(text);
-    if (!parsed) {
+    if (!takePlainText(text)) {
         *m_log << timestamp << u"Invalid data found in encryted file '" << m_fileName << u"'"
                << endlog;
         return false;

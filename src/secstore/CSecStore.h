@@ -113,7 +113,9 @@ public:
 private:
     const unsigned char* activeKey() const;
     bool readKeyFile();
-    bool fetchOldForm(const unsigned char* key);
+    // Takes the entries from a decrypted text holding at least one ";" and
+    // clears the text either way.
+    bool takePlainText(std::u16string& text);
 
     CLog* m_log;
     std::u16string m_fileName;

@@ -13,6 +13,13 @@ void appendUtf8Lenient(std::string& out, std::u16string_view text) {
     rt::utf16ToUtf8Lenient(text, out);
 }
 
+void writeText(std::FILE* stream, std::u16string_view text) {
+    std::string bytes;
+    appendUtf8Lenient(bytes, text);
+    std::fwrite(bytes.data(), 1, bytes.size(), stream);
+    std::fflush(stream);
+}
+
 CLog::CLog() = default;
 
 CLog::CLog(const std::u16string& fileName) : m_fileName(fileName) {
@@ -37,13 +44,8 @@ void CLog::openFile() {
         std::string path;
         appendUtf8Lenient(path, m_fileName);
         m_file = std::fopen(path.c_str(), "a");
-        if (m_file == nullptr) {
-            std::string msg = "*** Failed to open log file ";
-            msg += path;
-            msg += " ***\n";
-            std::fwrite(msg.data(), 1, msg.size(), stderr);
-            std::fflush(stderr);
-        }
+        if (m_file == nullptr)
+            writeText(stderr, u"*** Failed to open log file " + m_fileName + u" ***\n");
     }
     m_entry = false;
 }

@@ -69,5 +69,7 @@ const std::u16string& fileinfo(const char16_t* file, int line);
 // Appends a 16-bit text as UTF-8, writing U+FFFD for unpaired surrogates.
 // For output that must never fail (log lines, prompts).
 void appendUtf8Lenient(std::string& out, std::u16string_view text);
+// Writes a 16-bit text to a stream as UTF-8 and flushes it (prompts, help).
+void writeText(std::FILE* stream, std::u16string_view text);
 
 }  // namespace kivreg
