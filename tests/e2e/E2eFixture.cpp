@@ -32,7 +32,7 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
                                  (dir / "server.key").string()});
     }
     m_child = std::make_unique<Child>(argv);
-    const std::string line = m_child->waitForLine("listening on", std::chrono::seconds(20));
+    const std::string line = m_child->lineAfter("listening on ");
     if (line.empty())
         throw std::runtime_error("directory server did not start: " + m_child->output());
     m_port = std::stoi(line.substr(line.rfind(':') + 1));

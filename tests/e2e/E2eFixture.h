@@ -28,6 +28,7 @@ struct ServerOptions {
 class DirServer {
 public:
     DirServer(const std::filesystem::path& dir, const ServerOptions& options);
+    ~DirServer() { m_child->stop(); }  // SIGTERM: the server stops cleanly
     int port() const { return m_port; }
     std::string portText() const { return std::to_string(m_port); }
     // The documents the server accepted, in arrival order.

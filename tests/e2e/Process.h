@@ -1,6 +1,7 @@
 #pragma once
-// Child processes for end-to-end tests: run a program to completion with a
-// bounded wait, or keep a server running until the test stops it by its id.
+// Child processes for end-to-end tests: run a program to completion, or keep
+// one running (on a pipe or a pseudo-terminal) while the test talks to it.
+// Every wait is bounded; a child that outlives its wait is killed by its id.
 
 #include <sys/types.h>
 
@@ -13,42 +14,48 @@ namespace kivreg::test {
 
 struct RunResult {
     int exitCode = -1;  // -1 when the process did not exit normally
-    bool timedOut = false;
-    std::string out;  // standard output and standard error, interleaved
+    std::string out;    // standard output and standard error, interleaved
 };
 
 struct RunOptions {
     std::string cwd;
     std::map<std::string, std::string> env;  // added to (or replacing in) the environment
-    std::string input;                       // written to standard input, then closed
+    std::string input;                       // the whole of standard input
     std::chrono::milliseconds timeout{60000};
+    bool terminal = false;  // a pseudo-terminal for all three standard streams
 };
 
-// Runs argv[0] (a path) with its arguments and waits for it, killing it when
-// the timeout passes.
+// Runs argv[0] (a path) with its arguments to its end.
 RunResult run(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// A long-running child with its output in a pipe.
 class Child {
 public:
-    Child(const std::vector<std::string>& argv, const RunOptions& options = {});
-    ~Child();  // SIGTERM, then SIGKILL after a grace period
+    explicit Child(const std::vector<std::string>& argv, const RunOptions& options = {});
+    ~Child();  // SIGKILL if still running
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    // Reads output until a line contains `marker`; returns that line, or an
-    // empty string when the child ended or the time ran out first.
-    std::string waitForLine(const std::string& marker, std::chrono::milliseconds timeout);
-    // Stops the child (SIGTERM, bounded wait, SIGKILL) and returns its exit code.
+    // Reads output until `text` appears after everything awaited before.
+    bool expect(const std::string& text,
+                std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // The rest of the line in which `text` appears, or empty when it does not.
+    std::string lineAfter(const std::string& text);
+    void type(const std::string& keys);
+    // True once the terminal's echo is off (hidden input waits for a key).
+    bool echoOff();
+    // Reads the output to the end and returns the exit code (-1: killed).
+    int wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // SIGTERM, then wait().
     int stop();
-    pid_t pid() const { return m_pid; }
     const std::string& output() const { return m_out; }
 
 private:
+    bool readMore(std::chrono::steady_clock::time_point deadline);
+
     pid_t m_pid = -1;
     int m_fd = -1;
     std::string m_out;
-    size_t m_scanned = 0;
+    size_t m_seen = 0;
 };
 
 }  // namespace kivreg::test
