@@ -1,7 +1,6 @@
 #pragma once
 // Standard Base64 (RFC 4648 alphabet, "=" padding) for Basic authentication.
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,8 +12,6 @@ public:
     // Text is taken as its UTF-8 bytes, which is what a server expects of
     // non-ASCII credentials.
     static std::u16string encode(std::u16string_view text);
-    // Nothing for input that is not Base64 (wrong length or characters).
-    static std::optional<std::string> decode(std::string_view text);
 };
 
 }  // namespace kivreg

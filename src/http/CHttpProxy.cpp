@@ -12,6 +12,7 @@
 #include "http/IURL.h"
 #include "model/CXmlFile.h"
 #include "runtime/NetRc.h"
+#include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
 
@@ -114,10 +115,11 @@ std::string CHttpProxy::getBodyRaw() const {
     if (document.empty()) return bytes;
     const std::u16string declaration = xmlDeclaration();
     if (m_encoding == TRANSFER_ENCODING_UTF8) {
-        // The document is converted where it lies; only the short declaration
-        // is put in front.
-        bytes = CCConv::toUTF8Str(document);
-        bytes.insert(0, CCConv::toUTF8Str(declaration));
+        // Declaration first, the document converted straight in behind it.
+        bytes = CCConv::toUTF8Str(declaration);
+        // A malformed document is converted once more by CCConv, which
+        // raises its error (code and exception) for it.
+        if (rt::utf16ToUtf8(document, bytes) != rt::CONV_OK) CCConv::toUTF8Str(document);
     } else if (m_encoding == TRANSFER_ENCODING_UTF16) {
         bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
         bytes.append(reinterpret_cast<const char*>(declaration.data()),
@@ -141,7 +143,10 @@ void CHttpProxy::createBodyFromXML() {
 int CHttpProxy::send() {
     if (m_trace) {
         *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
-        *m_log << timestamp << getBody() << endlog;
+        // The document goes to the log where it lies, not copied behind the declaration.
+        const std::u16string& document = m_xmlFile.getBody();
+        *m_log << timestamp << (document.empty() ? std::u16string() : xmlDeclaration()) << document
+               << endlog;
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);

@@ -7,6 +7,7 @@
 #include "http/IURL.h"
 #include "http/Trace.h"
 #include "runtime/NetRc.h"
+#include "support/CGetStr.h"
 
 namespace kivreg {
 
@@ -31,6 +32,15 @@ std::u16string_view orEmpty(const char16_t* text) {
     return text != nullptr ? text : u"";
 }
 
+// Base64 of "user:password"; empty when either is missing.
+std::u16string encodeUsrPwd(const char16_t* user, const char16_t* password) {
+    if (user == nullptr || password == nullptr) return {};
+    std::u16string joined(user);
+    joined += u':';
+    joined += password;
+    return Base64::encode(std::u16string_view(joined));
+}
+
 const char* methodWord(IHttpRequest::HttpCmd cmd) {
     static constexpr const char* words[] = {"OPTIONS", "GET",    "HEAD", "POST",
                                             "PUT",     "DELETE", "TRACE"};
@@ -47,8 +57,8 @@ int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>&
     return out ? 0 : -1;
 }
 
-HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url, CodeType codeType)
-    : m_cmd(cmd), m_url(url), m_connection(connection), m_codeType(codeType) {}
+HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url, CodeType)
+    : m_cmd(cmd), m_url(url), m_connection(connection) {}
 
 void HttpRequest::reset() {
     std::string().swap(m_header);
@@ -124,14 +134,6 @@ int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connecti
     return 10;
 }
 
-std::u16string HttpRequest::encodeUsrPwd(const char16_t* user, const char16_t* password) const {
-    if (user == nullptr || password == nullptr) return {};
-    std::u16string joined(user);
-    joined += u':';
-    joined += password;
-    return Base64::encode(std::u16string_view(joined));
-}
-
 void HttpRequest::completeHeader(int contentLength) {
     if (const std::string cmd = makeCmdLine(); !cmd.empty()) {
         reserveBlocks(m_header, m_header.size() + cmd.size() + 2, m_headerBlock);
@@ -156,8 +158,7 @@ void HttpRequest::completeHeader(int contentLength) {
         const long long length =
             contentLength < 0 ? static_cast<long long>(m_body.size()) : contentLength;
         if (length != 0) {
-            const std::string text = "Content-Length: " + std::to_string(length);
-            addHeaderline(std::u16string(text.begin(), text.end()));
+            addHeaderline(u"Content-Length: " + CGetStr<long long>::get(length));
             Trace::instance().t(LEVEL, "HttpRequest::completeHeader", length);
         }
     }
@@ -193,10 +194,6 @@ int HttpRequest::writeBody(int* rc) {
     }
     if (rc != nullptr) *rc = code;
     return written;
-}
-
-int HttpRequest::sendBody(int* rc) {
-    return writeBody(rc);
 }
 
 int HttpRequest::sendMessage(int* rc) {

@@ -5,8 +5,7 @@ namespace kivreg {
 
 class HttpRequest final : public IHttpRequest {
 public:
-    // PLAIN sends credentials as given. SCRAMBLED is kept for callers of the
-    // old interface; nothing selects it and it encodes like PLAIN.
+    // Kept for callers of the old interface: both send credentials as given.
     enum CodeType : int { SCRAMBLED = 0, PLAIN = 1 };
 
     HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url, CodeType codeType);
@@ -40,20 +39,11 @@ public:
     int getBodyBlocksize() const override { return m_bodyBlock; }
     int setBodyBlocksize(int size) override { return swapBlock(m_bodyBlock, size); }
 
+private:
     // "POST /path HTTP/1.1\r\nHost: h[\r\nConnection: Close]"; empty without URL.
     std::string makeCmdLine() const;
     // Request line in front, credentials, length or chunking line, empty line.
     void completeHeader(int contentLength);
-    // Base64 of "user:password"; empty when either is missing.
-    std::u16string encodeUsrPwd(const char16_t* user, const char16_t* password) const;
-    int sendBody(int* rc);
-    CodeType getQORScramble() const { return m_codeType; }
-    void setQORScramble(CodeType type) { m_codeType = type; }
-
-    const std::string& headerBytes() const { return m_header; }
-    const std::string& bodyBytes() const { return m_body; }
-
-private:
     static int swapBlock(int& block, int size);
     static void reserveBlocks(std::string& buffer, size_t needed, int block);
     int writeBuffer(const std::string& buffer, int* rc);
@@ -64,7 +54,6 @@ private:
     IIPConnection* m_connection;
     ConnectionType m_connectionType = TRANSIENT;
     TransferType m_transferType = UNCHUNKED;
-    CodeType m_codeType;
     std::string m_header;
     std::string m_body;
     int m_headerBlock = 4096;

@@ -222,14 +222,9 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
         trace.t(LEVEL, "HttpResponse::readHeader Content-Length", n);
     }
     if (const char16_t* value = dict->fetchVal(u"transfer-encoding", true)) {
-        if (std::u16string v(value); v.size() == 7) {
-            std::transform(v.begin(), v.end(), v.begin(), [](char16_t c) {
-                return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c;
-            });
-            if (v == u"chunked") {
-                m_chunked = true;
-                trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");
-            }
+        if (equalsIgnoreCase(value, u"chunked")) {
+            m_chunked = true;
+            trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");
         }
     }
     return static_cast<int>(m_header.size());

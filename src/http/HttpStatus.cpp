@@ -80,15 +80,4 @@ void HttpStatus::setCode(int code) {
         if (ROWS[i].code == code) m_index = i;
 }
 
-void HttpStatus::addMessage(std::u16string_view message) {
-    m_message = message.substr(0, MAX_MESSAGE);
-}
-
-std::u16string HttpStatus::getMessage() const {
-    std::u16string text = m_message;
-    text += ROWS[m_index].reason;
-    if (text.size() > MAX_MESSAGE) text.resize(MAX_MESSAGE);
-    return text;
-}
-
 }  // namespace kivreg

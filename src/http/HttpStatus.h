@@ -13,24 +13,20 @@ public:
         std::u16string_view text;    // the code as text
         std::u16string_view reason;  // in parentheses
     };
-    static constexpr size_t MAX_MESSAGE = 254;
-
     explicit HttpStatus(int code) { setCode(code); }
 
     // Selects the row of the code, or the first row (100) for an unknown one:
     // callers see an unknown status as an interim answer, never as success.
     void setCode(int code);
-    void addMessage(std::u16string_view message);
 
     int getCode() const override { return table()[m_index].code; }
     const char16_t* getCode2() const override { return table()[m_index].text.data(); }
-    std::u16string getMessage() const override;
-
-    static std::span<const Row> table();
+    std::u16string getMessage() const override { return std::u16string(table()[m_index].reason); }
 
 private:
+    static std::span<const Row> table();
+
     size_t m_index = 0;
-    std::u16string m_message;
 };
 
 }  // namespace kivreg

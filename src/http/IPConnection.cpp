@@ -18,14 +18,8 @@ std::string utf8(const char16_t* text) {
     if (text != nullptr) rt::utf16ToUtf8Lenient(text, out);
     return out;
 }
-}  // namespace
 
-int createIIPConnection(std::unique_ptr<IIPConnection>& out) {
-    out.reset(new (std::nothrow) IPConnection);
-    return out ? 0 : -1;
-}
-
-int IPConnection::clampTimeout(int seconds, int& storedMs) {
+int clampTimeout(int seconds, int& storedMs) {
     if (seconds < 0) {
         storedMs = -1;
         return MIN_TIMEOUT_MS;
@@ -36,6 +30,22 @@ int IPConnection::clampTimeout(int seconds, int& storedMs) {
     }
     storedMs = std::max(seconds * 1000, MIN_TIMEOUT_MS);
     return storedMs;
+}
+}  // namespace
+
+int createIIPConnection(std::unique_ptr<IIPConnection>& out) {
+    out.reset(new (std::nothrow) IPConnection);
+    return out ? 0 : -1;
+}
+
+int IPConnection::setTimeOutConn(int seconds) {
+    return clampTimeout(seconds, m_connectMs);
+}
+int IPConnection::setTimeOutSend(int seconds) {
+    return clampTimeout(seconds, m_sendMs);
+}
+int IPConnection::setTimeOutRead(int seconds) {
+    return clampTimeout(seconds, m_readMs);
 }
 
 int IPConnection::open(const char16_t* host, const char16_t* service, bool secure) {
@@ -62,7 +72,6 @@ int IPConnection::open(const char16_t* host, const char16_t* service, bool secur
             m_handle = -1;
             return rc;
         }
-        m_secure = true;
         if (getKernelTraceLevel() >= 2)
             trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS session",
                     rt::tlsDescribe(*m_session));
@@ -75,9 +84,9 @@ int IPConnection::write(const void* data, int size, int* rc) {
     int code = rt::NET_ERR_INVALID;
     if (m_handle >= 0 && size >= 0) {
         const auto n = static_cast<size_t>(size);
-        code = m_secure ? rt::tlsWrite(*m_session, data, n, m_sendMs, &written)
-                        : rt::netWrite(m_handle, data, n, m_sendMs, &written);
-        if (code != rt::NET_OK && m_secure && !rt::tlsLastReason(*m_session).empty())
+        code = m_session ? rt::tlsWrite(*m_session, data, n, m_sendMs, &written)
+                         : rt::netWrite(m_handle, data, n, m_sendMs, &written);
+        if (code != rt::NET_OK && m_session && !rt::tlsLastReason(*m_session).empty())
             Trace::instance().t(Trace::TRANSPORT_LEVEL,
                                 "IPConnection::write TLS:", rt::tlsLastReason(*m_session));
     }
@@ -90,9 +99,9 @@ int IPConnection::read(void* data, int size, int* rc) {
     int code = rt::NET_ERR_INVALID;
     if (m_handle >= 0 && size >= 0) {
         const auto n = static_cast<size_t>(size);
-        code = m_secure ? rt::tlsRead(*m_session, data, n, m_readMs, &got)
-                        : rt::netRead(m_handle, data, n, m_readMs, &got);
-        if (code != rt::NET_OK && code != rt::NET_ERR_CLOSED && m_secure)
+        code = m_session ? rt::tlsRead(*m_session, data, n, m_readMs, &got)
+                         : rt::netRead(m_handle, data, n, m_readMs, &got);
+        if (code != rt::NET_OK && code != rt::NET_ERR_CLOSED && m_session)
             Trace::instance().t(Trace::TRANSPORT_LEVEL,
                                 "IPConnection::read TLS:", rt::tlsLastReason(*m_session));
     }
@@ -117,15 +126,7 @@ int IPConnection::close() {
     m_session.reset();  // close_notify goes out before the socket closes
     rt::netClose(m_handle);
     m_handle = -1;
-    m_secure = false;
     return 1;
-}
-
-std::string IPConnection::getSystemInfoAsString() const {
-    std::string host, address;
-    if (rt::netMyHostName(host) != rt::NET_OK) return {};
-    if (rt::netHostToAddr(host.c_str(), address) != rt::NET_OK) return host;
-    return host + " (" + address + ")";
 }
 
 }  // namespace kivreg

@@ -1,6 +1,4 @@
 #pragma once
-#include <string>
-
 #include "http/IIPConnection.h"
 #include "runtime/Tls.h"
 
@@ -19,24 +17,17 @@ public:
     int skip(int size) override;
     int close() override;
 
-    int setTimeOutConn(int seconds) override { return clampTimeout(seconds, m_connectMs); }
-    int setTimeOutSend(int seconds) override { return clampTimeout(seconds, m_sendMs); }
-    int setTimeOutRead(int seconds) override { return clampTimeout(seconds, m_readMs); }
+    int setTimeOutConn(int seconds) override;
+    int setTimeOutSend(int seconds) override;
+    int setTimeOutRead(int seconds) override;
     int getTimeOutConn() const override { return m_connectMs; }
     int getTimeOutSend() const override { return m_sendMs; }
     int getTimeOutRead() const override { return m_readMs; }
 
-    bool isSecure() const { return m_secure; }
-    // "host (address)" of this machine, for diagnostics.
-    std::string getSystemInfoAsString() const;
-
-    static int clampTimeout(int seconds, int& storedMs);
-
 private:
     int m_handle = -1;
-    rt::TlsSessionPtr m_session;
-    bool m_secure = false;
-    rt::TlsContextPtr m_tls;  // set up once per object, on the first secure open
+    rt::TlsSessionPtr m_session;  // set while a TLS session runs on the socket
+    rt::TlsContextPtr m_tls;      // set up once per object, on the first secure open
     int m_connectMs = -1;
     int m_sendMs = -1;
     int m_readMs = -1;

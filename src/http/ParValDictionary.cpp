@@ -4,6 +4,8 @@
 #include <new>
 #include <span>
 
+#include "api/CPArgs.h"
+
 namespace kivreg {
 
 namespace {
@@ -19,17 +21,6 @@ struct Flags {
     bool unquote;
     bool keepBare;
 };
-
-char16_t lower(char16_t c) {
-    return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c;
-}
-
-bool same(std::u16string_view a, std::u16string_view b, bool ignoreCase) {
-    if (!ignoreCase) return a == b;
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(),
-                      [](char16_t x, char16_t y) { return lower(x) == lower(y); });
-}
 
 std::u16string_view trimmed(std::u16string_view s, std::u16string_view white) {
     const size_t first = s.find_first_not_of(white);
@@ -86,7 +77,8 @@ template <typename Lines>
 const char16_t* find(const Lines& lines, std::u16string_view key, bool ignoreCase, bool byName) {
     for (const DicVecLine& line : lines)
         for (const DicVecLine::Item& item : line.items)
-            if (same(byName ? item.name : item.value, key, ignoreCase))
+            if (const std::u16string& text = byName ? item.name : item.value;
+                ignoreCase ? equalsIgnoreCase(text, key) : text == key)
                 return (byName ? item.value : item.name).c_str();
     return nullptr;
 }
@@ -146,6 +138,13 @@ private:
 };
 
 }  // namespace
+
+bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
+               return CPArgs::convertToLower(x) == CPArgs::convertToLower(y);
+           });
+}
 
 int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
                             std::u16string_view itemSeparator,

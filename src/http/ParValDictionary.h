@@ -54,6 +54,9 @@ public:
     virtual const std::vector<DicVecLine>& getBlock() const = 0;
 };
 
+// Equal but for the case of letters: the comparison `ignoreCase` selects.
+bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b);
+
 int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
                             std::u16string_view itemSeparator,
                             std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,

@@ -70,12 +70,6 @@ bool Trace::makeLogFileName(std::string& name) const {
     return true;
 }
 
-bool Trace::clearLogFile() {
-    std::string name;
-    if (m_external || !makeLogFileName(name)) return false;
-    return std::remove(name.c_str()) == 0;
-}
-
 void Trace::out(Verbosity level, std::string_view message) {
     if (!wants(level)) return;
     const std::time_t now = std::time(nullptr);
@@ -130,21 +124,6 @@ void Trace::append(std::string& msg, std::string_view text) {
 void Trace::append(std::string& msg, std::u16string_view text) {
     msg += ' ';
     rt::utf16ToUtf8Lenient(text, msg);
-}
-
-void setTraceVerbosity(Trace::Verbosity level) {
-    Trace::instance().setVerbosity(level);
-}
-
-void setTraceFile(const char16_t* name) {
-    if (name != nullptr) Trace::instance().setFileName(name);
-}
-
-void setTraceOn() {
-    Trace::instance().tOn(true);
-}
-void setTraceOff() {
-    Trace::instance().tOn(false);
 }
 
 void setKernelTraceLevel(int level) {

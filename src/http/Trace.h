@@ -20,22 +20,13 @@ public:
     static constexpr size_t MAX_LOG_PATH = 4096;
     static constexpr size_t MAX_MESSAGE = 8192;
 
-    // Empty, polymorphic; kept as a hook for timing helpers.
-    class Timer {
-    public:
-        virtual ~Timer() = default;
-    };
-
     static Trace& instance();
 
     // Null or empty switches the own file off.
     void setFileName(const char16_t* name);
-    const std::u16string& getFileName() const { return m_fileName; }
     // Null clears the path; "-" toggles the echo to standard output instead of
     // setting a path; anything else becomes the directory, ending in "/".
     void setLogPath(const char16_t* path);
-    const std::u16string& getLogPath() const { return m_logPath; }
-    bool echoes() const { return m_echo; }
 
     // Writes to the caller's file from now on (threshold 0, trace on). The
     // caller keeps ownership; null goes back to the own file.
@@ -43,14 +34,7 @@ public:
     std::FILE* getExternFP() const { return m_external ? m_fp : nullptr; }
 
     Verbosity setVerbosity(Verbosity level);  // returns the previous threshold
-    Verbosity getVerbosity() const { return m_verbosity; }
-    bool tOn(bool on);  // returns the previous state
-    bool isOn() const { return m_on; }
-
-    // Path + file name as UTF-8; false when either part is empty.
-    bool makeLogFileName(std::string& name) const;
-    // Deletes the own trace file; an external file is left alone.
-    bool clearLogFile();
+    bool tOn(bool on);                        // returns the previous state
 
     bool wants(Verbosity level) const { return m_on && level >= m_verbosity; }
 
@@ -68,6 +52,8 @@ public:
 
 private:
     Trace();
+    // Path + file name as UTF-8; false when either part is empty.
+    bool makeLogFileName(std::string& name) const;
     static void append(std::string& msg, long long number);
     static void append(std::string& msg, const char* text);
     static void append(std::string& msg, std::string_view text);
@@ -83,12 +69,6 @@ private:
     std::FILE* m_fp = nullptr;
     bool m_external = false;
 };
-
-// Free functions acting on the process-wide trace.
-void setTraceVerbosity(Trace::Verbosity level);
-void setTraceFile(const char16_t* name);  // null is ignored
-void setTraceOn();
-void setTraceOff();
 
 // The process-wide kernel trace level: at 2 and above the connection layer
 // also traces socket and TLS session details.

@@ -2,20 +2,12 @@
 
 #include <new>
 
+#include "http/ParValDictionary.h"
 #include "runtime/textconv.h"
 
 namespace kivreg {
 
 namespace {
-
-bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        const auto lower = [](char16_t c) { return c >= u'A' && c <= u'Z' ? char16_t(c + 32) : c; };
-        if (lower(a[i]) != lower(b[i])) return false;
-    }
-    return true;
-}
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -71,7 +63,10 @@ void URL::setPath(const char16_t* path) {
 
 void URL::setService(const char16_t* service) {
     set(SERVICE, service);
-    m_secure = service != nullptr && equalsIgnoreCase(service, u"https");
+}
+
+bool URL::isSecure() const {
+    return m_parts[SERVICE] && equalsIgnoreCase(*m_parts[SERVICE], u"https");
 }
 
 std::u16string URL::getUrl(bool escaped) const {
@@ -83,12 +78,10 @@ bool URL::setUrl(const char16_t* url) {
     std::u16string_view rest(url);
     for (Part p : {SERVICE, HOST, HPORT, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE})
         m_parts[p].reset();
-    m_secure = false;
 
     std::u16string kept;  // the URL text without user information
     if (const size_t n = schemeLength(rest); n > 0) {
         set(SERVICE, rest.substr(0, n));
-        m_secure = equalsIgnoreCase(rest.substr(0, n), u"https");
         kept.assign(rest.substr(0, n + 1));
         rest.remove_prefix(n + 1);
         if (rest.substr(0, 2) != u"//") {

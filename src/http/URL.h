@@ -26,7 +26,7 @@ public:
 
     const char16_t* getService() const override { return get(SERVICE); }
     void setService(const char16_t* service) override;
-    bool isSecure() const override { return m_secure; }
+    bool isSecure() const override;
 
     const char16_t* getHport() const override { return get(HPORT); }
     int getHport2() const override { return portNumber(HPORT); }
@@ -79,7 +79,6 @@ private:
     int portNumber(Part p) const;
 
     std::u16string m_url;
-    bool m_secure = false;
     std::array<std::optional<std::u16string>, PART_COUNT> m_parts;
 };
 

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <memory>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -124,11 +123,11 @@ struct AddrInfoFree {
 };
 using AddrInfoPtr = std::unique_ptr<addrinfo, AddrInfoFree>;
 
-int resolve(const char* host, const char* service, int flags, AddrInfoPtr& out) {
+int resolve(const char* host, const char* service, AddrInfoPtr& out) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = flags;
+    hints.ai_flags = AI_ADDRCONFIG;
     addrinfo* list = nullptr;
     const int g = getaddrinfo(host, service, &hints, &list);
     out.reset(list);
@@ -156,7 +155,7 @@ int netOpen(const char* host, const char* service, int timeoutMs, int* handle) {
     if (host == nullptr || *host == '\0' || service == nullptr || *service == '\0')
         return NET_ERR_INVALID;
     AddrInfoPtr list;
-    if (const int rc = resolve(host, service, AI_ADDRCONFIG, list); rc != NET_OK) return rc;
+    if (const int rc = resolve(host, service, list); rc != NET_OK) return rc;
     const NetDeadline deadline(timeoutMs);
     int rc = NET_ERR_RESOLVE;
     for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
@@ -222,22 +221,6 @@ int netMyHostName(std::string& name) {
     char buf[256] = {};
     if (gethostname(buf, sizeof buf - 1) != 0) return rcFromErrno(errno);
     name = buf;
-    return NET_OK;
-}
-
-int netHostToAddr(const char* host, std::string& address) {
-    if (host == nullptr || *host == '\0') return NET_ERR_INVALID;
-    AddrInfoPtr list;
-    if (const int rc = resolve(host, nullptr, 0, list); rc != NET_OK) return rc;
-    char text[INET6_ADDRSTRLEN] = {};
-    const addrinfo* ai = list.get();
-    const void* raw = ai->ai_family == AF_INET6
-                          ? static_cast<const void*>(
-                                &reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr)
-                          : static_cast<const void*>(
-                                &reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr);
-    if (inet_ntop(ai->ai_family, raw, text, sizeof text) == nullptr) return rcFromErrno(errno);
-    address = text;
     return NET_OK;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // Plain TCP beneath the HTTP transport: open by host name and service with a
-// connect timeout, timed reads and writes, close, and the host look-ups used
-// for diagnostics. Every function returns a code from runtime/NetRc.h.
+// connect timeout, timed reads and writes, close, and the local host name for
+// the trace. Every function returns a code from runtime/NetRc.h.
 //
 // Timeouts are in milliseconds; a negative value waits without limit. Sockets
 // are non-blocking underneath, so a timeout bounds each call as a whole, and
@@ -35,8 +35,6 @@ int netClose(int handle);
 
 // The local host name.
 int netMyHostName(std::string& name);
-// The first address of a host name, as numeric text ("127.0.0.1", "::1").
-int netHostToAddr(const char* host, std::string& address);
 
 // Milliseconds left until a deadline taken from a monotonic clock; -1 for a
 // deadline of "no limit" and 0 once it has passed.
@@ -44,7 +42,6 @@ class NetDeadline {
 public:
     explicit NetDeadline(int timeoutMs);
     int remainingMs() const;
-    bool unlimited() const { return m_unlimited; }
 
 private:
     bool m_unlimited;
