@@ -76,4 +76,21 @@ private:
     AttrList m_attributes;
 };
 
+// Supplies appendXml and xmlLength from the element's one render template,
+// run into the output string or into an XmlLength counter. Each element
+// instantiates its render for both in CElements.cpp.
+template <typename Elem>
+class CXmlElem : public CBaseElem {
+public:
+    void appendXml(std::u16string& out) const final { self().render(out); }
+    size_t xmlLength() const final {
+        XmlLength n;
+        self().render(n);
+        return n.units;
+    }
+
+private:
+    const Elem& self() const { return static_cast<const Elem&>(*this); }
+};
+
 }  // namespace kivreg

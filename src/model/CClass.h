@@ -9,7 +9,7 @@
 
 namespace kivreg {
 
-class CClass : public CBaseElem {
+class CClass : public CXmlElem<CClass> {
 public:
     using InstList = std::vector<CInst>;
 
@@ -36,8 +36,6 @@ public:
     const InstList& instances() const { return m_instances; }
     InstList& instances() { return m_instances; }
 
-    void appendXml(std::u16string& out) const override;
-    size_t xmlLength() const override;
     // Writes the element into a string or an XmlLength.
     template <typename Out>
     void render(Out& out) const;

@@ -2,10 +2,11 @@
 // values are escaped; names and attribute values go out exactly as they are
 // held, which the receiving side expects.
 
-// Each element's render template is instantiated here, through the
-// appendXml and xmlLength overrides declared with it.
+// Each element's render template is instantiated here for both outputs, the
+// string and the XmlLength counter (see CXmlElem).
 
 #include <algorithm>
+#include <iterator>
 
 #include "model/CClass.h"
 #include "model/CGroup.h"
@@ -50,22 +51,6 @@ void CRef::render(Out& out) const {
 
 // ---- CInst
 
-void CInst::addProperty(CProp&& prop) {
-    auto it = m_properties.find(prop.getName());
-    if (it != m_properties.end())
-        it->second = std::move(prop);
-    else
-        m_properties.emplace(prop.getName(), std::move(prop));
-}
-
-void CInst::addReference(CRef&& ref) {
-    auto it = m_references.find(ref.getRoleName());
-    if (it != m_references.end())
-        it->second = std::move(ref);
-    else
-        m_references.emplace(ref.getRoleName(), std::move(ref));
-}
-
 template <typename Out>
 void CInst::render(Out& out) const {
     out += u"<instance";
@@ -78,40 +63,39 @@ void CInst::render(Out& out) const {
 
 // ---- CClass
 
+namespace {
+
+// Element tag and readable name of each class kind, indexed by its code.
+struct ClassKind {
+    const char16_t* tag;
+    const char16_t* name;
+};
+constexpr ClassKind kClassKinds[] = {
+    {u"class", u"Class"}, {u"rootclass", u"Root class"}, {u"memberclass", u"Member class"}};
+
+static_assert(CClass::TYPE_CLASS == 0 && CClass::TYPE_ROOT_CLASS == 1 &&
+              CClass::TYPE_MEMBER_CLASS == 2);
+
+const ClassKind* classKind(int type) {
+    return type >= 0 && type < static_cast<int>(std::size(kClassKinds)) ? &kClassKinds[type]
+                                                                        : nullptr;
+}
+
+}  // namespace
+
 std::u16string CClass::getType() const {
-    switch (m_type) {
-        case TYPE_CLASS:
-            return u"Class";
-        case TYPE_ROOT_CLASS:
-            return u"Root class";
-        case TYPE_MEMBER_CLASS:
-            return u"Member class";
-        default:
-            return {};
-    }
+    const ClassKind* kind = classKind(m_type);
+    return kind != nullptr ? kind->name : std::u16string();
 }
 
 template <typename Out>
 void CClass::render(Out& out) const {
-    const char16_t* tag = nullptr;
-    switch (m_type) {
-        case TYPE_CLASS:
-            tag = u"class";
-            break;
-        case TYPE_ROOT_CLASS:
-            tag = u"rootclass";
-            break;
-        case TYPE_MEMBER_CLASS:
-            tag = u"memberclass";
-            break;
-        default:
-            break;
-    }
+    const ClassKind* kind = classKind(m_type);
     // A kind outside the three is made visible in the document rather than
     // silently mapped to one of them.
-    if (tag != nullptr) {
+    if (kind != nullptr) {
         out += u'<';
-        out += tag;
+        out += kind->tag;
     } else {
         out += u"INVALID CLASS TYPE";
     }
@@ -119,9 +103,9 @@ void CClass::render(Out& out) const {
     renderAttributes(out);
     out += u'>';
     for (const CInst& inst : m_instances) inst.render(out);
-    if (tag != nullptr) {
+    if (kind != nullptr) {
         out += u"</";
-        out += tag;
+        out += kind->tag;
         out += u'>';
     }
 }
@@ -142,44 +126,17 @@ void CGroup::render(Out& out) const {
     out += u"</group>";
 }
 
-// ---- the two ways of rendering each element
+// ---- the two outputs every element renders into
 
-template <typename Elem>
-size_t measured(const Elem& elem) {
-    XmlLength n;
-    elem.render(n);
-    return n.units;
-}
-
-void CProp::appendXml(std::u16string& out) const {
-    render(out);
-}
-size_t CProp::xmlLength() const {
-    return measured(*this);
-}
-void CRef::appendXml(std::u16string& out) const {
-    render(out);
-}
-size_t CRef::xmlLength() const {
-    return measured(*this);
-}
-void CInst::appendXml(std::u16string& out) const {
-    render(out);
-}
-size_t CInst::xmlLength() const {
-    return measured(*this);
-}
-void CClass::appendXml(std::u16string& out) const {
-    render(out);
-}
-size_t CClass::xmlLength() const {
-    return measured(*this);
-}
-void CGroup::appendXml(std::u16string& out) const {
-    render(out);
-}
-size_t CGroup::xmlLength() const {
-    return measured(*this);
-}
+template void CProp::render(std::u16string&) const;
+template void CProp::render(XmlLength&) const;
+template void CRef::render(std::u16string&) const;
+template void CRef::render(XmlLength&) const;
+template void CInst::render(std::u16string&) const;
+template void CInst::render(XmlLength&) const;
+template void CClass::render(std::u16string&) const;
+template void CClass::render(XmlLength&) const;
+template void CGroup::render(std::u16string&) const;
+template void CGroup::render(XmlLength&) const;
 
 }  // namespace kivreg

@@ -9,7 +9,7 @@
 
 namespace kivreg {
 
-class CGroup : public CBaseElem {
+class CGroup : public CXmlElem<CGroup> {
 public:
     using ClassList = std::vector<CClass>;
 
@@ -31,8 +31,6 @@ public:
     const ClassList& classes() const { return m_classes; }
     ClassList& classes() { return m_classes; }
 
-    void appendXml(std::u16string& out) const override;
-    size_t xmlLength() const override;
     // Writes the element into a string or an XmlLength.
     template <typename Out>
     void render(Out& out) const;

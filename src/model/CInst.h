@@ -11,7 +11,7 @@
 
 namespace kivreg {
 
-class CInst : public CBaseElem {
+class CInst : public CXmlElem<CInst> {
 public:
     using PropMap = std::map<std::u16string, CProp>;
     using RefMap = std::map<std::u16string, CRef>;
@@ -23,12 +23,16 @@ public:
 
     // A property or reference replaces an earlier one of the same name or role.
     void addProperty(const CProp& prop) { m_properties.insert_or_assign(prop.getName(), prop); }
-    void addProperty(CProp&& prop);
+    void addProperty(CProp&& prop) {
+        m_properties.insert_or_assign(prop.getName(), std::move(prop));
+    }
     void addProperty(const CProp* prop) {
         if (prop != nullptr) addProperty(*prop);
     }
     void addReference(const CRef& ref) { m_references.insert_or_assign(ref.getRoleName(), ref); }
-    void addReference(CRef&& ref);
+    void addReference(CRef&& ref) {
+        m_references.insert_or_assign(ref.getRoleName(), std::move(ref));
+    }
     void addReference(const CRef* ref) {
         if (ref != nullptr) addReference(*ref);
     }
@@ -53,8 +57,6 @@ public:
     size_t getValueCount() const { return m_properties.size(); }
     bool hasReference() const { return !m_references.empty(); }
 
-    void appendXml(std::u16string& out) const override;
-    size_t xmlLength() const override;
     // Writes the element into a string or an XmlLength.
     template <typename Out>
     void render(Out& out) const;

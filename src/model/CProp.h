@@ -9,7 +9,7 @@
 
 namespace kivreg {
 
-class CProp : public CBaseElem {
+class CProp : public CXmlElem<CProp> {
 public:
     using ValueList = std::vector<std::u16string>;
 
@@ -33,8 +33,6 @@ public:
     // True when the property has no name; the values do not count.
     bool isEmpty() const { return m_name.empty(); }
 
-    void appendXml(std::u16string& out) const override;
-    size_t xmlLength() const override;
     // Writes the element into a string or an XmlLength.
     template <typename Out>
     void render(Out& out) const;

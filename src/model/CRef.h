@@ -8,7 +8,7 @@
 
 namespace kivreg {
 
-class CRef : public CBaseElem {
+class CRef : public CXmlElem<CRef> {
 public:
     CRef() = default;
     CRef(std::u16string roleName, std::u16string groupName, std::u16string className,
@@ -29,8 +29,6 @@ public:
         return !m_roleName.empty() && !m_className.empty() && !m_instId.empty();
     }
 
-    void appendXml(std::u16string& out) const override;
-    size_t xmlLength() const override;
     // Writes the element into a string or an XmlLength.
     template <typename Out>
     void render(Out& out) const;

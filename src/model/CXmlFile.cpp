@@ -88,23 +88,30 @@ std::string fileNameBytes(const std::u16string& fileName) {
 
 // ---- construction and loading
 
-CXmlFile::CXmlFile(CLog* log) : m_log(log), m_symbols(log) {
+namespace {
+
+// Runs a load, taking any failure that escapes it as a failed load.
+template <typename Load>
+bool loadNoThrow(Load load) {
     try {
-        load();
+        return load();
     } catch (const std::exception&) {
-        m_loaded = false;
+        return false;
     }
-    if (!m_loaded)
-        *m_log << timestamp << u"Failed to load and parse XML input from stdin." << endlog;
 }
+
+void logException(CLog& log, const ERegExcept& e) {
+    log << timestamp << static_cast<int>(e.getExceptionType()) << u": " << e.getExceptionMsg()
+        << endlog;
+}
+
+}  // namespace
+
+CXmlFile::CXmlFile(CLog* log) : CXmlFile(log, std::u16string()) {}
 
 CXmlFile::CXmlFile(CLog* log, const std::u16string& fileName)
     : m_log(log), m_fileName(fileName), m_symbols(log) {
-    try {
-        load();
-    } catch (const std::exception&) {
-        m_loaded = false;
-    }
+    m_loaded = loadNoThrow([&] { return load(); });
     if (m_loaded) return;
     if (m_fileName.empty())
         *m_log << timestamp << u"Failed to load and parse XML input from stdin." << endlog;
@@ -113,11 +120,7 @@ CXmlFile::CXmlFile(CLog* log, const std::u16string& fileName)
 }
 
 CXmlFile::CXmlFile(CLog* log, const std::u16string& data, int) : m_log(log), m_symbols(log) {
-    try {
-        load(data);
-    } catch (const std::exception&) {
-        m_loaded = false;
-    }
+    m_loaded = loadNoThrow([&] { return load(data); });
     if (!m_loaded) *m_log << timestamp << u"Failed to load and parse XML input." << endlog;
 }
 
@@ -130,11 +133,9 @@ std::u16string CXmlFile::getStdin() {
 bool CXmlFile::load() {
     m_loaded = false;
     try {
-        if (m_fileName.empty()) {
-            rt::XmlInputStream in = rt::XmlInputStream::onBytes(readStdinBytes());
-            return loadStream(in);
-        }
-        rt::XmlInputStream in = rt::XmlInputStream::onFile(fileNameBytes(m_fileName));
+        rt::XmlInputStream in = m_fileName.empty()
+                                    ? rt::XmlInputStream::onBytes(readStdinBytes())
+                                    : rt::XmlInputStream::onFile(fileNameBytes(m_fileName));
         if (!in.isOpen()) {
             *m_log << timestamp << u"Failed to create XML input stream." << endlog;
             *m_log << timestamp << u"Check file existence: " << m_fileName << endlog;
@@ -142,8 +143,7 @@ bool CXmlFile::load() {
         }
         return loadStream(in);
     } catch (const ERegExcept& e) {
-        *m_log << timestamp << static_cast<int>(e.getExceptionType()) << u": "
-               << e.getExceptionMsg() << endlog;
+        logException(*m_log, e);
     }
     return m_loaded;
 }
@@ -154,45 +154,41 @@ bool CXmlFile::load(const std::u16string& data) {
         rt::XmlInputStream in = rt::XmlInputStream::onString(CCConv::toUTF8Str(data));
         return loadStream(in);
     } catch (const ERegExcept& e) {
-        *m_log << timestamp << static_cast<int>(e.getExceptionType()) << u": "
-               << e.getExceptionMsg() << endlog;
+        logException(*m_log, e);
     }
     return m_loaded;
 }
 
 bool CXmlFile::loadStream(rt::XmlInputStream& in) {
     rt::XmlParser parser;
-    doLoad(parser, in);
-    return m_loaded;
-}
-
-void CXmlFile::doLoad(rt::XmlParser& parser, rt::XmlInputStream& in) {
     rt::XmlDocument doc;
-    if (parser.parse(in, doc)) {
-        std::u16string errorText;
-        m_loaded = parse(doc, errorText);
-        doc.release();
-#if defined(__GLIBC__)
-        // The freed tree leaves the heap strewn with small free chunks, which
-        // the next large allocation (the body) would otherwise have to sort
-        // through; tidy them up now and hand unused pages back.
-        malloc_trim(0);
-#endif
-        if (!m_loaded) {
-            *m_log << timestamp << errorText << endlog;
-            *m_log << timestamp << u"Failed to parse input data." << endlog;
+    if (!parser.parse(in, doc)) {
+        m_loaded = false;
+        const size_t count = parser.numErrors(rt::XML_SEV_FATAL);
+        for (size_t i = 0; i < count; ++i) {
+            const rt::XmlError& e = parser.getError(i, rt::XML_SEV_FATAL);
+            *m_log << timestamp << u"Parse error on XML file." << endlog;
+            *m_log << timestamp << rt::severityText(e.severity) << u": " << e.reason.c_str()
+                   << endlog;
+            *m_log << timestamp << u" entity=" << e.entity.c_str() << endlog;
+            *m_log << timestamp << u" in line " << e.line << u", " << e.column << endlog;
         }
-        return;
+        return false;
     }
-    m_loaded = false;
-    const size_t count = parser.numErrors(rt::XML_SEV_FATAL);
-    for (size_t i = 0; i < count; ++i) {
-        const rt::XmlError& e = parser.getError(i, rt::XML_SEV_FATAL);
-        *m_log << timestamp << u"Parse error on XML file." << endlog;
-        *m_log << timestamp << rt::severityText(e.severity) << u": " << e.reason.c_str() << endlog;
-        *m_log << timestamp << u" entity=" << e.entity.c_str() << endlog;
-        *m_log << timestamp << u" in line " << e.line << u", " << e.column << endlog;
+    std::u16string errorText;
+    m_loaded = parse(doc, errorText);
+    doc.release();
+#if defined(__GLIBC__)
+    // The freed tree leaves the heap strewn with small free chunks, which
+    // the next large allocation (the body) would otherwise have to sort
+    // through; tidy them up now and hand unused pages back.
+    malloc_trim(0);
+#endif
+    if (!m_loaded) {
+        *m_log << timestamp << errorText << endlog;
+        *m_log << timestamp << u"Failed to parse input data." << endlog;
     }
+    return m_loaded;
 }
 
 // ---- building the model
@@ -368,13 +364,16 @@ void CXmlFile::replaceSymbols() {
          {&m_supplierName, &m_supplierVendor, &m_supplierVersion, &m_modelVersion})
         sym.replaceSymbolsInPlace(*s);
 
-    // A default that holds a placeholder becomes an explicit value.
+    // A text is copied only when it holds a placeholder, and handed back only
+    // when that changed it; so a default that holds one becomes a value.
+    auto replaceCopy = [&](const std::u16string& text, auto set) {
+        if (text.find(PSymbols::symbol_start) == std::u16string::npos) return;
+        std::u16string v = text;
+        if (sym.replaceSymbolsInPlace(v)) set(std::move(v));
+    };
     auto replaceAttributes = [&](CBaseElem& elem) {
-        for (CAttr& a : elem.attributes()) {
-            if (a.getValue().find(PSymbols::symbol_start) == std::u16string::npos) continue;
-            std::u16string v = a.getValue();
-            if (sym.replaceSymbolsInPlace(v)) a.setValue(std::move(v));
-        }
+        for (CAttr& a : elem.attributes())
+            replaceCopy(a.getValue(), [&](std::u16string v) { a.setValue(std::move(v)); });
     };
     for (CGroup& g : m_groups) {
         replaceAttributes(g);
@@ -382,12 +381,8 @@ void CXmlFile::replaceSymbols() {
             replaceAttributes(c);
             for (CInst& inst : c.instances()) {
                 for (auto& [name, prop] : inst.properties()) {
-                    if (!prop.getSourceformat().empty() &&
-                        prop.getSourceformat().find(PSymbols::symbol_start) !=
-                            std::u16string::npos) {
-                        std::u16string f = prop.getSourceformat();
-                        if (sym.replaceSymbolsInPlace(f)) prop.setSourceformat(std::move(f));
-                    }
+                    replaceCopy(prop.getSourceformat(),
+                                [&](std::u16string v) { prop.setSourceformat(std::move(v)); });
                     for (auto v = prop.getValueChangeIterator(); v != prop.getValueChangeEnd(); ++v)
                         sym.replaceSymbolsInPlace(*v);
                 }

@@ -19,7 +19,6 @@ namespace rt {
 class XmlDocument;
 class XmlElement;
 class XmlInputStream;
-class XmlParser;
 }  // namespace rt
 
 class CXmlFile {
@@ -120,7 +119,6 @@ public:
 
 private:
     bool loadStream(rt::XmlInputStream& in);
-    void doLoad(rt::XmlParser& parser, rt::XmlInputStream& in);
     bool parse(rt::XmlDocument& doc, std::u16string& errorText);
     bool processGroup(const rt::XmlElement& elem, CGroup& group);
     bool processClass(const rt::XmlElement& elem, int type, CClass& cls);

@@ -19,17 +19,6 @@ const std::u16string& CXmlFile::getBody() {
     return m_body;
 }
 
-namespace {
-
-void renderGroup(const CGroup& g, std::u16string& out) {
-    g.appendXml(out);
-}
-void renderGroup(const CGroup& g, XmlLength& out) {
-    out.units += g.xmlLength();
-}
-
-}  // namespace
-
 template <typename Out>
 void CXmlFile::renderBody(Out& out) const {
     putAttribute(out, u"<kivinfo supplier_name=\"", m_supplierName);
@@ -37,7 +26,7 @@ void CXmlFile::renderBody(Out& out) const {
     putAttributeIfSet(out, u" supplier_vendor=\"", m_supplierVendor);
     putAttributeIfSet(out, u" model_version=\"", m_modelVersion);
     out += u'>';
-    for (const CGroup& g : m_groups) renderGroup(g, out);
+    for (const CGroup& g : m_groups) g.render(out);
     out += u"</kivinfo>";
 }
 

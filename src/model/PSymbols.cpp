@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cwctype>
 #include <memory>
 #include <new>
 
+#include "api/CPArgs.h"
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
@@ -160,7 +160,7 @@ void PSymbols::trimTrailingBlanks(char16_t* s) {
 }
 
 char16_t PSymbols::convertToLower(char16_t c) {
-    return static_cast<char16_t>(std::towlower(static_cast<wint_t>(c)));
+    return CPArgs::convertToLower(c);
 }
 
 void PSymbols::printSymbols() const {

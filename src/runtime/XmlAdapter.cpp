@@ -60,6 +60,22 @@ private:
     void* m_context;
 };
 
+// True when a name written with this namespace (its prefix, if any) and this
+// local part reads exactly as qname.
+bool sameQName(const xmlNs* ns, const xmlChar* name, std::string_view qname) {
+    std::string_view local = cs(name);
+    if (ns == nullptr || ns->prefix == nullptr) return local == qname;
+    std::string_view prefix = cs(ns->prefix);
+    return qname.size() == prefix.size() + 1 + local.size() && qname.starts_with(prefix) &&
+           qname[prefix.size()] == ':' && qname.ends_with(local);
+}
+
+// The first element node from node on.
+XmlElement elementFrom(xmlNode* node) {
+    while (node != nullptr && node->type != XML_ELEMENT_NODE) node = node->next;
+    return XmlElement(node);
+}
+
 void appendText(const xmlNode* node, std::string& out) {
     for (const xmlNode* c = node->children; c != nullptr; c = c->next) {
         switch (c->type) {
@@ -150,44 +166,22 @@ std::string XmlElement::name() const {
 }
 
 bool XmlElement::is(std::string_view qname) const {
-    if (m_node == nullptr || m_node->name == nullptr) return false;
-    std::string_view local = cs(m_node->name);
-    if (m_node->ns != nullptr && m_node->ns->prefix != nullptr) {
-        std::string_view prefix = cs(m_node->ns->prefix);
-        return qname.size() == prefix.size() + 1 + local.size() && qname.starts_with(prefix) &&
-               qname[prefix.size()] == ':' && qname.ends_with(local);
-    }
-    return local == qname;
+    return m_node != nullptr && m_node->name != nullptr &&
+           sameQName(m_node->ns, m_node->name, qname);
 }
 
 XmlElement XmlElement::firstChild() const {
-    if (m_node == nullptr) return {};
-    xmlNode* c = m_node->children;
-    while (c != nullptr && c->type != XML_ELEMENT_NODE) c = c->next;
-    return XmlElement(c);
+    return m_node != nullptr ? elementFrom(m_node->children) : XmlElement();
 }
 
 XmlElement XmlElement::nextSibling() const {
-    if (m_node == nullptr) return {};
-    xmlNode* c = m_node->next;
-    while (c != nullptr && c->type != XML_ELEMENT_NODE) c = c->next;
-    return XmlElement(c);
+    return m_node != nullptr ? elementFrom(m_node->next) : XmlElement();
 }
 
 std::string XmlElement::attribute(std::string_view name) const {
     if (m_node == nullptr) return {};
     for (const xmlAttr* a = m_node->properties; a != nullptr; a = a->next) {
-        if (a->name == nullptr) continue;
-        std::string_view local = cs(a->name);
-        bool match;
-        if (a->ns != nullptr && a->ns->prefix != nullptr) {
-            std::string_view prefix = cs(a->ns->prefix);
-            match = name.size() == prefix.size() + 1 + local.size() && name.starts_with(prefix) &&
-                    name[prefix.size()] == ':' && name.ends_with(local);
-        } else {
-            match = local == name;
-        }
-        if (!match) continue;
+        if (a->name == nullptr || !sameQName(a->ns, a->name, name)) continue;
         std::string value;
         for (const xmlNode* c = a->children; c != nullptr; c = c->next)
             if (c->type == XML_TEXT_NODE && c->content != nullptr) value += cs(c->content);
