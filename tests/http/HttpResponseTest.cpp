@@ -15,6 +15,7 @@ namespace {
 using namespace rt;
 constexpr int NO_STATUS = -1;
 
+// A constructor, not defaults: rows name only the leading fields.
 struct Answer {
     Answer(int s = 0, int h = 0, int c = NO_STATUS, std::string b = {}, int br = 0,
            std::string e = {}, std::string f = {})
@@ -69,16 +70,12 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
          "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n"
          "6 \r\n world\r\n0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n",
          {0, 0, 201, "hello world", 0, "name=val", "X-Status: 201\r\nX-Other: y"}},
-        {"one 100-Continue", cont + ok + "Content-Length: 2\r\n\r\nok", {1, 0, 200, "ok"}},
         {"two 100-Continue",
          cont + "HTTP/1.1 100 Continue\r\nX: 1\r\n\r\n" + ok + "\r\n",
          {2, 0, 200, ""}},
-        {"bare LF header", "HTTP/1.1 200 OK\nContent-Length: 2\n\nok", {0, 0, 200, "ok"}},
         {"bare LF header, CR LF in the body",
          "HTTP/1.1 200 OK\nContent-Length: 6\n\n\r\n\r\nab",
          {0, 0, 200, "\r\n\r\nab"}},
-        {"201", "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n", {0, 0, 201, ""}},
-        {"unknown status", "HTTP/1.1 299 Odd\r\n\r\n", {0, 0, 100, ""}},
         {"length and chunked: chunked wins",
          ok + "Content-Length: 100\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
          {0, 0, 200, "abc"}},
@@ -135,12 +132,13 @@ TEST(IPConnection, TimeoutsAreClampedToOneToFifteenMinutes) {
     };
     IPConnection c;
     for (const auto& k : cases) {
-        EXPECT_EQ(c.setTimeOutConn(k.seconds), k.returned) << k.seconds;
-        EXPECT_EQ(c.setTimeOutSend(k.seconds), k.returned) << k.seconds;
-        EXPECT_EQ(c.setTimeOutRead(k.seconds), k.returned) << k.seconds;
-        EXPECT_EQ(c.getTimeOutConn(), k.stored) << k.seconds;
-        EXPECT_EQ(c.getTimeOutSend(), k.stored) << k.seconds;
-        EXPECT_EQ(c.getTimeOutRead(), k.stored) << k.seconds;
+        const int s = k.seconds, r = k.returned;
+        EXPECT_EQ(std::tuple(c.setTimeOutConn(s), c.setTimeOutSend(s), c.setTimeOutRead(s)),
+                  std::tuple(r, r, r))
+            << s;
+        EXPECT_EQ(std::tuple(c.getTimeOutConn(), c.getTimeOutSend(), c.getTimeOutRead()),
+                  std::tuple(k.stored, k.stored, k.stored))
+            << s;
     }
 }
 

@@ -65,13 +65,6 @@ std::string Peer::readRequest() {
     return got;
 }
 
-std::string Peer::readUntilClosed() {
-    std::string got;
-    while (readSome(got, kServerWaitMs)) {
-    }
-    return got;
-}
-
 bool Peer::send(std::string_view bytes) {
     while (!bytes.empty()) {
         const long n = m_ssl != nullptr
@@ -169,8 +162,7 @@ std::string testCert(const std::string& name) {
         if (std::system(cmd.c_str()) != 0) throw std::runtime_error("make_test_certs.sh failed");
         return true;
     }();
-    (void)made;
-    return (dir / name).string();
+    return made ? (dir / name).string() : std::string();
 }
 
 }  // namespace kivreg::test

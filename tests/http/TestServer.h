@@ -26,8 +26,8 @@ class TestServer;
 // The server side of the accepted connection.
 class Peer {
 public:
-    std::string readRequest();  // the header and as many body bytes as its Content-Length says
-    std::string readUntilClosed();
+    // The header and as many body bytes as its Content-Length says (less when the client stops).
+    std::string readRequest();
     bool send(std::string_view bytes);  // false when the client has gone
     void abort();                       // closes with a reset instead of an orderly close
 
