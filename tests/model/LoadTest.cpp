@@ -22,20 +22,27 @@ using Lines = std::vector<std::string>;
 // Surrogate: a lone surrogate opens the first attribute value; StdinByName: an empty file name.
 enum class From { Text, Surrogate, File, Stdin, StdinByName, Missing, Directory };
 
+// The four lines a fatal parse error is logged in.
+Lines parseError(const std::string& reason, const std::string& where, const char* entity = "") {
+    return {"Parse error on XML file.", "Fatal Error: " + reason, std::string(" entity=") + entity,
+            " in line " + where};
+}
+
+Lines operator+(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 TEST(CXmlFileLoad, MessagesAndResult) {
     const Lines header = {"Parsing XML document.", "Supplier Name: S",
                           "Supplier Version: ", "Supplier Vendor: ", "CIM Model Version: "};
-    const auto withHeader = [&](Lines tail) {
-        tail.insert(tail.begin(), header.begin(), header.end());
-        return tail;
-    };
     const Lines refused = {"Failed to parse input data.", "Failed to load and parse XML input."};
-    const auto root = [&](const std::string& why) {
-        return Lines{"Parsing XML document.", why, refused[0], refused[1]};
-    };
+    const Lines noText = {refused[1]}, noStdin = {"Failed to load and parse XML input from stdin."};
+    const Lines noFile = {"Failed to load and parse XML input file: @"};  // "@": the file name
+    const Lines noStream = {"Failed to create XML input stream.", "Check file existence: @"};
+    const auto root = [&](const std::string& why) { return Lines{header[0], why} + refused; };
     Lines munich = header;
     munich[1] = "Supplier Name: M\xC3\xBCnchen";
-    const std::string noInput = "Failed to load and parse XML input file: @";  // "@": the file name
     struct Case {
         const char* what;
         From from;
@@ -53,51 +60,26 @@ TEST(CXmlFileLoad, MessagesAndResult) {
          root("Supplier name attribute value missing in root element.")},
         {"group without name after a good one", From::Text,
          "<kivinfo supplier_name='S'><group name='A'/><group name=''/><group name='C'/></kivinfo>",
-         withHeader({"Group name attribut not specified.", "", refused[0], refused[1]}), 1},
+         header + Lines{"Group name attribut not specified.", ""} + refused, 1},
         {"class without name drops its group", From::Text,
          "<kivinfo supplier_name='S'><group name='A'/><group name='B'><class "
          "name='ok'/><memberclass/></group></kivinfo>",
-         withHeader({"Class attribute name not set.", "", refused[0], refused[1]}), 1},
-        {"malformed",
-         From::Text,
-         "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
-         {"Parse error on XML file.",
-          "Fatal Error: Opening and ending tag mismatch: group line 2 and kivinfo",
-          " entity=", " in line 3, 11", "Parse error on XML file.",
-          "Fatal Error: Premature end of data in tag kivinfo line 1", " entity=", " in line 3, 11",
-          refused[1]}},
-        {"empty text",
-         From::Text,
-         "",
-         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1",
-          refused[1]}},
-        {"text that is not Unicode",
-         From::Surrogate,
-         "<kivinfo supplier_name=''/>",
-         {"4: CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. RC=7", refused[1]}},
-        {"parse error in a file names the file",
-         From::File,
+         header + Lines{"Class attribute name not set.", ""} + refused, 1},
+        {"malformed", From::Text, "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
+         parseError("Opening and ending tag mismatch: group line 2 and kivinfo", "3, 11") +
+             parseError("Premature end of data in tag kivinfo line 1", "3, 11") + noText},
+        {"empty text", From::Text, "", parseError("Document is empty", "1, 1") + noText},
+        {"text that is not Unicode", From::Surrogate, "<kivinfo supplier_name=''/>",
+         Lines{"4: CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. RC=7"} + noText},
+        {"parse error in a file names the file", From::File,
          "<kivinfo supplier_name='S'>\n<group name='a' name='b'/></kivinfo>",
-         {"Parse error on XML file.", "Fatal Error: Attribute name redefined", " entity=@",
-          " in line 2, 25", noInput}},
-        {"missing file",
-         From::Missing,
-         "",
-         {"Failed to create XML input stream.", "Check file existence: @", noInput}},
-        {"directory",
-         From::Directory,
-         "",
-         {"Failed to create XML input stream.", "Check file existence: @", noInput}},
-        {"stdin: the doubled last character is extra content",
-         From::StdinByName,
+         parseError("Attribute name redefined", "2, 25", "@") + noFile},
+        {"missing file", From::Missing, "", noStream + noFile},
+        {"directory", From::Directory, "", noStream + noFile},
+        {"stdin: the doubled last character is extra content", From::StdinByName,
          "<kivinfo supplier_name='S'/>",
-         {"Parse error on XML file.", "Fatal Error: Extra content at the end of the document",
-          " entity=", " in line 1, 29", "Failed to load and parse XML input from stdin."}},
-        {"stdin: empty",
-         From::Stdin,
-         "",
-         {"Parse error on XML file.", "Fatal Error: Document is empty", " entity=", " in line 1, 1",
-          "Failed to load and parse XML input from stdin."}},
+         parseError("Extra content at the end of the document", "1, 29") + noStdin},
+        {"stdin: empty", From::Stdin, "", parseError("Document is empty", "1, 1") + noStdin},
         {"stdin ending in a line end", From::Stdin,
          "<kivinfo supplier_name='S'><group name='G'/></kivinfo>\n", header, 1, true},
         {"a text is Unicode whatever it declares", From::Text,
@@ -136,31 +118,23 @@ TEST(CXmlFileLoad, MessagesAndResult) {
 }
 
 TEST(CXmlFileLoad, StdinRepeatsItsLastCharacter) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"abc", "abcc"},
-        {"x\xC3\xBC", "x\xC3\xBC\xC3\xBC"},  // a whole character, not its last byte
+    // A whole character is repeated, never just its last byte.
+    const std::pair<std::string, std::string> stdinCases[] = {
+        {"x\xC3\xBC", "x\xC3\xBC\xC3\xBC"},
         {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80\xF0\x9F\x98\x80"},
         {"", ""},
     };
-    for (const auto& [in, out] : cases) {
-        SCOPED_TRACE(in);
+    for (const auto& [in, out] : stdinCases) {
         test::StdinFrom redirect(in);
-        EXPECT_EQ(u8(CXmlFile::getStdin()), out);
+        EXPECT_EQ(u8(CXmlFile::getStdin()), out) << in;
     }
 }
 
 TEST(CXmlFileLoad, ValueTextIsNormalised) {
-    const std::pair<std::u16string, std::u16string> cases[] = {
-        {u"  a\r\n\tb  ", u"a b"},
-        {u"\t", u""},
-        {u"one  two\tthree", u"one two three"},
-        {u"line\nbreak", u"linebreak"},
-        {u"\u00E9t\u00E9", u"\u00E9t\u00E9"},
-    };
-    for (const auto& [in, out] : cases) {
-        SCOPED_TRACE(u8(in));
-        EXPECT_EQ(CXmlFile::trimValue(in), out);
-    }
+    // Line breaks go without a trace, tabs become blanks, blank runs one blank.
+    const std::pair<std::u16string, std::u16string> valueCases[] = {
+        {u"  a\r\n\tb  ", u"a b"}, {u"line\nbreak", u"linebreak"}, {u"\t", u""}};
+    for (const auto& [in, out] : valueCases) EXPECT_EQ(CXmlFile::trimValue(in), out) << u8(in);
 }
 
 std::string inValue(const std::string& text) {
@@ -214,8 +188,6 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
         {"entity bomb in an attribute", billionLaughs(true),
          "Fatal Error: Detected an entity reference loop"},
         {"nesting 10000 deep", "<kivinfo supplier_name='S'>" + deep + "</kivinfo>",
-         "Fatal Error: Excessive depth in document: 256"},
-        {"nesting 10000 deep in a value", inValue(deep),
          "Fatal Error: Excessive depth in document: 256"},
         {"malformed UTF-8 in a file",
          "<kivinfo supplier_name='S'>\n  <group name='a\xC3\x28'/>\n</kivinfo>\n",

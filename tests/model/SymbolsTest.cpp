@@ -31,9 +31,8 @@ TEST(PSymbols, LineRules) {
         Lines messages;
     };
     const Case cases[] = {
-        {u"  host  =   abc  \r\n", 1, {{u"host", u"abc"}}, {}},
+        {u" \t host \t=\t v w \t\r\n", 1, {{u"host", u"v w"}}, {}},
         {u"a=b=c", 1, {{u"a", u"b=c"}}, {}},
-        {u"\tname\t=\tv w\t\n", 1, {{u"name", u"v w"}}, {}},
         {u"=value", 1, {{u"", u"value"}}, {}},
         {u"empty=", 1, {{u"empty", u""}}, {}},
         {u"#x=1", 1, {}, {}},
@@ -41,7 +40,6 @@ TEST(PSymbols, LineRules) {
         {u" \t \r\n", 1, {}, {}},
         {u" #comment", -2, {}, {"Syntax error in symbol line: \" #comment\"."}},
         {u"novalue\n", -2, {}, {"Syntax error in symbol line: \"novalue\"."}},
-        {u" bad line \t\r\n", -2, {}, {"Syntax error in symbol line: \" bad line\"."}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(u8(c.line));
@@ -56,38 +54,36 @@ TEST(PSymbols, LineRules) {
 TEST(PSymbols, Files) {
     test::TempDir dir;
     const std::string path = (dir / "s.properties").string();
-    const std::string longName(65530,
-                               'n');  // 65535 units make one piece; the rest is a line of its own
+    // 65535 units make one piece; the rest is a line of its own.
+    const std::string longName(65530, 'n');
     struct Case {
         const char* what;
         std::optional<std::string> content;  // none: no file
         int rc;
-        Defined defined;
-        Lines messages;
+        Defined defined = {};
+        std::string message = "";  // the one logged, if any
     };
     const Case cases[] = {
-        {"missing", std::nullopt, -10, {}, {"Failed to open symbol file \"" + path + "\"."}},
-        {"empty file", "", 1, {}, {}},
+        {"missing", std::nullopt, -10, {}, "Failed to open symbol file \"" + path + "\"."},
+        {"empty file", "", 1},
         {"definitions, comments, CRLF",
          "# c\r\na = 1\r\n\r\nb=\xC3\xA4\n",
          1,
-         {{u"a", u"1"}, {u"b", u"\u00E4"}},
-         {}},
+         {{u"a", u"1"}, {u"b", u"\u00E4"}}},
         {"syntax error stops reading",
          "a=1\noops\nb=2\n",
          -2,
          {{u"a", u"1"}},
-         {"Syntax error in symbol line: \"oops\"."}},
+         "Syntax error in symbol line: \"oops\"."},
         {"malformed UTF-8 is a read error",
          "a=1\nb=2\nc=\xFF\nd=4\n",
          -11,
          {{u"a", u"1"}, {u"b", u"2"}},
-         {"Read error in symbol file \"" + path + "\", line 2."}},
+         "Read error in symbol file \"" + path + "\", line 2."},
         {"overlong lines are read in pieces",
          longName + "=abcdetail=1\nnext=2\n",
          1,
-         {{u16(longName), u"abcd"}, {u"etail", u"1"}, {u"next", u"2"}},
-         {}},
+         {{u16(longName), u"abcd"}, {u"etail", u"1"}, {u"next", u"2"}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -98,7 +94,7 @@ TEST(PSymbols, Files) {
         EXPECT_EQ(PSymbols::checkSymbolFile(u16(path)), c.content.has_value());
         EXPECT_EQ(s.addSymbols(u16(path)), c.rc);
         expectDefined(s, c.defined);
-        EXPECT_EQ(cap.messages(), c.messages);
+        EXPECT_EQ(cap.messages(), c.message.empty() ? Lines{} : Lines{c.message});
     }
 }
 
