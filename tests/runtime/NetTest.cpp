@@ -164,18 +164,26 @@ TEST(Tls, HandshakeWithAServerThatNeverSpeaksTimesOut) {
 
 TEST(NetAndTls, WritingToAPeerThatHasGoneIsAnErrorNotASignal) {
     const std::string big(16u << 20, 'x');
+    // The server resets the connection only after the client has spoken: a
+    // reset that overtook the connect would make the open itself fail.
+    const auto resetAfterHello = [](Peer& p) {
+        p.readRequest();
+        p.abort();
+    };
     size_t n = 0;
     {
-        TestServer server([](Peer& p) { p.abort(); });
+        TestServer server(resetAfterHello);
         int fd = -1;
         ASSERT_EQ(netOpen("127.0.0.1", server.port().c_str(), kLongMs, &fd), NET_OK);
+        ASSERT_EQ(netWrite(fd, "\r\n\r\n", 4, kLongMs, &n), NET_OK);
         server.join();
         EXPECT_EQ(netWrite(fd, big.data(), big.size(), kLongMs, &n), NET_ERR_CLOSED);
         netClose(fd);
     }
-    TestServer server([](Peer& p) { p.abort(); }, serverWith("server"));
+    TestServer server(resetAfterHello, serverWith("server"));
     Client c;
     ASSERT_EQ(c.connect(server, "localhost"), NET_OK) << c.reason;
+    ASSERT_EQ(tlsWrite(*c.session, "\r\n\r\n", 4, kLongMs, &n), NET_OK);
     server.join();
     EXPECT_EQ(tlsWrite(*c.session, big.data(), big.size(), kLongMs, &n), NET_ERR_CLOSED);
 }
