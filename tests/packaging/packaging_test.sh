@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# packaging_test.sh Consumer|Docs|Units: checks what an installed kivreg offers.
+# Environment (set by CTest): KIVREG_SOURCE_DIR, KIVREG_BINARY_DIR, KIVREG_CC,
+# KIVREG_CONSUMER_CFLAGS, KIVREG_GENERATOR. Exit 77 means skipped.
+set -euo pipefail
+src=$KIVREG_SOURCE_DIR
+bin=$KIVREG_BINARY_DIR
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# The options `kivreg -help` and `kivreg --help` list, one per line.
+program_options() {
+    {
+        "$bin/kivreg" -help
+        "$bin/kivreg" --help </dev/null 2>/dev/null || true
+    } | sed -nE 's/^\[?(--?[a-z][a-z-]*).*/\1/p' | sort -u
+}
+
+# Installs into a fresh prefix and builds and runs a C program against it, once
+# through the CMake package and once through pkg-config.
+consumer() {
+    local prefix=$tmp/prefix
+    cmake --install "$bin" --prefix "$prefix" >/dev/null
+
+    cmake -S "$src/tests/packaging/consumer" -B "$tmp/cmake" -G "$KIVREG_GENERATOR" \
+        -DCMAKE_C_COMPILER="$KIVREG_CC" -DCMAKE_C_FLAGS="$KIVREG_CONSUMER_CFLAGS" \
+        -DCMAKE_PREFIX_PATH="$prefix" >"$tmp/cmake.log" || { cat "$tmp/cmake.log"; fail "find_package"; }
+    grep -q "^kivreg_DIR:PATH=$prefix/" "$tmp/cmake/CMakeCache.txt" ||
+        fail "find_package did not take the package from $prefix"
+    cmake --build "$tmp/cmake" >"$tmp/build.log" || { cat "$tmp/build.log"; fail "CMake build"; }
+    "$tmp/cmake/consumer" "$tmp/connect-cmake" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "CMake consumer"; }
+
+    local pc
+    pc=$(dirname "$(find "$prefix" -name kivreg.pc)")
+    export PKG_CONFIG_PATH=$pc
+    [[ $(pkg-config --variable=prefix kivreg) == "$prefix" ]] ||
+        fail "kivreg.pc names prefix $(pkg-config --variable=prefix kivreg), not $prefix"
+    # shellcheck disable=SC2046,SC2086
+    "$KIVREG_CC" -std=c11 $KIVREG_CONSUMER_CFLAGS "$src/tests/packaging/consumer/consumer.c" \
+        -o "$tmp/consumer-pc" $(pkg-config --cflags --libs kivreg) \
+        -Wl,-rpath,"$(pkg-config --variable=libdir kivreg)"
+    "$tmp/consumer-pc" "$tmp/connect-pc" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "pkg-config consumer"; }
+}
+
+# The man pages render without a warning, and they and the completion offer
+# every option the program has; the completion offers no other.
+docs() {
+    local page warnings
+    for page in "$src"/doc/kivreg.1 "$src"/doc/kivreg.3; do
+        warnings=$(groff -man -ww -z "$page" 2>&1) || fail "groff failed on $page"
+        [[ -z $warnings ]] || fail "$page: $warnings"
+    done
+
+    program_options >"$tmp/program"
+    grep -oE '(\\-)+[a-z]+(\\-[a-z]+)*' "$src/doc/kivreg.1" | sed 's/\\-/-/g' | sort -u >"$tmp/man"
+    local missing
+    missing=$(comm -23 "$tmp/program" "$tmp/man")
+    [[ -z $missing ]] || fail "kivreg.1 lacks:" $missing
+
+    # shellcheck disable=SC1091
+    source /usr/share/bash-completion/bash_completion
+    # shellcheck disable=SC1091
+    source "$src/completion/kivreg"
+    complete_words() {
+        COMP_WORDS=(kivreg "$@")
+        COMP_CWORD=$#
+        COMP_LINE="kivreg $*"
+        COMP_POINT=${#COMP_LINE}
+        COMPREPLY=()
+        _kivreg kivreg "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
+        printf '%s\n' "${COMPREPLY[@]}" | sort -u
+    }
+    [[ $(complete_words -) == "$(cat "$tmp/program")" ]] ||
+        fail "completion offers other options:" $(complete_words - | diff - "$tmp/program" | grep '^[<>]')
+    touch "$tmp/doc.xml"
+    local opt
+    for opt in -file -connectfile -symbolfile -configure -showconnect -logfile; do
+        [[ $(complete_words "$opt" "$tmp/do") == "$tmp/doc.xml" ]] || fail "no file name after $opt"
+    done
+}
+
+# systemd accepts the example units. ExecStart must name an existing program,
+# so they are checked with the built kivreg in its place.
+units() {
+    command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing"; exit 77; }
+    sed "s#^ExecStart=/usr/bin/kivreg#ExecStart=$bin/kivreg#" \
+        "$src/examples/systemd/kivreg-register.service" >"$tmp/kivreg-register.service"
+    cp "$src/examples/systemd/kivreg-register.timer" "$tmp/"
+    local out
+    out=$(cd "$tmp" && systemd-analyze verify --man=no kivreg-register.service kivreg-register.timer 2>&1) ||
+        fail "systemd-analyze: $out"
+    [[ -z $out ]] || fail "systemd-analyze: $out"
+}
+
+case ${1:-} in
+    Consumer) consumer ;;
+    Docs) docs ;;
+    Units) units ;;
+    *) fail "usage: $0 Consumer|Docs|Units" ;;
+esac
