@@ -84,7 +84,7 @@ int transfer(ApiState& s, const ConnectData& c) {
     if (s.gpSymbols) {
         doc.setSymbols(*s.gpSymbols);
         s.gpSymbols->printSymbols();
-        doc.replaceSymbols();
+        if (!doc.replaceSymbols()) return -1;
         dataTrace(s);  // the document once more, after substitution
     }
     const int connectTimeout = timeoutOf(s.gArgs, CMDARG_CONNECT_TIMEOUT);

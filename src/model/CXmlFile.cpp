@@ -356,39 +356,75 @@ bool CXmlFile::hasGroupOfType(const std::u16string& type) const {
 
 // ---- symbols
 
-void CXmlFile::replaceSymbols() {
+bool CXmlFile::replaceSymbols() {
     *m_log << timestamp << u"Replacing symbols in XML document." << endlog;
-    if (m_symbols.getSymbolCount() == 0) return;
+    if (m_symbols.getSymbolCount() == 0) return true;
     const PSymbols& sym = m_symbols;
-    for (std::u16string* s :
-         {&m_supplierName, &m_supplierVendor, &m_supplierVersion, &m_modelVersion})
-        sym.replaceSymbolsInPlace(*s);
+    PSymbols::Budget budget;
+    // Names the text a bound stopped in; the location is built only then.
+    auto stopped = [&](auto&& where) {
+        if (budget.stopped == PSymbols::Budget::Stop::None) return false;
+        *m_log << timestamp << u"Symbol substitution stopped: ";
+        if (budget.stopped == PSymbols::Budget::Stop::Text) {
+            *m_log << u"a text would exceed " << PSymbols::MAX_TEXT_UNITS;
+        } else {
+            *m_log << u"the document would grow by more than " << PSymbols::MAX_DOCUMENT_GROWTH;
+        }
+        *m_log << u" units in " << where() << u"." << endlog;
+        return true;
+    };
+    const std::pair<std::u16string*, std::string_view> header[] = {
+        {&m_supplierName, ms_attrSupplierName},
+        {&m_supplierVendor, ms_attrSupplierVendor},
+        {&m_supplierVersion, ms_attrSupplierVersion},
+        {&m_modelVersion, ms_attrModelVersion}};
+    for (const auto& [text, name] : header) {
+        sym.replaceSymbolsInPlace(*text, budget);
+        if (stopped([&] { return u"the supplier header, " + CCConv::fromUTF8Str(name); }))
+            return false;
+    }
 
     // A text is copied only when it holds a placeholder, and handed back only
     // when that changed it; so a default that holds one becomes a value.
     auto replaceCopy = [&](const std::u16string& text, auto set) {
         if (text.find(PSymbols::symbol_start) == std::u16string::npos) return;
         std::u16string v = text;
-        if (sym.replaceSymbolsInPlace(v)) set(std::move(v));
+        if (sym.replaceSymbolsInPlace(v, budget)) set(std::move(v));
     };
-    auto replaceAttributes = [&](CBaseElem& elem) {
-        for (CAttr& a : elem.attributes())
+    auto quoted = [](const std::u16string& s) { return u"\"" + s + u"\""; };
+    auto replaceAttributes = [&](CBaseElem& elem, const std::u16string& owner) {
+        for (CAttr& a : elem.attributes()) {
             replaceCopy(a.getValue(), [&](std::u16string v) { a.setValue(std::move(v)); });
+            if (stopped([&] { return owner + u", attribute " + quoted(a.getName()); }))
+                return false;
+        }
+        return true;
     };
     for (CGroup& g : m_groups) {
-        replaceAttributes(g);
+        const std::u16string group = u"group " + quoted(g.getName());
+        if (!replaceAttributes(g, group)) return false;
         for (CClass& c : g.classes()) {
-            replaceAttributes(c);
+            const std::u16string cls = group + u", class " + quoted(c.getName());
+            if (!replaceAttributes(c, cls)) return false;
             for (CInst& inst : c.instances()) {
                 for (auto& [name, prop] : inst.properties()) {
                     replaceCopy(prop.getSourceformat(),
                                 [&](std::u16string v) { prop.setSourceformat(std::move(v)); });
-                    for (auto v = prop.getValueChangeIterator(); v != prop.getValueChangeEnd(); ++v)
-                        sym.replaceSymbolsInPlace(*v);
+                    for (auto v = prop.getValueChangeIterator();
+                         v != prop.getValueChangeEnd() &&
+                         budget.stopped == PSymbols::Budget::Stop::None;
+                         ++v)
+                        sym.replaceSymbolsInPlace(*v, budget);
+                    if (stopped([&] {
+                            return cls + u", instance " + quoted(inst.getId()) + u", property " +
+                                   quoted(name);
+                        }))
+                        return false;
                 }
             }
         }
     }
+    return true;
 }
 
 // ---- reference validation

@@ -103,7 +103,8 @@ public:
 
     void setSymbols(const PSymbols& symbols) { m_symbols = symbols; }
     const PSymbols& getSymbols() const { return m_symbols; }
-    void replaceSymbols();
+    // False when a bound stopped substitution (logged): the document must not be sent.
+    bool replaceSymbols();
 
     bool validateReferences() const;
 

@@ -176,25 +176,44 @@ void PSymbols::printSymbols() const {
 
 std::u16string PSymbols::replaceSymbols(const std::u16string& text) const {
     std::u16string result = text;
-    replaceSymbolsInPlace(result);
+    Budget budget;
+    replaceSymbolsInPlace(result, budget);
     return result;
 }
 
-bool PSymbols::replaceSymbolsInPlace(std::u16string& text) const {
+bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const {
     // Every placeholder starts with "${": most texts have none and are done.
     if (text.find(symbol_start) == std::u16string::npos) return false;
     const std::u16string original = text;
+    // The size a replacement would give, checked before it is built.
+    auto withinBounds = [&](const PSymbol& s) {
+        const std::u16string& ph = s.getPlaceholder();
+        if (s.getValue().size() <= ph.size()) return true;
+        size_t hits = 0;
+        for (size_t at = text.find(ph); at != std::u16string::npos;
+             at = text.find(ph, at + ph.size()))
+            ++hits;
+        const size_t size = text.size() + hits * (s.getValue().size() - ph.size());
+        if (size > MAX_TEXT_UNITS) {
+            budget.stopped = Budget::Stop::Text;
+        } else if (size > original.size() && size - original.size() > budget.growthLeft) {
+            budget.stopped = Budget::Stop::Document;
+        }
+        return budget.stopped == Budget::Stop::None;
+    };
     std::u16string before;
-    for (int pass = 0; pass < MAX_PASSES; ++pass) {
+    for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
         before = text;
         for (const PSymbol& s : m_symbols) {
             if (text.find(s.getPlaceholder()) == std::u16string::npos) continue;
+            if (!withinBounds(s)) break;
             text = CCConv::stringSubstituteAll(text, s.getPlaceholder(), s.getValue());
         }
         // A pass that changes nothing has reached the end; so has a text
         // without any placeholder left.
         if (text == before || text.find(symbol_start) == std::u16string::npos) break;
     }
+    if (text.size() > original.size()) budget.growthLeft -= text.size() - original.size();
     return text != original;
 }
 

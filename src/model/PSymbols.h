@@ -44,6 +44,18 @@ public:
     static constexpr int MAX_PASSES = 100;
     // Longer lines of a symbol file are taken in pieces of this many units.
     static constexpr size_t MAX_LINE = 65535;
+    // A value that names its own symbol twice doubles a text with every pass;
+    // these bound what substitution may make of one text and of a document.
+    static constexpr size_t MAX_TEXT_UNITS = size_t{1} << 20;
+    static constexpr size_t MAX_DOCUMENT_GROWTH = size_t{1} << 28;
+
+    // What substitution may still add across the texts of one document, and
+    // which bound, if any, stopped it.
+    struct Budget {
+        enum class Stop { None, Text, Document };
+        size_t growthLeft = MAX_DOCUMENT_GROWTH;
+        Stop stopped = Stop::None;
+    };
 
     // Results of addSymbol/addSymbols.
     static constexpr int RC_OK = 1;
@@ -75,9 +87,11 @@ public:
     static char16_t convertToLower(char16_t c);
 
     void printSymbols() const;
+    // The text as far as substitution got; a bound stops it unnoticed here.
     std::u16string replaceSymbols(const std::u16string& text) const;
-    // Replaces in place; false (text untouched) when nothing changed.
-    bool replaceSymbolsInPlace(std::u16string& text) const;
+    // Replaces in place; false when nothing changed. A replacement that would
+    // break a bound is not made: substitution stops and budget.stopped says why.
+    bool replaceSymbolsInPlace(std::u16string& text, Budget& budget) const;
 
 private:
     CLog* m_log;

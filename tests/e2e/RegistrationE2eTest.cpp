@@ -183,6 +183,8 @@ TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
                                                 "ELF\x01\x00\xff\xfe garbage",
                                                 17));
     writeFile(m_dir / "garbage.conn", "not a connect file at all");
+    writeFile(m_dir / "doubling.sym", "a=${a}${a}\n");
+    writeDoc("doubling.xml", "<kivinfo supplier_name=\"${a}\"/>");
     struct Row {
         const char* what;
         std::vector<std::string> args;
@@ -223,6 +225,12 @@ TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
          {"-file", good, "-connectfile", path("garbage.conn")},
          1,
          "Failed to read connect file: " + path("garbage.conn")},
+        {"symbols doubling with every pass",
+         {"-file", path("doubling.xml"), "-symbolfile", path("doubling.sym"), "-user", "u", "-host",
+          "127.0.0.1", "-port", port},
+         1,
+         "Symbol substitution stopped: a text would exceed 1048576 units in the supplier header, "
+         "supplier_name."},
         {"timeout empty",
          {"-file", good, "-connecttimeout", "", "-user", "u", "-host", "h", "-port", "1"},
          1,

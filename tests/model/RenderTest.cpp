@@ -27,7 +27,7 @@ TEST(TransferBody, GoldenDocuments) {
                 PSymbols table(cap);
                 ASSERT_EQ(table.addSymbols(u16(modelData(name + ".properties"))), 1);
                 file.setSymbols(table);
-                file.replaceSymbols();
+                EXPECT_TRUE(file.replaceSymbols()) << cap.text();
             }
             file.setOldTransferDtd(old);
             EXPECT_EQ(u8(file.getBody()),

@@ -117,5 +117,76 @@ TEST(PSymbols, Replacement) {
     }
 }
 
+TEST(PSymbols, SubstitutionStopsAtTheBounds) {
+    using Stop = PSymbols::Budget::Stop;
+    constexpr size_t kMax = PSymbols::MAX_TEXT_UNITS;
+    LogCapture cap;
+    PSymbols s(cap);
+    s.addSymbol(u"full", std::u16string(kMax, u'f'));
+    s.addSymbol(u"over", std::u16string(kMax + 1, u'o'));
+    s.addSymbol(u"twice", u"${twice}${twice}");
+    // Each of c0..c29 holds the next twice: 2^30 copies of c30 unless stopped.
+    for (int i = 0; i < 30; ++i) {
+        const std::u16string next = u"${c" + u16(std::to_string(i + 1)) + u"}";
+        s.addSymbol(u"c" + u16(std::to_string(i)), next + next);
+    }
+    struct Case {
+        const char16_t* text;
+        size_t growthLeft;
+        Stop stop;
+        size_t size;  // of the text afterwards
+    };
+    const size_t fullGrowth = kMax - 7;  // "${full}" is 7 units
+    const Case cases[] = {
+        {u"${full}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::None, kMax},
+        {u"${over}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, 7},
+        {u"${twice}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, kMax},  // 8 * 2^17 units
+        {u"${c0}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, 786432},   // 2^17 * "${c17}"
+        {u"${full}", fullGrowth, Stop::None, kMax},
+        {u"${full}", fullGrowth - 1, Stop::Document, 7},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(u8(c.text) + " " + std::to_string(c.growthLeft));
+        PSymbols::Budget budget{c.growthLeft};
+        std::u16string text = c.text;
+        s.replaceSymbolsInPlace(text, budget);
+        EXPECT_EQ(budget.stopped, c.stop);
+        EXPECT_EQ(text.size(), c.size);
+        EXPECT_EQ(budget.growthLeft, c.growthLeft + std::u16string_view(c.text).size() - c.size);
+    }
+    EXPECT_TRUE(cap.messages().empty());
+}
+
+// The document names the text that a bound stopped in, and stops there.
+TEST(CXmlFile, SubstitutionBoundNamesTheText) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"<kivinfo supplier_name='S' supplier_vendor='${twice}'/>",
+         "the supplier header, supplier_vendor"},
+        {"<kivinfo supplier_name='S'><group name='G'><class name='C' "
+         "clean='${twice}'/></group></kivinfo>",
+         "group \"G\", class \"C\", attribute \"clean\""},
+        {"<kivinfo supplier_name='S'><group name='G'><class name='C'><instance "
+         "inst_id='i'><property name='P'>"
+         "<value>${twice}</value></property></instance></class></group></kivinfo>",
+         "group \"G\", class \"C\", instance \"i\", property \"P\""},
+    };
+    for (const auto& [doc, where] : cases) {
+        SCOPED_TRACE(where);
+        LogCapture cap;
+        auto file = test::loadText(cap, doc);
+        ASSERT_TRUE(file->isLoaded()) << cap.text();
+        PSymbols table(cap);
+        table.addSymbol(u"twice", u"${twice}${twice}");
+        file->setSymbols(table);
+        const size_t before = cap.messages().size();
+        EXPECT_FALSE(file->replaceSymbols());
+        EXPECT_EQ(
+            test::loggedSince(cap, before),
+            std::string("Replacing symbols in XML document.\n"
+                        "Symbol substitution stopped: a text would exceed 1048576 units in ") +
+                where + ".");
+    }
+}
+
 }  // namespace
 }  // namespace kivreg
