@@ -69,6 +69,7 @@ Fd createForWriting(const std::u16string& path) {
     return fd;
 }
 
+// A file beyond the bound counts as unreadable.
 std::optional<std::string> readAll(const Fd& fd) {
     std::string out;
     char chunk[4096];
@@ -79,6 +80,7 @@ std::optional<std::string> readAll(const Fd& fd) {
             if (errno == EINTR) continue;
             return std::nullopt;
         }
+        if (out.size() + static_cast<size_t>(n) > CSecStore::ms_maxFileSize) return std::nullopt;
         out.append(chunk, static_cast<size_t>(n));
     }
 }

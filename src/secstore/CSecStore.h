@@ -31,6 +31,9 @@ public:
     static const unsigned char ms_key[ms_keyLen];  // the built-in key
     static constexpr size_t utf8_header_size = 4;
     static const unsigned char utf8_header[utf8_header_size];
+    // Settings take a few hundred bytes: a larger connection or key file is
+    // not one, and is not read into memory.
+    static constexpr size_t ms_maxFileSize = size_t{1} << 20;
 
     // Built-in key.
     CSecStore(CLog* log, const std::u16string& fileName);

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <sys/stat.h>
 
@@ -169,11 +169,13 @@ TEST_F(StoreFiles, BadFilesFail) {
     for (int i = 0; i < 301; ++i) garbage.push_back(static_cast<char>((i * 149 + 17) % 256));
     const std::string badData = "Invalid data found in encryted file '" + data.string() + "'";
     const std::string badKey = "Key size incorrect. Invalid key file " + key.string();
+    const size_t kMax = CSecStore::ms_maxFileSize;
     const struct {
         const char* name;
         std::optional<std::string> dataBytes;
         std::optional<std::string> keyBytes;
         std::string message;
+        std::string earlier = "";  // logged before it, when not empty
     } rows[] = {
         {"no data file", {}, {}, "Failed to open destination file '" + data.string() + "'"},
         {"empty", "", {}, badData},
@@ -195,6 +197,15 @@ TEST_F(StoreFiles, BadFilesFail) {
         {"seven key units", valid, units(u"1234567"), badKey},
         {"zero unit cuts the key", valid, units(u"1234") + units(u"5678"), badKey},
         {"odd key byte", valid, "x", badKey},
+        {"data file at the size bound", HEADER + std::string(kMax - 4, 'x'), {}, badData},
+        {"data file beyond the size bound",
+         HEADER + std::string(kMax - 3, 'x'),
+         {},
+         "Failed to read data file '" + data.string() + "'"},
+        {"key file at the size bound", valid, std::string(kMax, 'k'), badKey,
+         "Use key file '" + key.string() + "' for data decryption"},
+        {"key file beyond the size bound", valid, std::string(kMax + 1, 'k'), badKey,
+         "Failed to read key file " + key.string()},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -208,6 +219,9 @@ TEST_F(StoreFiles, BadFilesFail) {
         EXPECT_TRUE(store.getAll().empty());
         ASSERT_FALSE(log.messages().empty());
         EXPECT_EQ(log.messages().back(), row.message);
+        if (!row.earlier.empty()) {
+            EXPECT_THAT(log.messages(), testing::Contains(row.earlier));
+        }
     }
 }
 
