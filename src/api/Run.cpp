@@ -66,6 +66,14 @@ void logTimeout(CLog& log, const char16_t* label, const char16_t* unlimited, int
     log << endlog;
 }
 
+// --proxy and --noproxy, when given, rule over the environment.
+ProxyOptions proxyOptions(const CPArgs& args) {
+    ProxyOptions options;
+    if (args.isSwitchSet(CMDARG_PROXY)) options.proxy = args.getArg(CMDARG_PROXY);
+    if (args.isSwitchSet(CMDARG_NOPROXY)) options.noProxy = args.getArg(CMDARG_NOPROXY);
+    return options;
+}
+
 void dataTrace(ApiState& s) {
     if (!s.gArgs.isSwitchSetIgnCase(CMDARG_DATA_TRACE)) return;
     s.gLog << timestamp << u">>> Begin Parsed Data >>>" << endlog;
@@ -96,7 +104,8 @@ int transfer(ApiState& s, const ConnectData& c) {
     logTimeout(log, u"HTTP response timeout = ", u"infinite", receiveTimeout);
 
     CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, doc, c.user, c.password, c.host,
-                     c.port, connectTimeout, sendTimeout, receiveTimeout, true, c.useHttps);
+                     c.port, connectTimeout, sendTimeout, receiveTimeout, true, c.useHttps,
+                     proxyOptions(s.gArgs));
     if (s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE)) proxy.setTrace();
     if (!proxy.isOpen()) {
         log << timestamp << u"Failed to open HTTP connection!" << endlog;

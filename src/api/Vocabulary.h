@@ -30,6 +30,9 @@ inline constexpr std::u16string_view CMDARG_VERSION = u"-version";
 inline constexpr std::u16string_view CMDARG_CONNECT_TIMEOUT = u"-connecttimeout";
 inline constexpr std::u16string_view CMDARG_SEND_TIMEOUT = u"-sendtimeout";
 inline constexpr std::u16string_view CMDARG_RECEIVE_TIMEOUT = u"-receivetimeout";
+// Long options of the program, kept in the settings under these names.
+inline constexpr std::u16string_view CMDARG_PROXY = u"--proxy";
+inline constexpr std::u16string_view CMDARG_NOPROXY = u"--noproxy";
 
 // Keys of the connection file.
 inline constexpr std::u16string_view PARAM_USER = u"user_param";

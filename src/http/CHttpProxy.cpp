@@ -30,7 +30,8 @@ void required(int rc) {
 CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
                        const std::u16string& user, const std::u16string& password,
                        const std::u16string& host, const std::u16string& port, int connectTimeout,
-                       int sendTimeout, int readTimeout, bool openNow, bool https)
+                       int sendTimeout, int readTimeout, bool openNow, bool https,
+                       const ProxyOptions& proxy)
     : m_log(log),
       m_xmlFile(xmlFile),
       m_user(user),
@@ -61,6 +62,20 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFil
     m_url->setHpass(m_password.c_str());
     m_url->setUrl(text.c_str());
 
+    const ProxyChoice choice = chooseProxy(https, m_host, proxy);
+    if (!choice.error.empty()) {
+        *m_log << timestamp << choice.error << endlog;
+        m_proxyUnusable = true;
+    } else if (!choice.direct()) {
+        *m_log << timestamp << u"Using proxy: " << choice.display() << endlog;
+        m_url->setProxy(choice.host.c_str());
+        m_url->setPport(choice.port.c_str());
+        if (choice.user) {
+            m_url->setPuser(choice.user->c_str());
+            m_url->setPpass(choice.password->c_str());
+        }
+    }
+
     m_request->setCmd(IHttpRequest::POST);
     m_request->setHeaderline(
         CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
@@ -78,7 +93,11 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFil
 CHttpProxy::~CHttpProxy() = default;
 
 int CHttpProxy::connect() {
-    m_open = m_request->connect(&m_niRc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) > 0;
+    m_open = !m_proxyUnusable &&
+             m_request->connect(&m_niRc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) > 0;
+    if (!m_open && m_niRc == rt::NET_ERR_PROXY)
+        *m_log << timestamp << u"Proxy refused the tunnel: HTTP status "
+               << m_connection->getTunnelRefusal().c_str() << endlog;
     // From here on the field holds the open flag, not the network code.
     m_niRc = m_open ? 1 : 0;
     return m_niRc;

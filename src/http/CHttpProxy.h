@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "http/ProxyConfig.h"
+
 namespace kivreg {
 
 class CLog;
@@ -33,11 +35,13 @@ public:
     static constexpr std::u16string_view SECUDIR = u"SECUDIR";
 
     // Timeouts in seconds (see IIPConnection for the limits). The document
-    // must outlive the object; its body is read, never copied.
+    // must outlive the object; its body is read, never copied. The proxy, if
+    // any, is chosen here from the options and the environment.
     CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
                const std::u16string& user, const std::u16string& password,
                const std::u16string& host, const std::u16string& port, int connectTimeout,
-               int sendTimeout, int readTimeout, bool openNow, bool https);
+               int sendTimeout, int readTimeout, bool openNow, bool https,
+               const ProxyOptions& proxy = {});
     ~CHttpProxy();
     CHttpProxy(const CHttpProxy&) = delete;
     CHttpProxy& operator=(const CHttpProxy&) = delete;
@@ -83,6 +87,7 @@ private:
     std::u16string m_host;
     std::u16string m_port;
     bool m_open = false;
+    bool m_proxyUnusable = false;  // a proxy was named that cannot be used
     std::u16string m_encoding;
     bool m_trace = false;
 };

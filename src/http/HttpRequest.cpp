@@ -106,23 +106,25 @@ int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connecti
     const auto pick = [&](const char16_t* port) {
         return orEmpty(port).empty() ? defaultPort : port;
     };
-    std::u16string host, port;
     Trace& trace = Trace::instance();
-    if (!orEmpty(m_url->getProxy()).empty()) {
-        host = m_url->getProxy();
-        port = pick(m_url->getPport());
-        m_viaProxy = true;
-    } else {
-        host = orEmpty(m_url->getHost());
-        if (host.empty()) {
-            trace.t(LEVEL, "HttpRequest::connect failed, hostname unknown");
-            return -11;
-        }
-        port = pick(m_url->getHport());
-        m_viaProxy = false;
+    const std::u16string_view target = orEmpty(m_url->getHost());
+    const bool viaProxy = !orEmpty(m_url->getProxy()).empty();
+    // A TLS server is reached through a tunnel and then spoken to as directly;
+    // plain HTTP names the whole URL to the proxy.
+    const bool tunnel = viaProxy && secure;
+    m_viaProxy = viaProxy && !secure;
+    const std::u16string host(viaProxy ? orEmpty(m_url->getProxy()) : target);
+    const std::u16string port(pick(viaProxy ? m_url->getPport() : m_url->getHport()));
+    if (target.empty() && !m_viaProxy) {
+        trace.t(LEVEL, "HttpRequest::connect failed, hostname unknown");
+        return -11;
     }
     trace.t(LEVEL, "HttpRequest::connect try URL", m_url->getUrl(false));
-    const int code = m_connection->open(host.c_str(), port.c_str(), secure);
+    const int code =
+        tunnel ? m_connection->openTunnel(
+                     host.c_str(), port.c_str(), m_url->getHost(), pick(m_url->getHport()),
+                     ascii7(encodeUsrPwd(m_url->getPuser(), m_url->getPpass())))
+               : m_connection->open(host.c_str(), port.c_str(), secure);
     if (rc != nullptr) *rc = code;
     if (code != rt::NET_OK) {
         trace.t(LEVEL, "HttpRequest::connect FAILED to", host, port);

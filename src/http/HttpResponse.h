@@ -44,6 +44,15 @@ public:
     const std::u16string& getFooter() const override { return m_footer; }
     const std::u16string& getRawFooter() const override { return m_rawFooter; }
 
+    // Hands over the bytes received behind what has been read (what a proxy
+    // sent after its answer to CONNECT belongs to the tunnel).
+    std::string takeUnread() {
+        std::string rest = m_buf.substr(m_pos);
+        std::string().swap(m_buf);
+        m_pos = 0;
+        return rest;
+    }
+
     void setReadBufferSize(int size) override {
         if (size > 0) m_readBufferSize = static_cast<size_t>(size);
     }

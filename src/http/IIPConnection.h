@@ -3,6 +3,8 @@
 // runtime/NetRc.h (0 = success).
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 namespace kivreg {
 
@@ -13,6 +15,17 @@ public:
     // 0 at once when already open; otherwise connects (and runs the TLS
     // handshake when `secure`) and returns the network layer's code.
     virtual int open(const char16_t* host, const char16_t* service, bool secure) = 0;
+    // TLS to host:service through an HTTP proxy: a plain connection to the
+    // proxy, "CONNECT host:service" (with Basic credentials for the proxy when
+    // `proxyCredentials`, already encoded, is not empty), then the handshake
+    // with `host` through the tunnel. The connect timeout bounds all of it.
+    // NET_ERR_PROXY when the proxy answers with another status than 2xx.
+    virtual int openTunnel(const char16_t* proxy, const char16_t* proxyService,
+                           const char16_t* host, const char16_t* service,
+                           std::string_view proxyCredentials) = 0;
+    // The proxy's refusal of the last tunnel, as "407 (Proxy Authentication
+    // Required)"; empty when there was none.
+    virtual const std::string& getTunnelRefusal() const = 0;
     // All `size` bytes with the send timeout; returns the bytes written.
     virtual int write(const void* data, int size, int* rc) = 0;
     // Up to `size` bytes with the read timeout; returns the bytes read.

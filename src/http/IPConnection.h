@@ -1,5 +1,6 @@
 #pragma once
 #include "http/IIPConnection.h"
+#include "runtime/NetSocket.h"
 #include "runtime/Tls.h"
 
 namespace kivreg {
@@ -12,6 +13,9 @@ public:
     IPConnection& operator=(const IPConnection&) = delete;
 
     int open(const char16_t* host, const char16_t* service, bool secure) override;
+    int openTunnel(const char16_t* proxy, const char16_t* proxyService, const char16_t* host,
+                   const char16_t* service, std::string_view proxyCredentials) override;
+    const std::string& getTunnelRefusal() const override { return m_refusal; }
     int write(const void* data, int size, int* rc) override;
     int read(void* data, int size, int* rc) override;
     int skip(int size) override;
@@ -25,12 +29,23 @@ public:
     int getTimeOutRead() const override { return m_readMs; }
 
 private:
+    // TLS set-up (once per object) when `tls`, then the TCP connection.
+    int connectTo(const std::string& host, const std::string& service, bool tls,
+                  const rt::NetDeadline& deadline);
+    int startTls(const std::string& host, const rt::NetDeadline& deadline, std::string early);
+    // Sends CONNECT and reads the answer; `early` gets what followed it.
+    int askForTunnel(const std::string& host, const std::string& service,
+                     std::string_view credentials, std::string& early);
+    int waitMs(int phaseMs) const { return m_opening ? m_opening->remainingMs() : phaseMs; }
+
     int m_handle = -1;
     rt::TlsSessionPtr m_session;  // set while a TLS session runs on the socket
     rt::TlsContextPtr m_tls;      // set up once per object, on the first secure open
     int m_connectMs = -1;
     int m_sendMs = -1;
     int m_readMs = -1;
+    const rt::NetDeadline* m_opening = nullptr;  // while opening, the connect timeout rules
+    std::string m_refusal;
 };
 
 }  // namespace kivreg

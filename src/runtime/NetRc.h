@@ -19,6 +19,7 @@ enum NetRc : int {
     NET_ERR_TLS_VERIFY = -9,   // the server certificate or its host name was not accepted
     NET_ERR_PROTOCOL = -10,    // the answer broke HTTP framing (bad chunk size, bad length)
     NET_ERR_LIMIT = -11,       // the answer exceeded a size bound (header 256 KiB, body 64 MiB)
+    NET_ERR_PROXY = -12,       // the proxy would not open a tunnel to the server
 };
 
 // A short English name of the code, for traces.

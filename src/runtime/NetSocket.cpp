@@ -3,8 +3,12 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -42,6 +46,8 @@ const char* netRcText(int rc) noexcept {
             return "malformed answer";
         case NET_ERR_LIMIT:
             return "answer too large";
+        case NET_ERR_PROXY:
+            return "proxy refused the tunnel";
         default:
             return "unknown code";
     }
@@ -123,16 +129,57 @@ struct AddrInfoFree {
 };
 using AddrInfoPtr = std::unique_ptr<addrinfo, AddrInfoFree>;
 
-int resolve(const char* host, const char* service, AddrInfoPtr& out) {
+int lookup(const char* host, const char* service, int flags, AddrInfoPtr& out) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_ADDRCONFIG;
+    hints.ai_flags = AI_ADDRCONFIG | flags;
     addrinfo* list = nullptr;
     const int g = getaddrinfo(host, service, &hints, &list);
     out.reset(list);
     if (g == 0) return NET_OK;
     return g == EAI_SYSTEM ? rcFromErrno(errno) : NET_ERR_RESOLVE;
+}
+
+// A name lookup that outlives the caller's wait: the helper thread and the
+// caller share it, and whoever lets go last frees it.
+struct PendingLookup {
+    std::string host, service;
+    std::mutex lock;
+    std::condition_variable finished;
+    bool done = false;
+    int rc = NET_ERR_RESOLVE;
+    AddrInfoPtr list;
+};
+
+// getaddrinfo itself cannot be interrupted, so a bounded lookup runs on a
+// helper thread and is abandoned (left to finish on its own) at the deadline.
+// Address literals need no lookup and are converted at once.
+int resolve(const char* host, const char* service, const NetDeadline& deadline, AddrInfoPtr& out) {
+    if (lookup(host, service, AI_NUMERICHOST, out) == NET_OK) return NET_OK;
+    if (deadline.remainingMs() < 0) return lookup(host, service, 0, out);
+    auto job = std::make_shared<PendingLookup>();
+    job->host = host;
+    job->service = service;
+    try {
+        std::thread([job] {
+            AddrInfoPtr list;
+            const int rc = lookup(job->host.c_str(), job->service.c_str(), 0, list);
+            const std::lock_guard<std::mutex> hold(job->lock);
+            job->rc = rc;
+            job->list = std::move(list);
+            job->done = true;
+            job->finished.notify_one();
+        }).detach();
+    } catch (const std::system_error&) {
+        return NET_ERR_IO;
+    }
+    std::unique_lock<std::mutex> hold(job->lock);
+    if (!job->finished.wait_for(hold, std::chrono::milliseconds(deadline.remainingMs()),
+                                [&] { return job->done; }))
+        return NET_ERR_TIMEOUT;
+    out = std::move(job->list);
+    return job->rc;
 }
 
 }  // namespace
@@ -154,9 +201,9 @@ int netOpen(const char* host, const char* service, int timeoutMs, int* handle) {
     *handle = -1;
     if (host == nullptr || *host == '\0' || service == nullptr || *service == '\0')
         return NET_ERR_INVALID;
-    AddrInfoPtr list;
-    if (const int rc = resolve(host, service, list); rc != NET_OK) return rc;
     const NetDeadline deadline(timeoutMs);
+    AddrInfoPtr list;
+    if (const int rc = resolve(host, service, deadline, list); rc != NET_OK) return rc;
     int rc = NET_ERR_RESOLVE;
     for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
         rc = connectOne(*ai, deadline, handle);

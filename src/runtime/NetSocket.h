@@ -15,8 +15,8 @@
 namespace kivreg::rt {
 
 // Resolves host (IPv4 and IPv6) and connects to each address in turn until one
-// answers; the whole attempt is bounded by timeoutMs. On success *handle holds
-// the socket, otherwise -1.
+// answers; the whole attempt, name lookup included, is bounded by timeoutMs. On success *handle
+// holds the socket, otherwise -1.
 int netOpen(const char* host, const char* service, int timeoutMs, int* handle);
 
 // Writes all `size` bytes unless time runs out or the connection fails;

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,9 +20,17 @@ struct TlsContext {
     ~TlsContext() { SSL_CTX_free(ctx); }
 };
 
+// What the socket BIO reads from: bytes received before the session began
+// (what followed a proxy's answer), then the socket.
+struct TlsTransport {
+    int fd = -1;
+    std::string early;
+    size_t earlyPos = 0;
+};
+
 struct TlsSession {
     SSL* ssl = nullptr;
-    int fd = -1;
+    TlsTransport transport;
     std::string lastReason;
     ~TlsSession() { SSL_free(ssl); }
 };
@@ -48,14 +55,14 @@ namespace {
 // OpenSSL's own socket BIO writes with write(2), which raises SIGPIPE when the
 // peer has gone. This BIO goes through send(2) with MSG_NOSIGNAL instead and
 // leaves the socket (owned by the caller) open when it is freed.
-intptr_t bioFd(BIO* b) {
-    return reinterpret_cast<intptr_t>(BIO_get_data(b));
+TlsTransport& bioTransport(BIO* b) {
+    return *static_cast<TlsTransport*>(BIO_get_data(b));
 }
 
 int bioWrite(BIO* b, const char* data, size_t len, size_t* written) {
     BIO_clear_retry_flags(b);
     for (;;) {
-        const ssize_t n = send(static_cast<int>(bioFd(b)), data, len, MSG_NOSIGNAL);
+        const ssize_t n = send(bioTransport(b).fd, data, len, MSG_NOSIGNAL);
         if (n >= 0) {
             *written = static_cast<size_t>(n);
             return 1;
@@ -68,8 +75,14 @@ int bioWrite(BIO* b, const char* data, size_t len, size_t* written) {
 
 int bioRead(BIO* b, char* data, size_t len, size_t* got) {
     BIO_clear_retry_flags(b);
+    TlsTransport& t = bioTransport(b);
+    if (t.earlyPos < t.early.size()) {
+        *got = t.early.copy(data, len, t.earlyPos);
+        t.earlyPos += *got;
+        return 1;
+    }
     for (;;) {
-        const ssize_t n = recv(static_cast<int>(bioFd(b)), data, len, 0);
+        const ssize_t n = recv(t.fd, data, len, 0);
         if (n > 0) {
             *got = static_cast<size_t>(n);
             return 1;
@@ -153,9 +166,9 @@ int settle(TlsSession& s, int ret, const NetDeadline& deadline) {
     const int err = SSL_get_error(s.ssl, ret);
     switch (err) {
         case SSL_ERROR_WANT_READ:
-            return netWait(s.fd, false, deadline.remainingMs());
+            return netWait(s.transport.fd, false, deadline.remainingMs());
         case SSL_ERROR_WANT_WRITE:
-            return netWait(s.fd, true, deadline.remainingMs());
+            return netWait(s.transport.fd, true, deadline.remainingMs());
         case SSL_ERROR_ZERO_RETURN:
             s.lastReason = "peer closed the TLS session";
             return NET_ERR_CLOSED;
@@ -199,20 +212,21 @@ int tlsInit(TlsContextPtr& out, std::string& reason) {
 }
 
 int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int timeoutMs,
-                    TlsSessionPtr& out, std::string& reason) {
+                    TlsSessionPtr& out, std::string& reason, std::string early) {
     out.reset();
     reason.clear();
     if (handle < 0 || host.empty()) return NET_ERR_INVALID;
     ERR_clear_error();
     TlsSessionPtr s(new TlsSession);
-    s->fd = handle;
+    s->transport.fd = handle;
+    s->transport.early = std::move(early);
     s->ssl = SSL_new(ctx.ctx);
     BIO* bio = s->ssl != nullptr ? BIO_new(socketMethod()) : nullptr;
     if (bio == nullptr) {
         reason = takeErrors("cannot create TLS session: ");
         return NET_ERR_TLS;
     }
-    BIO_set_data(bio, reinterpret_cast<void*>(static_cast<intptr_t>(handle)));
+    BIO_set_data(bio, &s->transport);
     SSL_set_bio(s->ssl, bio, bio);
 
     // The certificate must name exactly what was asked for: an address is

@@ -39,9 +39,11 @@ inline constexpr const char* TLS_CLIENT_FILE = "kivreg_client.pem";
 // Builds the client configuration from the current environment.
 int tlsInit(TlsContextPtr& ctx, std::string& reason);
 
-// Runs the handshake on a connected socket, bounded by timeoutMs.
+// Runs the handshake on a connected socket, bounded by timeoutMs. `early`
+// holds bytes already taken from the socket that belong to the session (what
+// a proxy sent behind its answer); they are read before the socket.
 int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int timeoutMs,
-                    TlsSessionPtr& session, std::string& reason);
+                    TlsSessionPtr& session, std::string& reason, std::string early = {});
 
 int tlsWrite(TlsSession& session, const void* data, size_t size, int timeoutMs, size_t* written);
 int tlsRead(TlsSession& session, void* data, size_t size, int timeoutMs, size_t* got);

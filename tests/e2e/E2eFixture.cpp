@@ -71,6 +71,10 @@ RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) 
     std::vector<std::string> argv = {kProgram};
     argv.insert(argv.end(), args.begin(), args.end());
     if (options.cwd.empty()) options.cwd = m_dir.path().string();
+    // The proxy settings of whoever runs the tests stay out: empty is unset.
+    for (const char* name : {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy", "ALL_PROXY",
+                             "no_proxy", "NO_PROXY"})
+        options.env.try_emplace(name, "");
     return run(argv, options);
 }
 

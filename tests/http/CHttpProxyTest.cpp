@@ -6,7 +6,9 @@
 
 #include "TestServer.h"
 #include "http/CHttpProxy.h"
+#include "http/IIPConnection.h"
 #include "model/CXmlFile.h"
+#include "runtime/NetRc.h"
 #include "support/ERegExcept.h"
 #include "testutil/TestUtil.h"
 
@@ -137,6 +139,42 @@ TEST_F(CHttpProxyTest, HttpsSetsSecudirOnlyWhenUnset) {
         proxy("1", false, c.https);
         const char* now = std::getenv("SECUDIR");
         EXPECT_EQ(now ? now : "(unset)", c.after) << c.after;
+    }
+}
+
+TEST(Tunnel, ProxyAnswerDecidesWhatFollowsTheConnectRequest) {
+    const std::string established = "HTTP/1.1 200 Connection established\r\n\r\n";
+    const std::string tlsAlert("\x15\x03\x03\x00\x02\x02\x28", 7);  // fatal handshake_failure
+    const struct {
+        const char16_t* host;
+        std::string answer;
+        int rc;
+        const char* refusal;
+    } cases[] = {
+        {u"dir.example", "HTTP/1.1 407 Proxy Authentication Required\r\n\r\n", rt::NET_ERR_PROXY,
+         "407 (Proxy Authentication Required)"},
+        {u"dir.example", "HTTP/1.0 502 Bad\tGate\xffway\r\nX: y\r\n\r\n", rt::NET_ERR_PROXY,
+         "502 (Bad?Gate?way)"},
+        // What follows the proxy's answer is the server's first TLS bytes: here an alert.
+        {u"::1", established + tlsAlert, rt::NET_ERR_TLS, ""},
+        {u"dir.example", "HTTP/1.1 200 OK\r\nX: " + std::string(300 * 1024, 'x'), rt::NET_ERR_LIMIT,
+         ""},
+        {u"dir.example", "no status line\r\n\r\n", rt::NET_ERR_PROTOCOL, ""},
+        {u"dir.example", "", rt::NET_ERR_CLOSED, ""},
+    };
+    for (const auto& c : cases) {
+        TestServer proxy([&](Peer& p) { p.readRequest(), p.send(c.answer); });
+        std::unique_ptr<IIPConnection> conn;
+        ASSERT_EQ(createIIPConnection(conn), 0);
+        EXPECT_EQ(
+            conn->openTunnel(u"127.0.0.1", u16(proxy.port()).c_str(), c.host, u"8443", "dTpw"),
+            c.rc)
+            << c.answer.substr(0, 40);
+        EXPECT_EQ(conn->getTunnelRefusal(), c.refusal);
+        proxy.join();
+        const std::string target = c.host[0] == u':' ? "[::1]:8443" : "dir.example:8443";
+        EXPECT_EQ(proxy.received(), "CONNECT " + target + " HTTP/1.1\r\nHost: " + target +
+                                        "\r\nProxy-Authorization: Basic dTpw\r\n\r\n");
     }
 }
 

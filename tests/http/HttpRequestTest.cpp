@@ -21,6 +21,12 @@ public:
     int open(const char16_t* h, const char16_t* s, bool secure) override {
         return host = h, service = s, tls = secure, rt::NET_OK;
     }
+    int openTunnel(const char16_t* h, const char16_t* s, const char16_t* to, const char16_t* toPort,
+                   std::string_view credentials) override {
+        tunnel = u8(to) + ":" + u8(toPort) + " " + std::string(credentials);
+        return open(h, s, true);
+    }
+    const std::string& getTunnelRefusal() const override { return tunnel; }
     int write(const void* data, int size, int* rc) override {
         wire.append(static_cast<const char*>(data), static_cast<size_t>(size));
         return *rc = rt::NET_OK, size;
@@ -36,6 +42,7 @@ public:
     int getTimeOutRead() const override { return -1; }
     std::u16string host, service;
     bool tls = false;
+    std::string tunnel;  // "host:port credentials" asked of the proxy
     std::string wire;
 };
 
@@ -60,13 +67,17 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         const char16_t *proxy, *proxyPort, *proxyUser;
         const char *hostPort, *requestLine;
         bool secure;
+        const char* tunnel;
     };
+    // Through a proxy, plain HTTP names the whole URL and authenticates to the
+    // proxy in the request; HTTPS asks for a tunnel and then speaks as directly.
     const std::vector<Case> cases = {
-        {"http://h:8080/kiv/ds", nullptr, nullptr, nullptr, "h:8080", "POST /kiv/ds", false},
-        {"https://h/x", nullptr, nullptr, nullptr, "h:443", "POST /x", true},
-        {"https://h:8443/x?q=1", nullptr, nullptr, nullptr, "h:8443", "POST /x", true},
-        {"http://h/x", u"proxy", nullptr, nullptr, "proxy:80", "POST http://h/x", false},
-        {"https://h/x", u"proxy", u"3128", u"pu", "proxy:3128", "POST https://h/x", true},
+        {"http://h:8080/kiv/ds", nullptr, nullptr, nullptr, "h:8080", "POST /kiv/ds", false, ""},
+        {"https://h/x", nullptr, nullptr, nullptr, "h:443", "POST /x", true, ""},
+        {"https://h:8443/x?q=1", nullptr, nullptr, nullptr, "h:8443", "POST /x", true, ""},
+        {"http://h/x", u"proxy", nullptr, u"pu", "proxy:80", "POST http://h/x", false, ""},
+        {"https://h/x", u"proxy", u"3128", u"pu", "proxy:3128", "POST /x", true, "h:443 cHU6cHA="},
+        {"https://h:8443/x", u"proxy", u"3128", nullptr, "proxy:3128", "POST /x", true, "h:8443 "},
     };
     for (const Case& c : cases) {
         Fixture f(c.url);
@@ -80,10 +91,11 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         ASSERT_EQ(f.req->connect(&f.rc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT), 10);
         EXPECT_EQ(u8(f.conn.host) + ":" + u8(f.conn.service), c.hostPort) << c.url;
         EXPECT_EQ(f.conn.tls, c.secure) << c.url;
+        EXPECT_EQ(f.conn.tunnel, c.tunnel) << c.url;
         const std::string wire =
             std::string(c.requestLine) +
             " HTTP/1.1\r\nHost: h\r\nConnection: Close\r\nX-Name: M?ller ?\r\n" +
-            (c.proxyUser ? "Proxy-Authorization: Basic cHU6cHA=\r\n" : "") +
+            (c.proxyUser && !c.secure ? "Proxy-Authorization: Basic cHU6cHA=\r\n" : "") +
             "Authorization: Basic dTpw\r\nContent-Length: 5\r\n\r\nhello";
         EXPECT_EQ(f.req->sendMessage(&f.rc), static_cast<int>(wire.size())) << c.url;
         EXPECT_EQ(f.rc, 0);
