@@ -171,27 +171,41 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
     ASSERT_EQ(::listen(listener, 4), 0);
     ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x";
-    const std::string deep = [] {
+    // The parser's limits: nesting, name and text sizes; each at and beyond.
+    const auto deep = [](int levels) {
         std::string open, close;
-        for (int i = 0; i < 10000; ++i) open += "<n>", close += "</n>";
-        return open + "x" + close;
-    }();
+        for (int i = 0; i < levels; ++i) open += "<n>", close += "</n>";
+        return "<kivinfo supplier_name='S'>" + open + "x" + close + "</kivinfo>";
+    };
+    const auto named = [](size_t length) {
+        return "<kivinfo supplier_name='S'><" + std::string(length, 'n') + "/></kivinfo>";
+    };
+    const std::string fiveFold = "<!DOCTYPE kivinfo [<!ENTITY x '" + std::string(100, 'x') +
+                                 "'>]>" + inValue("&x;&x;&x;&x;&x;");
     struct Case {
         const char* what;
         std::string doc;
-        const char* reason;  // empty: loads
-        const char* position = "";
+        const char* reason;         // empty: loads
+        const char* position = "";  // of the error, when checked
+        bool file = false;          // positions are reported for files only
     };
     const Case cases[] = {
         {"entity bomb in text", billionLaughs(false),
          "Fatal Error: Detected an entity reference loop"},
         {"entity bomb in an attribute", billionLaughs(true),
          "Fatal Error: Detected an entity reference loop"},
-        {"nesting 10000 deep", "<kivinfo supplier_name='S'>" + deep + "</kivinfo>",
-         "Fatal Error: Excessive depth in document: 256"},
+        {"entity expanded five times", fiveFold, ""},
+        {"nesting 257 deep", deep(256), ""},
+        {"nesting 258 deep", deep(257), "Fatal Error: Excessive depth in document: 256"},
+        {"name of 50000 characters", named(50000), ""},
+        {"name of 50001 characters", named(50001), "Fatal Error: Name too long"},
+        // Read from a file: a text in memory meets the look-ahead limit first.
+        {"text of 10000000 characters", inValue(std::string(10000000, 't')), "", "", true},
+        {"text of 10000001 characters", inValue(std::string(10000001, 't')), "Fatal Error: ", "",
+         true},
         {"malformed UTF-8 in a file",
          "<kivinfo supplier_name='S'>\n  <group name='a\xC3\x28'/>\n</kivinfo>\n",
-         "Fatal Error: Input is not proper UTF-8", " in line 2, 17"},
+         "Fatal Error: Input is not proper UTF-8", " in line 2, 17", true},
         {"external file entity",
          "<!DOCTYPE kivinfo [<!ENTITY x SYSTEM '" + secret + "'>]>" + inValue("&x;"), ""},
         {"external DTD", "<!DOCTYPE kivinfo SYSTEM '" + dtd + "'><kivinfo supplier_name='S'/>", ""},
@@ -208,7 +222,7 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
         LogCapture cap;
         testing::internal::CaptureStderr();
         std::unique_ptr<CXmlFile> file;
-        if (*c.position) {  // the position is reported for files only
+        if (c.file) {
             test::writeFile(dir / "doc.xml", c.doc);
             file = std::make_unique<CXmlFile>(cap, u16(dir / "doc.xml"));
         } else {
