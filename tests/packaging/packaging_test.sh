@@ -47,13 +47,16 @@ consumer() {
     "$tmp/consumer-pc" "$tmp/connect-pc" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "pkg-config consumer"; }
 }
 
-# The man pages render without a warning, and they and the completion offer
-# every option the program has; the completion offers no other.
+# The man pages render without a warning and name the program's version; the
+# manual and the completion offer every option the program has, the completion
+# no other.
 docs() {
-    local page warnings
+    local page warnings version
+    version=$("$bin/kivreg" -version | sed -nE 's/^ \[([0-9.]+)\].*/\1/p')
     for page in "$src"/doc/kivreg.1 "$src"/doc/kivreg.3; do
         warnings=$(groff -man -ww -z "$page" 2>&1) || fail "groff failed on $page"
         [[ -z $warnings ]] || fail "$page: $warnings"
+        grep -q "^\.TH .*\"kivreg $version\"" "$page" || fail "$page is not for version $version"
     done
 
     program_options >"$tmp/program"
