@@ -87,8 +87,7 @@ ProxyChoice parseProxyUrl(std::u16string_view text) {
     const std::u16string_view scheme = orEmpty(url.getService());
     if (!equalsIgnoreCase(scheme, u"http")) {
         // Only the scheme is named: the rest may hold a password.
-        choice.error = u"Unsupported proxy scheme: " + std::u16string(scheme) +
-                       u" (only http:// proxies are supported)";
+        choice.error = u"Unsupported proxy scheme: " + std::u16string(scheme);
         return choice;
     }
     const std::u16string_view port = orEmpty(url.getHport());

@@ -48,25 +48,6 @@ TEST_F(Registration, OverHttpStoresTheTransferDocument) {
               "<instance inst_id=\"c1\"></instance></class></group></kivinfo>");
 }
 
-TEST_F(Registration, OverHttpsWithTheTestAuthorityTrusted) {
-    DirServer server(m_dir.path(), {.https = true});
-    std::filesystem::copy_file(m_dir / "ca.pem", m_dir / "kivreg_trust.pem");
-    RunOptions withTrust;
-    withTrust.env["SECUDIR"] = m_dir.path().string();
-    RunResult r = kivreg(connect(server, {"-usehttps"}), withTrust);
-    EXPECT_EQ(r.exitCode, 0) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("Using HTTPS"));
-    EXPECT_THAT(r.out, HasSubstr("Used URL: https://127.0.0.1:"));
-    EXPECT_EQ(server.stored().size(), 1u);
-
-    // Without the authority the server's certificate is not trusted.
-    std::filesystem::remove(m_dir / "kivreg_trust.pem");
-    r = kivreg(connect(server, {"-usehttps"}), withTrust);
-    EXPECT_EQ(r.exitCode, 2) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
-    EXPECT_EQ(server.stored().size(), 1u);
-}
-
 TEST_F(Registration, StatusOtherThan200IsAFailure) {
     DirServer created(m_dir.path(), {.status = 201});
     RunResult r = kivreg(connect(created));
@@ -79,24 +60,6 @@ TEST_F(Registration, StatusOtherThan200IsAFailure) {
     EXPECT_EQ(r.exitCode, 1) << r.out;
     EXPECT_THAT(r.out, HasSubstr("HTTP response: Failure. HTTP status code: 401"));
     EXPECT_TRUE(strict.stored().empty());
-}
-
-TEST_F(Registration, ClosedPortAndUnknownHostFailToConnect) {
-    int closedPort;
-    {
-        DirServer gone(m_dir.path(), {});
-        closedPort = gone.port();
-    }  // stopped: nothing listens there any more
-    RunResult r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host", "127.0.0.1",
-                          "-port", std::to_string(closedPort)});
-    EXPECT_EQ(r.exitCode, 2) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("HTTP open status: false"));
-    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
-
-    r = kivreg({"-file", writeDoc("d.xml", kDocument), "-user", "u", "-host",
-                "no-such-host.invalid", "-port", "8080"});
-    EXPECT_EQ(r.exitCode, 2) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("Failed to open HTTP connection!"));
 }
 
 TEST_F(Registration, SymbolFiles) {
