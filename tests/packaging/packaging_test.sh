@@ -47,11 +47,11 @@ consumer() {
     "$tmp/consumer-pc" "$tmp/connect-pc" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "pkg-config consumer"; }
 }
 
-# The man pages render without a warning and name the program's version; the
-# manual and the completion offer every option the program has, the completion
-# no other.
+# The man pages render without a warning and name the program's version;
+# kivreg(3) describes every function of the header; kivreg(1) and the
+# completion offer every option the program has, the completion no other.
 docs() {
-    local page warnings version
+    local page warnings version missing
     version=$("$bin/kivreg" -version | sed -nE 's/^ \[([0-9.]+)\].*/\1/p')
     for page in "$src"/doc/kivreg.1 "$src"/doc/kivreg.3; do
         warnings=$(groff -man -ww -z "$page" 2>&1) || fail "groff failed on $page"
@@ -59,9 +59,12 @@ docs() {
         grep -q "^\.TH .*\"kivreg $version\"" "$page" || fail "$page is not for version $version"
     done
 
+    grep -oE 'KivReg[A-Za-z]+' "$src/include/kivreg.h" | sort -u >"$tmp/functions"
+    missing=$(comm -23 "$tmp/functions" <(grep -oE 'KivReg[A-Za-z]+' "$src/doc/kivreg.3" | sort -u))
+    [[ -z $missing ]] || fail "kivreg.3 lacks:" $missing
+
     program_options >"$tmp/program"
     grep -oE '(\\-)+[a-z]+(\\-[a-z]+)*' "$src/doc/kivreg.1" | sed 's/\\-/-/g' | sort -u >"$tmp/man"
-    local missing
     missing=$(comm -23 "$tmp/program" "$tmp/man")
     [[ -z $missing ]] || fail "kivreg.1 lacks:" $missing
 
