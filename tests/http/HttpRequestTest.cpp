@@ -26,7 +26,7 @@ public:
         tunnel = u8(to) + ":" + u8(toPort) + " " + std::string(credentials);
         return open(h, s, true);
     }
-    const std::string& getTunnelRefusal() const override { return tunnel; }
+    const std::string& getTunnelRefusal() const override { return refusal; }
     int write(const void* data, int size, int* rc) override {
         wire.append(static_cast<const char*>(data), static_cast<size_t>(size));
         return *rc = rt::NET_OK, size;
@@ -43,6 +43,7 @@ public:
     std::u16string host, service;
     bool tls = false;
     std::string tunnel;  // "host:port credentials" asked of the proxy
+    std::string refusal;
     std::string wire;
 };
 
