@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages kivreg needs to build, test and run, if missing.
+# Installs the Debian packages kivreg needs to build, test and run, and any
+# named as arguments, if missing.
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libxml2-dev libxml2-utils libssl-dev openssl
           libgtest-dev libgmock-dev libbenchmark-dev python3 curl groff-base bash-completion
-          tinyproxy)
+          tinyproxy "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -172,6 +172,22 @@ int CHttpProxy::send() {
     return m_niRc;
 }
 
+CHttpProxy::AnswerBody CHttpProxy::readAnswerBody(IHttpResponse& response) {
+    AnswerBody body;
+    if (!response.expectsBody()) return body;
+    std::string raw;
+    int rc = 0;
+    while (response.readRawBody(&rc) >= 1) raw += response.getRawBody();
+    if (response.isChunked() && rc >= 0) response.readRawFooter(&rc);
+    // A malformed or oversized answer is no answer; a body cut short by
+    // the server closing still leaves its status standing.
+    body.refused = rc == rt::NET_ERR_PROTOCOL || rc == rt::NET_ERR_LIMIT;
+    body.bytes = raw.size();
+    if (!body.refused) body.text = CCConv::fromUTF8Str(std::string_view(raw));
+    response.reset();
+    return body;
+}
+
 int CHttpProxy::receive() {
     // The label says length, the value is the number of interim answers
     // skipped; the line keeps the form that log readers know.
@@ -180,27 +196,14 @@ int CHttpProxy::receive() {
         *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped
                << u". HTTP header: " << m_response->getHeader() << endlog;
 
-    std::u16string body;
-    size_t bodyBytes = 0;
-    bool refused = false;
-    if (m_response->expectsBody()) {
-        std::string raw;
-        int rc = 0;
-        while (m_response->readRawBody(&rc) >= 1) raw += m_response->getRawBody();
-        if (m_response->isChunked() && rc >= 0) m_response->readRawFooter(&rc);
-        // A malformed or oversized answer is no answer; a body cut short by
-        // the server closing still leaves its status standing.
-        refused = rc == rt::NET_ERR_PROTOCOL || rc == rt::NET_ERR_LIMIT;
-        bodyBytes = raw.size();
-        if (!refused) body = CCConv::fromUTF8Str(std::string_view(raw));
-        m_response->reset();
-    }
+    const AnswerBody body = readAnswerBody(*m_response);
     if (m_trace)
-        *m_log << timestamp << u"HTTP body length: " << bodyBytes << u" --- HTTP body: "
-               << (body.empty() ? std::u16string_view(u"*empty*") : std::u16string_view(body))
+        *m_log << timestamp << u"HTTP body length: " << body.bytes << u" --- HTTP body: "
+               << (body.text.empty() ? std::u16string_view(u"*empty*")
+                                     : std::u16string_view(body.text))
                << endlog;
 
-    m_status = refused ? nullptr : m_response->getIHttpStatus();
+    m_status = body.refused ? nullptr : m_response->getIHttpStatus();
     if (m_status == nullptr) return -1;
     *m_log << timestamp << u"Return code: " << m_status->getCode() << u" --- Return message: "
            << m_status->getMessage() << endlog;

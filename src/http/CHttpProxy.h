@@ -55,6 +55,14 @@ public:
     int send();
     // The HTTP status of the answer, or -1 when none could be had.
     int receive();
+    // The body (and trailer) of an answer whose header has been read, as
+    // receive takes it: refused when malformed or beyond the bounds.
+    struct AnswerBody {
+        std::u16string text;
+        size_t bytes = 0;
+        bool refused = false;
+    };
+    static AnswerBody readAnswerBody(IHttpResponse& response);
 
     // The request document: XML declaration followed by the document body.
     std::u16string getBody() const;

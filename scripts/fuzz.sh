@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Fuzzing campaigns. Builds the targets of tests/fuzz with clang and libFuzzer
+# under AddressSanitizer and UndefinedBehaviorSanitizer (build-fuzz/), then
+# runs TARGET (all of them by default, one after another) for SECONDS seconds
+# each (default 60), or for FUZZ_RUNS executions when that is set. Each target
+# starts from tests/fuzz/corpus/<target>; what it finds new is kept in
+# build-fuzz/corpus/<target>, crash files in build-fuzz/crashes/<target>.
+# Not part of the test command.
+#
+#   scripts/fuzz.sh [TARGET] [SECONDS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+targets=(document symbols secstore http_response url args getpass)
+[ $# -ge 1 ] && [ "$1" != all ] && targets=("$1")
+seconds=${2:-60}
+
+scripts/deps.sh clang-16 libclang-rt-16-dev libfuzzer-16-dev
+CC=clang-16 CXX=clang++-16 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DKIVREG_FUZZ=ON -DKIVREG_SANITIZE=ON -DKIVREG_WERROR=OFF -DKIVREG_BUILD_TESTS=OFF \
+  -DKIVREG_BUILD_BENCH=OFF
+cmake --build build-fuzz -j "$(nproc)" --target "${targets[@]/#/kivreg_fuzz_}"
+
+export ASAN_OPTIONS=halt_on_error=1:abort_on_error=1:detect_leaks=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+status=0
+for t in "${targets[@]}"; do
+  corpus=build-fuzz/corpus/$t crashes=build-fuzz/crashes/$t
+  mkdir -p "$corpus" "$crashes"
+  before=$(find "$corpus" -type f | wc -l)
+  limit=(-max_total_time="$seconds")
+  [ -n "${FUZZ_RUNS:-}" ] && limit=(-runs="$FUZZ_RUNS")
+  log=build-fuzz/$t.log
+  rc=0
+  build-fuzz/kivreg_fuzz_"$t" "${limit[@]}" -timeout=25 -rss_limit_mb=4096 \
+    -artifact_prefix="$crashes/" "$corpus" "tests/fuzz/corpus/$t" >"$log" 2>&1 || rc=$?
+  runs=$(grep -Eo '^Done [0-9]+ runs' "$log" | grep -Eo '[0-9]+' || true)
+  [ -z "$runs" ] && runs=$(grep -Eo '^#[0-9]+' "$log" | tail -1 | tr -d '#')
+  found=$(find "$crashes" -type f | sort)
+  echo "$t: ${runs:-0} executions, $(($(find "$corpus" -type f | wc -l) - before)) new corpus" \
+    "entries, crash files: ${found:-none}"
+  if [ "$rc" -ne 0 ]; then
+    status=1
+    echo "  $t stopped with status $rc; see $log"
+  fi
+done
+exit "$status"
