@@ -16,9 +16,8 @@ namespace kivreg {
 class CLog;
 
 namespace rt {
-class XmlDocument;
-class XmlElement;
 class XmlInputStream;
+class XmlStartTag;
 }  // namespace rt
 
 class CXmlFile {
@@ -119,12 +118,10 @@ public:
     void write2File() const;
 
 private:
+    class Builder;
     bool loadStream(rt::XmlInputStream& in);
-    bool parse(rt::XmlDocument& doc, std::u16string& errorText);
-    bool processGroup(const rt::XmlElement& elem, CGroup& group);
-    bool processClass(const rt::XmlElement& elem, int type, CClass& cls);
-    CInst processInstance(const rt::XmlElement& elem);
-    bool processClasses(rt::XmlDocument& doc, const rt::XmlElement& groupElem, CGroup& group);
+    bool processGroup(const rt::XmlStartTag& elem, CGroup& group);
+    bool processClass(const rt::XmlStartTag& elem, int type, CClass& cls);
     void addGroup(CGroup&& group);
     template <typename Out>
     void renderBody(Out& out) const;

@@ -4,11 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <new>
 
+#include <libxml/SAX2.h>
 #include <libxml/globals.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 
@@ -16,31 +21,17 @@ namespace kivreg::rt {
 
 namespace {
 
-// Never the network, never an external DTD, never entity substitution; the
-// built-in limits (nesting depth, entity amplification, text size) stay on
-// because XML_PARSE_HUGE is not given.
+// Never the network, never an external DTD; the built-in limits (nesting
+// depth, entity amplification, name sizes) stay on because XML_PARSE_HUGE is
+// not given. External entities stay unread: that needs XML_PARSE_NOENT or
+// validation, and neither is asked for.
 constexpr int kParseOptions = XML_PARSE_NONET;
 
 const char* cs(const xmlChar* s) {
     return reinterpret_cast<const char*>(s);
 }
 
-void onError(void* data, xmlErrorPtr error) {
-    auto* ctxt = static_cast<xmlParserCtxtPtr>(data);
-    if (ctxt == nullptr || ctxt->_private == nullptr || error == nullptr) return;
-    auto* sink = static_cast<std::vector<XmlError>*>(ctxt->_private);
-    XmlError e;
-    if (error->message != nullptr) {
-        e.reason = error->message;
-        while (!e.reason.empty() && (e.reason.back() == '\n' || e.reason.back() == '\r'))
-            e.reason.pop_back();
-    }
-    e.severity = static_cast<int>(error->level);
-    if (error->file != nullptr) e.entity = error->file;
-    e.line = error->line;
-    e.column = error->int2;  // libxml2 keeps the column there
-    sink->push_back(std::move(e));
-}
+void errorTo(void* ctx, xmlErrorPtr error);
 
 // Errors that libxml2 raises outside the parser context (input layer) would
 // go to its process-wide handler; route them here while a parse runs and put
@@ -49,7 +40,7 @@ class GlobalErrorRoute {
 public:
     explicit GlobalErrorRoute(xmlParserCtxtPtr ctxt)
         : m_handler(xmlStructuredError), m_context(xmlStructuredErrorContext) {
-        xmlSetStructuredErrorFunc(ctxt, onError);
+        xmlSetStructuredErrorFunc(ctxt, errorTo);
     }
     ~GlobalErrorRoute() { xmlSetStructuredErrorFunc(m_context, m_handler); }
     GlobalErrorRoute(const GlobalErrorRoute&) = delete;
@@ -60,39 +51,158 @@ private:
     void* m_context;
 };
 
-// True when a name written with this namespace (its prefix, if any) and this
-// local part reads exactly as qname.
-bool sameQName(const xmlNs* ns, const xmlChar* name, std::string_view qname) {
+// True when a name written with this prefix (or none) and this local part
+// reads exactly as qname.
+bool sameQName(const xmlChar* prefixName, const xmlChar* name, std::string_view qname) {
     std::string_view local = cs(name);
-    if (ns == nullptr || ns->prefix == nullptr) return local == qname;
-    std::string_view prefix = cs(ns->prefix);
+    if (prefixName == nullptr) return local == qname;
+    std::string_view prefix = cs(prefixName);
     return qname.size() == prefix.size() + 1 + local.size() && qname.starts_with(prefix) &&
            qname[prefix.size()] == ':' && qname.ends_with(local);
 }
 
-// The first element node from node on.
-XmlElement elementFrom(xmlNode* node) {
-    while (node != nullptr && node->type != XML_ELEMENT_NODE) node = node->next;
-    return XmlElement(node);
-}
+}  // namespace
 
-void appendText(const xmlNode* node, std::string& out) {
-    for (const xmlNode* c = node->children; c != nullptr; c = c->next) {
-        switch (c->type) {
-            case XML_TEXT_NODE:
-            case XML_CDATA_SECTION_NODE:
-                if (c->content != nullptr) out += cs(c->content);
-                break;
-            case XML_ELEMENT_NODE:
-                appendText(c, out);  // depth is bounded by the parser's nesting limit
-                break;
-            default:  // entity references stay unexpanded; comments and PIs carry no text
-                break;
+// The parser's callbacks. The context they receive may be one libxml2 makes
+// for the text of an entity; it carries the same _private, so everything is
+// reached from there.
+struct XmlEvents {
+    static XmlParser& parser(void* ctx) {
+        return *static_cast<XmlParser*>(static_cast<xmlParserCtxtPtr>(ctx)->_private);
+    }
+
+    static void error(void* ctx, xmlErrorPtr error) {
+        auto* ctxt = static_cast<xmlParserCtxtPtr>(ctx);
+        if (ctxt == nullptr || ctxt->_private == nullptr || error == nullptr) return;
+        XmlError e;
+        if (error->message != nullptr) {
+            e.reason = error->message;
+            while (!e.reason.empty() && (e.reason.back() == '\n' || e.reason.back() == '\r'))
+                e.reason.pop_back();
+        }
+        e.severity = static_cast<int>(error->level);
+        if (error->file != nullptr) e.entity = error->file;
+        e.line = error->line;
+        e.column = error->int2;  // libxml2 keeps the column there
+        parser(ctx).m_errors.push_back(std::move(e));
+    }
+
+    // A failure thrown by the handler must not cross libxml2's frames.
+    template <typename Call>
+    static void guarded(void* ctx, Call call) {
+        XmlParser& p = parser(ctx);
+        if (p.m_failure) return;
+        try {
+            call(p);
+        } catch (...) {
+            p.m_failure = std::current_exception();
+            xmlStopParser(static_cast<xmlParserCtxtPtr>(ctx));
         }
     }
-}
 
-}  // namespace
+    // Entities declared in the document are expanded into text and
+    // attribute values, but only outside the DTD: inside it, expanding would
+    // also read external parameter entities. Set from the callbacks because
+    // reading applies the options only just before the document starts.
+    static void expandEntities(void* ctx, bool on) {
+        static_cast<xmlParserCtxtPtr>(ctx)->replaceEntities = on ? 1 : 0;
+    }
+    static void startDocument(void* ctx) {
+        xmlSAX2StartDocument(ctx);
+        expandEntities(ctx, true);
+    }
+    static void internalSubset(void* ctx, const xmlChar* name, const xmlChar* publicId,
+                               const xmlChar* systemId) {
+        expandEntities(ctx, false);
+        xmlSAX2InternalSubset(ctx, name, publicId, systemId);
+    }
+    static void externalSubset(void* ctx, const xmlChar* name, const xmlChar* publicId,
+                               const xmlChar* systemId) {
+        xmlSAX2ExternalSubset(ctx, name, publicId, systemId);
+        expandEntities(ctx, true);
+    }
+
+    static void startElement(void* ctx, const xmlChar* local, const xmlChar* prefix, const xmlChar*,
+                             int, const xmlChar**, int count, int defaulted,
+                             const xmlChar** attributes) {
+        guarded(ctx, [&](XmlParser& p) {
+            p.m_textRun = 0;
+            XmlStartTag tag;
+            tag.m_local = local;
+            tag.m_prefix = prefix;
+            tag.m_attributes = attributes;
+            // Values the DTD supplies by default are not part of the element.
+            tag.m_count = count - defaulted;
+            p.m_handler->startElement(tag);
+        });
+    }
+
+    static void endElement(void* ctx, const xmlChar*, const xmlChar*, const xmlChar*) {
+        guarded(ctx, [](XmlParser& p) {
+            p.m_textRun = 0;
+            p.m_handler->endElement();
+        });
+    }
+
+    static void characters(void* ctx, const xmlChar* text, int len) {
+        guarded(ctx, [&](XmlParser& p) {
+            // The limit on one run of text that a tree-building reader
+            // enforces: its second and later pieces must keep the run within
+            // XML_MAX_TEXT_LENGTH. Reaching it stops the parse the same way,
+            // so the same error follows.
+            const auto n = static_cast<size_t>(len);
+            if (p.m_textRun > 0 && p.m_textRun + n > XML_MAX_TEXT_LENGTH) {
+                auto* ctxt = static_cast<xmlParserCtxtPtr>(ctx);
+                XmlError e{"xmlSAX2Characters: huge text node", XML_SEV_ERROR, {}, 0, 0};
+                if (ctxt->input != nullptr) {
+                    if (ctxt->input->filename != nullptr) e.entity = ctxt->input->filename;
+                    e.line = ctxt->input->line;
+                    e.column = ctxt->input->col;
+                }
+                p.m_errors.push_back(std::move(e));
+                ctxt->errNo = XML_ERR_NO_MEMORY;
+                ctxt->instate = XML_PARSER_EOF;
+                ctxt->disableSAX = 1;
+                return;
+            }
+            p.m_textRun += n;
+            p.m_handler->text(std::string_view(cs(text), n));
+        });
+    }
+
+    // CDATA, comments and processing instructions end a run of text.
+    static void cdata(void* ctx, const xmlChar* text, int len) {
+        guarded(ctx, [&](XmlParser& p) {
+            p.m_textRun = 0;
+            p.m_handler->text(std::string_view(cs(text), static_cast<size_t>(len)));
+        });
+    }
+    static void comment(void* ctx, const xmlChar*) { parser(ctx).m_textRun = 0; }
+    static void instruction(void* ctx, const xmlChar*, const xmlChar*) {
+        parser(ctx).m_textRun = 0;
+    }
+
+    static int closeNothing(void*) { return 0; }
+
+    // Standard input for the parser, its last character given once more.
+    static int readStdin(void* context, char* buffer, int len) {
+        auto& in = *static_cast<XmlInputStream*>(context);
+        if (!in.m_ended) {
+            const size_t n = std::fread(buffer, 1, static_cast<size_t>(len), stdin);
+            if (n > 0) {
+                in.m_tail.append(buffer + n - std::min<size_t>(n, 4), std::min<size_t>(n, 4));
+                if (in.m_tail.size() > 4) in.m_tail.erase(0, in.m_tail.size() - 4);
+                return static_cast<int>(n);
+            }
+            in.m_ended = true;
+            if (!in.m_tail.empty()) in.m_tail.erase(0, lastCharStart(in.m_tail));
+        }
+        const size_t n = std::min(in.m_tail.size(), static_cast<size_t>(len));
+        std::memcpy(buffer, in.m_tail.data(), n);
+        in.m_tail.erase(0, n);
+        return static_cast<int>(n);
+    }
+};
 
 const char16_t* severityText(int severity) {
     switch (severity) {
@@ -107,6 +217,21 @@ const char16_t* severityText(int severity) {
     }
 }
 
+namespace {
+void errorTo(void* ctx, xmlErrorPtr error) {
+    XmlEvents::error(ctx, error);
+}
+}  // namespace
+
+size_t lastCharStart(std::string_view bytes) {
+    const auto continuation = [&](size_t i) {
+        return (static_cast<unsigned char>(bytes[i]) & 0xC0) == 0x80;
+    };
+    size_t start = bytes.size() - 1;
+    while (start > 0 && bytes.size() - start < 4 && continuation(start)) --start;
+    return continuation(start) ? bytes.size() - 1 : start;
+}
+
 // ---- XmlInputStream
 
 XmlInputStream XmlInputStream::onString(std::string utf8) {
@@ -117,10 +242,9 @@ XmlInputStream XmlInputStream::onString(std::string utf8) {
     return in;
 }
 
-XmlInputStream XmlInputStream::onBytes(std::string bytes) {
+XmlInputStream XmlInputStream::onStdin() {
     XmlInputStream in;
-    in.m_data = std::move(bytes);
-    in.m_inMemory = true;
+    in.m_stdin = true;
     return in;
 }
 
@@ -143,81 +267,42 @@ XmlInputStream::XmlInputStream(XmlInputStream&& other) noexcept
       m_path(std::move(other.m_path)),
       m_fd(other.m_fd),
       m_inMemory(other.m_inMemory),
-      m_ignoreDeclaredEncoding(other.m_ignoreDeclaredEncoding) {
+      m_ignoreDeclaredEncoding(other.m_ignoreDeclaredEncoding),
+      m_stdin(other.m_stdin),
+      m_tail(std::move(other.m_tail)),
+      m_ended(other.m_ended) {
     other.m_fd = -1;
     other.m_inMemory = false;
+    other.m_stdin = false;
 }
 
 XmlInputStream::~XmlInputStream() {
     if (m_fd >= 0) ::close(m_fd);
 }
 
-// ---- XmlElement
+// ---- XmlStartTag
 
-std::string XmlElement::name() const {
-    if (m_node == nullptr || m_node->name == nullptr) return {};
+std::string XmlStartTag::name() const {
     std::string n;
-    if (m_node->ns != nullptr && m_node->ns->prefix != nullptr) {
-        n = cs(m_node->ns->prefix);
+    if (m_prefix != nullptr) {
+        n = cs(m_prefix);
         n += ':';
     }
-    n += cs(m_node->name);
+    if (m_local != nullptr) n += cs(m_local);
     return n;
 }
 
-bool XmlElement::is(std::string_view qname) const {
-    return m_node != nullptr && m_node->name != nullptr &&
-           sameQName(m_node->ns, m_node->name, qname);
+bool XmlStartTag::is(std::string_view qname) const {
+    return m_local != nullptr && sameQName(m_prefix, m_local, qname);
 }
 
-XmlElement XmlElement::firstChild() const {
-    return m_node != nullptr ? elementFrom(m_node->children) : XmlElement();
-}
-
-XmlElement XmlElement::nextSibling() const {
-    return m_node != nullptr ? elementFrom(m_node->next) : XmlElement();
-}
-
-std::string XmlElement::attribute(std::string_view name) const {
-    if (m_node == nullptr) return {};
-    for (const xmlAttr* a = m_node->properties; a != nullptr; a = a->next) {
-        if (a->name == nullptr || !sameQName(a->ns, a->name, name)) continue;
-        std::string value;
-        for (const xmlNode* c = a->children; c != nullptr; c = c->next)
-            if (c->type == XML_TEXT_NODE && c->content != nullptr) value += cs(c->content);
-        return value;
+std::string_view XmlStartTag::attribute(std::string_view qname) const {
+    for (int i = 0; i < m_count; ++i) {
+        const xmlChar* const* a = m_attributes + 5 * i;  // local, prefix, URI, value, end
+        if (a[0] != nullptr && sameQName(a[1], a[0], qname))
+            return {cs(a[3]), static_cast<size_t>(a[4] - a[3])};
     }
     return {};
-}
-
-std::string XmlElement::text() const {
-    std::string out;
-    if (m_node != nullptr) appendText(m_node, out);
-    return out;
-}
-
-// ---- XmlDocument
-
-XmlDocument::XmlDocument() = default;
-
-XmlDocument::~XmlDocument() {
-    release();
-}
-
-void XmlDocument::release() {
-    if (m_doc != nullptr) xmlFreeDoc(m_doc);
-    m_doc = nullptr;
-}
-
-void XmlDocument::discard(XmlElement& elem) {
-    if (elem.m_node == nullptr) return;
-    xmlUnlinkNode(elem.m_node);
-    xmlFreeNode(elem.m_node);
-    elem.m_node = nullptr;
-}
-
-XmlElement XmlDocument::root() const {
-    return XmlElement(m_doc != nullptr ? xmlDocGetRootElement(m_doc) : nullptr);
 }
 
 // ---- XmlParser
@@ -226,19 +311,35 @@ XmlParser::XmlParser() {
     xmlInitParser();
     m_ctxt = xmlNewParserCtxt();
     if (m_ctxt == nullptr) throw std::bad_alloc();
-    m_ctxt->_private = &m_errors;
-    m_ctxt->sax->serror = onError;
+    m_ctxt->_private = this;
+    xmlSAXHandler& sax = *m_ctxt->sax;
+    // The DTD's own callbacks stay: they record the entities to expand.
+    sax.serror = errorTo;
+    sax.startDocument = XmlEvents::startDocument;
+    sax.internalSubset = XmlEvents::internalSubset;
+    sax.externalSubset = XmlEvents::externalSubset;
+    sax.startElementNs = XmlEvents::startElement;
+    sax.endElementNs = XmlEvents::endElement;
+    sax.characters = XmlEvents::characters;
+    sax.ignorableWhitespace = XmlEvents::characters;
+    sax.cdataBlock = XmlEvents::cdata;
+    sax.comment = XmlEvents::comment;
+    sax.processingInstruction = XmlEvents::instruction;
+    sax.reference = nullptr;
 }
 
 XmlParser::~XmlParser() {
     if (m_ctxt != nullptr) xmlFreeParserCtxt(m_ctxt);
 }
 
-bool XmlParser::parse(XmlInputStream& in, XmlDocument& doc) {
+bool XmlParser::parse(XmlInputStream& in, XmlHandler& handler) {
     m_errors.clear();
-    doc.release();
+    m_failure = nullptr;
+    m_textRun = 0;
     if (!in.isOpen()) return false;
+    m_handler = &handler;
     GlobalErrorRoute route(m_ctxt);
+    xmlDocPtr dtdOnly;
     if (in.m_inMemory) {
         if (in.m_data.size() > static_cast<size_t>(INT_MAX)) {
             m_errors.push_back({"Document too large", XML_SEV_FATAL, {}, 0, 0});
@@ -248,12 +349,20 @@ bool XmlParser::parse(XmlInputStream& in, XmlDocument& doc) {
         if (in.m_ignoreDeclaredEncoding) options |= XML_PARSE_IGNORE_ENC;
         // The text is already Unicode; it is handed over as UTF-8.
         const char* encoding = in.m_ignoreDeclaredEncoding ? "UTF-8" : nullptr;
-        doc.m_doc = xmlCtxtReadMemory(m_ctxt, in.m_data.data(), static_cast<int>(in.m_data.size()),
-                                      nullptr, encoding, options);
+        dtdOnly = xmlCtxtReadMemory(m_ctxt, in.m_data.data(), static_cast<int>(in.m_data.size()),
+                                    nullptr, encoding, options);
+    } else if (in.m_stdin) {
+        dtdOnly = xmlCtxtReadIO(m_ctxt, XmlEvents::readStdin, XmlEvents::closeNothing, &in, nullptr,
+                                nullptr, kParseOptions);
     } else {
-        doc.m_doc = xmlCtxtReadFd(m_ctxt, in.m_fd, in.m_path.c_str(), nullptr, kParseOptions);
+        dtdOnly = xmlCtxtReadFd(m_ctxt, in.m_fd, in.m_path.c_str(), nullptr, kParseOptions);
     }
-    return doc.m_doc != nullptr;
+    // What is left of the document is its DTD; the handler has the rest.
+    const bool wellFormed = dtdOnly != nullptr;
+    if (dtdOnly != nullptr) xmlFreeDoc(dtdOnly);
+    m_handler = nullptr;
+    if (m_failure) std::rethrow_exception(m_failure);
+    return wellFormed;
 }
 
 size_t XmlParser::numErrors(int minSeverity) const {

@@ -1,17 +1,15 @@
 #pragma once
-// A small adapter over libxml2 for reading the supplier's document: a
-// parser that collects its own error records, the parsed document, element
-// handles, and the input stream (a file, a text, or bytes from standard
-// input). The parser never touches the network and never loads external
-// entities or DTDs; entity references are neither substituted nor followed.
+// A small adapter over libxml2's streaming interface for reading the
+// supplier's document: the parser reports start tags, end tags and text to a
+// handler as it reads, and collects its own error records. No tree is built.
+// The parser never touches the network and never loads external entities or
+// DTDs; entities declared in the document itself are expanded.
 
-#include <memory>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
 
-struct _xmlDoc;
-struct _xmlNode;
 struct _xmlParserCtxt;
 
 namespace kivreg::rt {
@@ -35,8 +33,9 @@ public:
     // A document held as text: already Unicode, so an encoding named in its
     // declaration is ignored.
     static XmlInputStream onString(std::string utf8);
-    // Raw bytes of a document (standard input); the declaration decides.
-    static XmlInputStream onBytes(std::string bytes);
+    // Standard input, read as the parser asks for it; the declaration decides
+    // the encoding. The last character read comes out twice.
+    static XmlInputStream onStdin();
     // A document file, opened at once; see isOpen().
     static XmlInputStream onFile(const std::string& path);
 
@@ -44,10 +43,11 @@ public:
     XmlInputStream& operator=(XmlInputStream&&) = delete;
     ~XmlInputStream();
 
-    bool isOpen() const { return m_fd >= 0 || m_inMemory; }
+    bool isOpen() const { return m_fd >= 0 || m_inMemory || m_stdin; }
 
 private:
     friend class XmlParser;
+    friend struct XmlEvents;
     XmlInputStream() = default;
 
     std::string m_data;
@@ -55,50 +55,45 @@ private:
     int m_fd = -1;
     bool m_inMemory = false;
     bool m_ignoreDeclaredEncoding = false;
+    bool m_stdin = false;
+    // Standard input: its last bytes seen, and whether its end was reached.
+    std::string m_tail;
+    bool m_ended = false;
 };
 
-class XmlElement {
-public:
-    XmlElement() = default;
-    explicit XmlElement(_xmlNode* node) : m_node(node) {}
+// Where the character that standard input repeats at its end begins: the
+// start of the last UTF-8 sequence, or the last byte when that is no whole
+// sequence's end.
+size_t lastCharStart(std::string_view bytes);
 
-    explicit operator bool() const { return m_node != nullptr; }
+// An element's start tag as the parser hands it over; valid during the call.
+class XmlStartTag {
+public:
     // The qualified name ("prefix:local" when a prefix is written).
     std::string name() const;
     // True when the element's qualified name is exactly this.
     bool is(std::string_view qname) const;
-    // Element children only; text, comments and the like are passed over.
-    XmlElement firstChild() const;
-    XmlElement nextSibling() const;
-    // The attribute's value (UTF-8), empty when absent.
-    std::string attribute(std::string_view name) const;
-    // The text of the element and its descendants, in document order.
-    std::string text() const;
+    // The attribute's value (UTF-8, entities expanded), empty when absent.
+    std::string_view attribute(std::string_view qname) const;
 
 private:
-    friend class XmlDocument;
-    _xmlNode* m_node = nullptr;
+    friend struct XmlEvents;
+    const unsigned char* m_local = nullptr;
+    const unsigned char* m_prefix = nullptr;
+    const unsigned char** m_attributes = nullptr;  // five pointers each
+    int m_count = 0;
 };
 
-class XmlDocument {
+// Receives the document as it is read. Text arrives in pieces: a run of
+// calls between two tags belongs together.
+class XmlHandler {
 public:
-    XmlDocument();
-    ~XmlDocument();
-    XmlDocument(const XmlDocument&) = delete;
-    XmlDocument& operator=(const XmlDocument&) = delete;
+    virtual void startElement(const XmlStartTag& tag) = 0;
+    virtual void endElement() = 0;
+    virtual void text(std::string_view utf8) = 0;
 
-    XmlElement root() const;
-    explicit operator bool() const { return m_doc != nullptr; }
-    // Frees the tree early, once the model holds everything.
-    void release();
-    // Removes an element with its subtree from the tree and frees it; the
-    // handle is empty afterwards. Freeing what has been read while the model
-    // is built keeps the tree and the model from peaking together.
-    void discard(XmlElement& elem);
-
-private:
-    friend class XmlParser;
-    _xmlDoc* m_doc = nullptr;
+protected:
+    ~XmlHandler() = default;
 };
 
 class XmlParser {
@@ -108,15 +103,20 @@ public:
     XmlParser(const XmlParser&) = delete;
     XmlParser& operator=(const XmlParser&) = delete;
 
-    // Parses the stream into doc; true on success. The errors of the run are
-    // available afterwards, success or not.
-    bool parse(XmlInputStream& in, XmlDocument& doc);
+    // Reads the stream, reporting to the handler; true when the document is
+    // well-formed. The errors of the run are available afterwards. What the
+    // handler throws stops the parse and is thrown on from here.
+    bool parse(XmlInputStream& in, XmlHandler& handler);
     size_t numErrors(int minSeverity) const;
     const XmlError& getError(size_t index, int minSeverity) const;
 
 private:
+    friend struct XmlEvents;
     _xmlParserCtxt* m_ctxt = nullptr;
+    XmlHandler* m_handler = nullptr;
     std::vector<XmlError> m_errors;
+    std::exception_ptr m_failure;
+    size_t m_textRun = 0;  // of the text since the last tag, for the text size limit
 };
 
 }  // namespace kivreg::rt

@@ -58,10 +58,26 @@ void CLog::close() {
 }
 
 void CLog::flush() {
+    if (m_holding) {
+        appendUtf8Lenient(m_held, m_line);
+        m_held += '\n';
+        return;
+    }
     std::string bytes;
     bytes.reserve(m_line.size() + 1);
     appendUtf8Lenient(bytes, m_line);
     bytes += '\n';
+    write(bytes);
+}
+
+void CLog::releaseHeld(bool write) {
+    m_holding = false;
+    if (write && !m_held.empty()) this->write(m_held);
+    m_held.clear();
+    m_held.shrink_to_fit();
+}
+
+void CLog::write(const std::string& bytes) {
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
     std::fflush(stdout);
     if (m_file != nullptr) {

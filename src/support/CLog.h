@@ -31,6 +31,12 @@ public:
 
     const std::u16string& getFileName() const { return m_fileName; }
 
+    // Keeps the entries from here on back until they are released (written
+    // out in order) or dropped; for messages that only count if what
+    // follows them succeeds.
+    void holdBack() { m_holding = true; }
+    void releaseHeld(bool write);
+
     CLog& operator<<(char16_t c);
     CLog& operator<<(const char16_t* text);
     CLog& operator<<(std::u16string_view text);
@@ -51,9 +57,12 @@ public:
 private:
     template <typename T>
     CLog& appendNumber(T value);
+    void write(const std::string& bytes);
 
     std::u16string m_line;
     std::u16string m_fileName;
+    std::string m_held;  // UTF-8 lines
+    bool m_holding = false;
     bool m_entry = false;
     std::FILE* m_file = nullptr;
 };

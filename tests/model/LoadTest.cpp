@@ -50,7 +50,10 @@ TEST(CXmlFileLoad, MessagesAndResult) {
         Lines messages;
         size_t groups = 0;
         bool loaded = false;
+        const char* inBody = "";
     };
+    Lines entities = header;
+    entities[1] = "Supplier Name: S-hello";
     const Case cases[] = {
         {"root name compared with case", From::Text, "<KIVINFO supplier_name='S'/>",
          root("Invalid XML root element found: KIVINFO")},
@@ -65,6 +68,15 @@ TEST(CXmlFileLoad, MessagesAndResult) {
          "<kivinfo supplier_name='S'><group name='A'/><group name='B'><class "
          "name='ok'/><memberclass/></group></kivinfo>",
          header + Lines{"Class attribute name not set.", ""} + refused, 1},
+        {"a nameless group is not reported when the input is malformed further on", From::Text,
+         "<kivinfo supplier_name='S'><group name=''/><group name='B'></kivinfo>",
+         parseError("Opening and ending tag mismatch: group line 1 and kivinfo", "1, 70") +
+             parseError("Premature end of data in tag kivinfo line 1", "1, 70") + noText},
+        {"internal entities are expanded in attributes and values", From::Text,
+         "<!DOCTYPE kivinfo [<!ENTITY e 'hello'>]><kivinfo supplier_name='S-&e;'><group "
+         "name='G'><class name='C'><instance><property name='P'><value>[&e;]</value></property>"
+         "</instance></class></group></kivinfo>",
+         entities, 1, true, "<value>[hello]</value>"},
         {"malformed", From::Text, "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
          parseError("Opening and ending tag mismatch: group line 2 and kivinfo", "3, 11") +
              parseError("Premature end of data in tag kivinfo line 1", "3, 11") + noText},
@@ -114,6 +126,7 @@ TEST(CXmlFileLoad, MessagesAndResult) {
         EXPECT_EQ(file->isLoaded(), c.loaded);
         EXPECT_EQ(cap.messages(), expected);
         EXPECT_EQ(file->groups().size(), c.groups);
+        EXPECT_NE(u8(file->getBody()).find(c.inBody), std::string::npos);
     }
 }
 
@@ -127,6 +140,62 @@ TEST(CXmlFileLoad, StdinRepeatsItsLastCharacter) {
     for (const auto& [in, out] : stdinCases) {
         test::StdinFrom redirect(in);
         EXPECT_EQ(u8(CXmlFile::getStdin()), out) << in;
+    }
+}
+
+// Documents far larger than the parser's buffers, from a file and through
+// standard input; a class rejected halfway keeps what came before it, and is
+// reported only when the rest of the input is well-formed.
+TEST(CXmlFileLoad, LargeDocuments) {
+    constexpr int kInstances = 60000;  // about 20 MB
+    const auto document = [](int rejectAt, const std::string& tail) {
+        std::string doc = "<kivinfo supplier_name='S'><group name='A'><class name='C'>";
+        for (int i = 0; i < kInstances; ++i) {
+            if (i == rejectAt) doc += "</class></group><group name='B'><class/><class name='D'>";
+            const std::string id = std::to_string(i);
+            doc += "<instance inst_id='" + id + "'><property name='p'><value>" +
+                   std::string(300, 'v') + id + "</value></property><reference rolename='r' " +
+                   "groupname='A' classname='C' inst_id='" + id + "'/></instance>";
+        }
+        return doc + "</class></group></kivinfo>" + tail;
+    };
+    TempDir dir;
+    const auto lastValue = [](const CXmlFile& file) {
+        const CClass& c = file.groups().back().classes().back();
+        return u8(c.instances().back().properties().begin()->second.values().back());
+    };
+    {
+        LogCapture cap;
+        test::writeFile(dir / "big.xml", document(-1, ""));
+        CXmlFile file(cap, u16(dir / "big.xml"));
+        ASSERT_TRUE(file.isLoaded()) << cap.text();
+        EXPECT_EQ(file.groups()[0].classes()[0].instances().size(), size_t{kInstances});
+        EXPECT_EQ(lastValue(file), std::string(300, 'v') + std::to_string(kInstances - 1));
+        EXPECT_TRUE(file.validateReferences());
+    }
+    {
+        LogCapture cap;
+        test::StdinFrom redirect(document(-1, "\n"));
+        CXmlFile file(cap);
+        EXPECT_TRUE(file.isLoaded()) << cap.text();
+        EXPECT_EQ(lastValue(file), std::string(300, 'v') + std::to_string(kInstances - 1));
+    }
+    for (const bool malformed : {false, true}) {
+        LogCapture cap;
+        test::writeFile(dir / "rejected.xml", document(kInstances / 2, malformed ? "<x>" : ""));
+        CXmlFile file(cap, u16(dir / "rejected.xml"));
+        EXPECT_FALSE(file.isLoaded());
+        const Lines m = cap.messages();
+        ASSERT_GE(m.size(), 2u);
+        if (malformed) {
+            EXPECT_EQ(m[0], "Parse error on XML file.");
+            EXPECT_EQ(m[1], "Fatal Error: Extra content at the end of the document");
+            EXPECT_TRUE(file.groups().empty());
+        } else {
+            EXPECT_EQ(m[5], "Class attribute name not set.");
+            ASSERT_EQ(file.groups().size(), 1u);
+            EXPECT_EQ(file.groups()[0].classes()[0].instances().size(), size_t{kInstances / 2});
+        }
     }
 }
 

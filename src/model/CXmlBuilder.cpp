@@ -1,0 +1,415 @@
+// Loading the supplier's document: the model is built from the parser's
+// events as the input is read, without a tree. Messages about the document
+// are held back until the whole input has proved well-formed.
+
+#include "model/CXmlFile.h"
+
+#include <cstdio>
+#include <exception>
+
+#include "runtime/XmlAdapter.h"
+#include "runtime/textconv.h"
+#include "support/CCConv.h"
+#include "support/CLog.h"
+
+namespace kivreg {
+
+namespace {
+
+using rt::XmlStartTag;
+
+std::u16string text16(std::string_view utf8) {
+    return utf8.empty() ? std::u16string() : CCConv::fromUTF8Str(utf8);
+}
+
+std::u16string attr16(const XmlStartTag& e, std::string_view name) {
+    return text16(e.attribute(name));
+}
+
+std::u16string str(std::u16string_view v) {
+    return std::u16string(v);
+}
+
+// The vocabulary's names are ASCII.
+std::u16string widen(std::string_view ascii) {
+    return std::u16string(ascii.begin(), ascii.end());
+}
+
+// An attribute that admits only the given values.
+CAttr choice(std::string_view name, std::u16string value, std::u16string_view defaultValue,
+             std::initializer_list<std::u16string_view> allowed) {
+    CAttr a(widen(name), std::move(value), str(defaultValue));
+    for (std::u16string_view v : allowed) a.addAllowedValue(str(v));
+    return a;
+}
+
+CAttr flag(const XmlStartTag& e, std::string_view name, std::u16string_view defaultValue) {
+    return choice(name, attr16(e, name), defaultValue,
+                  {CXmlFile::TRUE_VALUE, CXmlFile::FALSE_VALUE});
+}
+
+CAttr clean(const XmlStartTag& e) {
+    return choice(CXmlFile::ms_attrClean, attr16(e, CXmlFile::ms_attrClean), CXmlFile::CLEAN_NONE,
+                  {CXmlFile::CLEAN_NONE, CXmlFile::CLEAN_LONE, CXmlFile::CLEAN_ALL});
+}
+
+CAttr anyValue(const XmlStartTag& e, std::string_view name) {
+    return CAttr(widen(name), attr16(e, name));
+}
+
+// Standard input as bytes. The last character is appended once more: the
+// reading loop this replaces noticed the end only after storing the read
+// character again, and documents on standard input are known to carry that.
+std::string readStdinBytes() {
+    std::string data;
+    char buf[1 << 16];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) data.append(buf, n);
+    if (!data.empty()) data.append(data, rt::lastCharStart(data), std::string::npos);
+    return data;
+}
+
+std::string fileNameBytes(const std::u16string& fileName) {
+    std::string out;
+    rt::utf16ToUtf8Lenient(fileName, out);
+    return out;
+}
+
+}  // namespace
+
+// ---- construction and loading
+
+namespace {
+
+// Runs a load, taking any failure that escapes it as a failed load.
+template <typename Load>
+bool loadNoThrow(Load load) {
+    try {
+        return load();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void logException(CLog& log, const ERegExcept& e) {
+    log << timestamp << static_cast<int>(e.getExceptionType()) << u": " << e.getExceptionMsg()
+        << endlog;
+}
+
+}  // namespace
+
+CXmlFile::CXmlFile(CLog* log) : CXmlFile(log, std::u16string()) {}
+
+CXmlFile::CXmlFile(CLog* log, const std::u16string& fileName)
+    : m_log(log), m_fileName(fileName), m_symbols(log) {
+    m_loaded = loadNoThrow([&] { return load(); });
+    if (m_loaded) return;
+    if (m_fileName.empty())
+        *m_log << timestamp << u"Failed to load and parse XML input from stdin." << endlog;
+    else
+        *m_log << timestamp << u"Failed to load and parse XML input file: " << m_fileName << endlog;
+}
+
+CXmlFile::CXmlFile(CLog* log, const std::u16string& data, int) : m_log(log), m_symbols(log) {
+    m_loaded = loadNoThrow([&] { return load(data); });
+    if (!m_loaded) *m_log << timestamp << u"Failed to load and parse XML input." << endlog;
+}
+
+std::u16string CXmlFile::getStdin() {
+    std::u16string out;
+    rt::utf8ToUtf16Lenient(readStdinBytes(), out);
+    return out;
+}
+
+bool CXmlFile::load() {
+    m_loaded = false;
+    try {
+        rt::XmlInputStream in = m_fileName.empty()
+                                    ? rt::XmlInputStream::onStdin()
+                                    : rt::XmlInputStream::onFile(fileNameBytes(m_fileName));
+        if (!in.isOpen()) {
+            *m_log << timestamp << u"Failed to create XML input stream." << endlog;
+            *m_log << timestamp << u"Check file existence: " << m_fileName << endlog;
+            return false;
+        }
+        return loadStream(in);
+    } catch (const ERegExcept& e) {
+        logException(*m_log, e);
+    }
+    return m_loaded;
+}
+
+bool CXmlFile::load(const std::u16string& data) {
+    m_loaded = false;
+    try {
+        rt::XmlInputStream in = rt::XmlInputStream::onString(CCConv::toUTF8Str(data));
+        return loadStream(in);
+    } catch (const ERegExcept& e) {
+        logException(*m_log, e);
+    }
+    return m_loaded;
+}
+
+// ---- building the model
+
+std::u16string CXmlFile::trimValue(std::u16string_view text) {
+    std::u16string out;
+    out.reserve(text.size());
+    for (char16_t c : text) {
+        if (c == u'\r' || c == u'\n') continue;
+        out += c == u'\t' ? u' ' : c;
+    }
+    // Most values have nothing to condense; spare them the second copy.
+    if (out.find(u' ') == std::u16string::npos) return out;
+    return CCConv::condense(out);
+}
+
+// Builds the model from the parser's events. Elements are recognised by
+// their depth and name; anything else is passed over with what it holds. A
+// rejected root, group or class stops the building there: what was built
+// stays, and the rest of the input is only read for well-formedness.
+class CXmlFile::Builder final : public rt::XmlHandler {
+public:
+    explicit Builder(CXmlFile& file) : m_file(file) { m_file.m_body.clear(); }
+
+    bool succeeded() const { return m_ok; }
+    const std::u16string& errorText() const { return m_errorText; }
+
+    void startElement(const XmlStartTag& tag) override {
+        ++m_depth;
+        if (!m_ok || m_valueDepth != 0) return;
+        switch (m_depth) {
+            case kRoot:
+                root(tag);
+                break;
+            case kGroup:
+                m_inGroup = tag.is(ms_tagGroup);
+                if (m_inGroup) m_ok = m_file.processGroup(tag, m_group);
+                break;
+            case kClass:
+                m_inClass = m_inGroup && classType(tag, m_classType);
+                if (m_inClass) m_ok = m_file.processClass(tag, m_classType, m_class);
+                break;
+            case kInstance:
+                m_inInstance = m_inClass && tag.is(ms_tagInstance);
+                if (m_inInstance) m_instance = CInst(attr16(tag, ms_attrInstId));
+                break;
+            case kProperty:
+                m_inProperty = m_inInstance && tag.is(ms_tagProperty);
+                if (m_inProperty) {
+                    m_property = CProp(attr16(tag, ms_attrName));
+                    m_property.setSourceformat(attr16(tag, ms_attrSourceformat));
+                } else if (m_inInstance && tag.is(ms_tagReference)) {
+                    m_instance.addReference(
+                        CRef(attr16(tag, ms_attrRoleName), attr16(tag, ms_attrGroupName),
+                             attr16(tag, ms_attrClassName), attr16(tag, ms_attrInstId)));
+                }
+                break;
+            case kValue:
+                if (m_inProperty && tag.is(ms_tagValue)) {
+                    m_valueDepth = m_depth;
+                    m_value.clear();
+                }
+                break;
+            default:
+                break;
+        }
+    }
+
+    void endElement() override {
+        const int depth = m_depth--;
+        if (!m_ok) return;
+        if (m_valueDepth != 0) {
+            if (depth != m_valueDepth) return;
+            m_valueDepth = 0;
+            m_property.addValue(trimValue(text16(m_value)));
+            return;
+        }
+        switch (depth) {
+            case kProperty:
+                if (m_inProperty) m_instance.addProperty(std::move(m_property));
+                m_inProperty = false;
+                break;
+            case kInstance:
+                if (m_inInstance) m_class.addInst(std::move(m_instance));
+                m_inInstance = false;
+                break;
+            case kClass:
+                if (m_inClass) m_group.addClass(std::move(m_class));
+                m_inClass = false;
+                break;
+            case kGroup:
+                if (m_inGroup) m_file.addGroup(std::move(m_group));
+                m_inGroup = false;
+                break;
+            default:
+                break;
+        }
+    }
+
+    // A value's text is that of the element and everything in it.
+    void text(std::string_view utf8) override {
+        if (m_ok && m_valueDepth != 0) m_value.append(utf8);
+    }
+
+private:
+    enum Depth { kRoot = 1, kGroup, kClass, kInstance, kProperty, kValue };
+
+    void root(const XmlStartTag& tag) {
+        CLog& log = *m_file.m_log;
+        log << timestamp << u"Parsing XML document." << endlog;
+        if (!tag.is(ms_tagKivInfo)) {
+            m_errorText = u"Invalid XML root element found: " + text16(tag.name());
+            m_ok = false;
+            return;
+        }
+        std::u16string name = attr16(tag, ms_attrSupplierName);
+        if (name.empty()) {
+            m_errorText = u"Supplier name attribute value missing in root element.";
+            m_ok = false;
+            return;
+        }
+        m_file.m_supplierName = std::move(name);
+        m_file.m_supplierVersion = attr16(tag, ms_attrSupplierVersion);
+        m_file.m_supplierVendor = attr16(tag, ms_attrSupplierVendor);
+        m_file.m_modelVersion = attr16(tag, ms_attrModelVersion);
+        log << timestamp << u"Supplier Name: " << m_file.m_supplierName << endlog;
+        log << timestamp << u"Supplier Version: " << m_file.m_supplierVersion << endlog;
+        log << timestamp << u"Supplier Vendor: " << m_file.m_supplierVendor << endlog;
+        log << timestamp << u"CIM Model Version: " << m_file.m_modelVersion << endlog;
+    }
+
+    static bool classType(const XmlStartTag& tag, int& type) {
+        if (tag.is(ms_tagClass))
+            type = CClass::TYPE_CLASS;
+        else if (tag.is(ms_tagRootClass))
+            type = CClass::TYPE_ROOT_CLASS;
+        else if (tag.is(ms_tagMemberClass))
+            type = CClass::TYPE_MEMBER_CLASS;
+        else
+            return false;
+        return true;
+    }
+
+    CXmlFile& m_file;
+    bool m_ok = true;
+    std::u16string m_errorText;
+    int m_depth = 0;
+    int m_valueDepth = 0;  // of the value being read, 0 outside one
+    bool m_inGroup = false, m_inClass = false, m_inInstance = false, m_inProperty = false;
+    int m_classType = 0;
+    CGroup m_group;
+    CClass m_class;
+    CInst m_instance;
+    CProp m_property;
+    std::string m_value;
+};
+
+bool CXmlFile::loadStream(rt::XmlInputStream& in) {
+    Builder builder(*this);
+    rt::XmlParser parser;
+    // Should the parse or the handler throw, what was said stays said.
+    struct Hold {
+        CLog& log;
+        bool write = true;
+        ~Hold() { log.releaseHeld(write); }
+    } hold{*m_log};
+    m_log->holdBack();
+    if (!parser.parse(in, builder)) {
+        hold.write = false;
+        m_log->releaseHeld(false);
+        // A document that is not well-formed gives no model at all.
+        m_groups.clear();
+        m_groupsByName.clear();
+        m_loaded = false;
+        const size_t count = parser.numErrors(rt::XML_SEV_FATAL);
+        for (size_t i = 0; i < count; ++i) {
+            const rt::XmlError& e = parser.getError(i, rt::XML_SEV_FATAL);
+            *m_log << timestamp << u"Parse error on XML file." << endlog;
+            *m_log << timestamp << rt::severityText(e.severity) << u": " << e.reason.c_str()
+                   << endlog;
+            *m_log << timestamp << u" entity=" << e.entity.c_str() << endlog;
+            *m_log << timestamp << u" in line " << e.line << u", " << e.column << endlog;
+        }
+        return false;
+    }
+    m_log->releaseHeld(true);
+    m_loaded = builder.succeeded();
+    if (!m_loaded) {
+        *m_log << timestamp << builder.errorText() << endlog;
+        *m_log << timestamp << u"Failed to parse input data." << endlog;
+    }
+    return m_loaded;
+}
+
+bool CXmlFile::processGroup(const XmlStartTag& elem, CGroup& group) {
+    std::u16string name = attr16(elem, ms_attrName);
+    if (name.empty()) {
+        *m_log << timestamp << u"Group name attribut not specified." << endlog;
+        return false;
+    }
+    group = CGroup(std::move(name));
+    group.addAttribute(anyValue(elem, ms_attrDataType));
+    group.addAttribute(anyValue(elem, ms_attrDataVersion));
+    group.addAttribute(choice(ms_attrGroupType, attr16(elem, ms_attrGroupType), GENERIC_GROUP_TYPE,
+                              {GENERIC_GROUP_TYPE, SPECIFIC_GROUP_TYPE}));
+    return group.validateAttributes(m_log);
+}
+
+bool CXmlFile::processClass(const XmlStartTag& elem, int type, CClass& cls) {
+    std::u16string name = attr16(elem, ms_attrName);
+    if (name.empty()) {
+        *m_log << timestamp << u"Class attribute name not set." << endlog;
+        return false;
+    }
+    cls = CClass(std::move(name), type);
+    switch (type) {
+        case CClass::TYPE_CLASS:
+            cls.addAttribute(flag(elem, ms_attrSync, TRUE_VALUE));
+            cls.addAttribute(flag(elem, ms_attrMergeProperties, TRUE_VALUE));
+            cls.addAttribute(clean(elem));
+            break;
+        case CClass::TYPE_ROOT_CLASS:
+            // Root classes alone are not synchronised unless asked to be.
+            cls.addAttribute(flag(elem, ms_attrSync, FALSE_VALUE));
+            cls.addAttribute(flag(elem, ms_attrMergeRoots, TRUE_VALUE));
+            cls.addAttribute(flag(elem, ms_attrMergeProperties, TRUE_VALUE));
+            cls.addAttribute(clean(elem));
+            break;
+        default:
+            cls.addAttribute(anyValue(elem, ms_attrAssocName));
+            cls.addAttribute(anyValue(elem, ms_attrRootRole));
+            cls.addAttribute(anyValue(elem, ms_attrMemberRole));
+            cls.addAttribute(flag(elem, ms_attrSync, TRUE_VALUE));
+            cls.addAttribute(flag(elem, ms_attrMergeMembers, TRUE_VALUE));
+            cls.addAttribute(flag(elem, ms_attrMergeProperties, TRUE_VALUE));
+            cls.addAttribute(clean(elem));
+            cls.addAttribute(flag(elem, ms_attrOptional, FALSE_VALUE));
+            for (std::string_view optional :
+                 {ms_attrMergeAssocClass, ms_attrMergeRootClass, ms_attrMergeMemberClass}) {
+                CAttr a = anyValue(elem, optional);
+                if (!a.getValue().empty()) cls.addAttribute(std::move(a));
+            }
+            break;
+    }
+    return cls.validateAttributes(m_log);
+}
+
+void CXmlFile::addGroup(CGroup&& group) {
+    // References resolve against the last group of a name; all are kept in order.
+    m_groupsByName.insert_or_assign(group.getName(), m_groups.size());
+    m_groups.push_back(std::move(group));
+}
+
+const CGroup* CXmlFile::findGroup(const std::u16string& name) const {
+    auto it = m_groupsByName.find(name);
+    return it == m_groupsByName.end() ? nullptr : &m_groups[it->second];
+}
+
+bool CXmlFile::hasGroupOfType(const std::u16string& type) const {
+    for (const CGroup& g : m_groups)
+        if (g.getAttributeValue(u"group_type") == type) return true;
+    return false;
+}
+
+}  // namespace kivreg
