@@ -11,7 +11,6 @@
 #include <memory>
 #include <string>
 
-#include "model/CClassicXml.h"
 #include "model/CXmlFile.h"
 #include "runtime/textconv.h"
 #include "support/CLog.h"
@@ -58,16 +57,20 @@ int main(int argc, char** argv) {
     if (symbols.addSymbols(u16(argv[2])) != 1) return 1;
     file->setSymbols(symbols);
     phase("substitute", [&] { file->replaceSymbols(); });
-    size_t units = 0;
-    phase("render", [&] { units = file->getBody().size(); });
-    // Again, now that the buffer exists: the pure cost of walking the model.
-    phase("render again", [&] { file->createBody(); });
-    size_t oldUnits = 0;
-    phase("render old", [&] {
-        kivreg::CClassicXml classic(file->getSupplierName(), file->getSupplierVersion(),
-                                    file.get());
-        oldUnits = classic.getXml().size();
+    // The body as it is sent: UTF-8 straight from the model, the old format too.
+    size_t bytes = 0;
+    phase("render", [&] {
+        std::string body;
+        file->appendBodyUtf8(body);
+        bytes = body.size();
     });
-    std::fprintf(stderr, "body %zu units, old body %zu units\n", units, oldUnits);
+    size_t oldBytes = 0;
+    phase("render old", [&] {
+        file->setOldTransferDtd(true);
+        std::string body;
+        file->appendBodyUtf8(body);
+        oldBytes = body.size();
+    });
+    std::fprintf(stderr, "body %zu bytes, old body %zu bytes\n", bytes, oldBytes);
     return 0;
 }

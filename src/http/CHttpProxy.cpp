@@ -129,17 +129,16 @@ std::u16string CHttpProxy::getBody() const {
 }
 
 std::string CHttpProxy::getBodyRaw() const {
-    const std::u16string& document = m_xmlFile.getBody();
     std::string bytes;
-    if (document.empty()) return bytes;
     const std::u16string declaration = xmlDeclaration();
     if (m_encoding == TRANSFER_ENCODING_UTF8) {
-        // Declaration first, the document converted straight in behind it.
+        // Declaration first, the document rendered straight in behind it.
         bytes = CCConv::toUTF8Str(declaration);
         // A malformed document is converted once more by CCConv, which
         // raises its error (code and exception) for it.
-        if (rt::utf16ToUtf8(document, bytes) != rt::CONV_OK) CCConv::toUTF8Str(document);
+        if (!m_xmlFile.appendBodyUtf8(bytes)) CCConv::toUTF8Str(m_xmlFile.getBody());
     } else if (m_encoding == TRANSFER_ENCODING_UTF16) {
+        const std::u16string& document = m_xmlFile.getBody();
         bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
         bytes.append(reinterpret_cast<const char*>(declaration.data()),
                      declaration.size() * sizeof(char16_t));
@@ -150,13 +149,16 @@ std::string CHttpProxy::getBodyRaw() const {
 }
 
 void CHttpProxy::createBodyFromXML() {
-    if (m_xmlFile.getBody().empty()) return;
     std::string bytes = getBodyRaw();
     // Documents in the current format go without a content-type line: this
     // replaces the header set at construction. The old format keeps it.
     if (!m_xmlFile.useOldTransferDtd()) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
     m_request->addHeaderline(USER_AGENT);
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
+}
+
+void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> progress) {
+    m_request->setProgress(std::move(progress));
 }
 
 int CHttpProxy::send() {

@@ -4,6 +4,7 @@
 // Constructed (and connected) -> createBodyFromXML -> send -> receive. The
 // connection is transient, so an object carries exactly one request.
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -53,6 +54,8 @@ public:
     void createBodyFromXML();
     // 0 when the body was written, else the network layer's code.
     int send();
+    // Reports the body's bytes written and their total as send goes on.
+    void setProgress(std::function<void(size_t written, size_t total)> progress);
     // The HTTP status of the answer, or -1 when none could be had.
     int receive();
     // The body (and trailer) of an answer whose header has been read, as

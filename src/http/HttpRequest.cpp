@@ -167,7 +167,7 @@ void HttpRequest::completeHeader(int contentLength) {
     addHeaderline(u"");
 }
 
-int HttpRequest::writeBuffer(const std::string& buffer, int* rc) {
+int HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
     if (m_connection == nullptr) {
         if (rc != nullptr) *rc = rt::NET_ERR_INVALID;
         return 0;
@@ -189,7 +189,18 @@ int HttpRequest::writeBody(int* rc) {
     int code = 0;
     int written = 0;
     if (!m_body.empty()) {
-        written = writeBuffer(m_body, &code);
+        if (!m_progress) {
+            written = writeBuffer(m_body, &code);
+        } else {
+            const std::string_view body = m_body;
+            while (static_cast<size_t>(written) < body.size()) {
+                const std::string_view piece = body.substr(written, PROGRESS_STEP);
+                const int n = writeBuffer(piece, &code);
+                written += n;
+                m_progress(static_cast<size_t>(written), body.size());
+                if (code != 0 || n != static_cast<int>(piece.size())) break;
+            }
+        }
         ++m_sendCount;
         Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_body.size(),
                             written);

@@ -38,6 +38,7 @@ public:
     int setHeaderBlocksize(int size) override { return swapBlock(m_headerBlock, size); }
     int getBodyBlocksize() const override { return m_bodyBlock; }
     int setBodyBlocksize(int size) override { return swapBlock(m_bodyBlock, size); }
+    void setProgress(Progress progress) override { m_progress = std::move(progress); }
 
 private:
     // "POST /path HTTP/1.1\r\nHost: h[\r\nConnection: Close]"; empty without URL.
@@ -46,7 +47,7 @@ private:
     void completeHeader(int contentLength);
     static int swapBlock(int& block, int size);
     static void reserveBlocks(std::string& buffer, size_t needed, int block);
-    int writeBuffer(const std::string& buffer, int* rc);
+    int writeBuffer(std::string_view buffer, int* rc);
     int writeBody(int* rc);
 
     HttpCmd m_cmd;
@@ -60,6 +61,7 @@ private:
     int m_bodyBlock = 102400;
     int m_sendCount = 0;
     bool m_viaProxy = false;
+    Progress m_progress;
 };
 
 }  // namespace kivreg

@@ -3,6 +3,7 @@
 // IIPConnection. Text lines are converted to 7-bit ASCII (other characters
 // become '?') and stored with CR LF; body bytes are stored as given.
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -61,6 +62,13 @@ public:
     virtual int setHeaderBlocksize(int size) = 0;
     virtual int getBodyBlocksize() const = 0;
     virtual int setBodyBlocksize(int size) = 0;
+
+    // Told the bytes of the body written so far and their total, after each
+    // piece of at most PROGRESS_STEP bytes; without it the body goes out in
+    // one write.
+    using Progress = std::function<void(size_t written, size_t total)>;
+    static constexpr size_t PROGRESS_STEP = size_t{1} << 20;
+    virtual void setProgress(Progress progress) = 0;
 };
 
 // 0 and a GET request without URL on the connection, or -1 when the

@@ -23,10 +23,11 @@ public:
     const std::u16string& getXml();
     // The rendered text, handed over without a copy.
     std::u16string takeXml() &&;
-
-private:
+    // Writes the document into a string, UTF-8 bytes or a counter.
     template <typename Out>
     void render(Out& out) const;
+
+private:
     template <typename Out>
     static void renderInstance(Out& out, const CClass& cls, const CInst& inst);
 

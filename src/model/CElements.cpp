@@ -2,8 +2,8 @@
 // values are escaped; names and attribute values go out exactly as they are
 // held, which the receiving side expects.
 
-// Each element's render template is instantiated here for both outputs, the
-// string and the XmlLength counter (see CXmlElem).
+// Each element's render template is instantiated here for every output: the
+// string, UTF-8 bytes and the two counters (see CXmlElem and XmlLength.h).
 
 #include <algorithm>
 #include <iterator>
@@ -130,13 +130,23 @@ void CGroup::render(Out& out) const {
 
 template void CProp::render(std::u16string&) const;
 template void CProp::render(XmlLength&) const;
+template void CProp::render(Utf8Out&) const;
+template void CProp::render(Utf8Length&) const;
 template void CRef::render(std::u16string&) const;
 template void CRef::render(XmlLength&) const;
+template void CRef::render(Utf8Out&) const;
+template void CRef::render(Utf8Length&) const;
 template void CInst::render(std::u16string&) const;
 template void CInst::render(XmlLength&) const;
+template void CInst::render(Utf8Out&) const;
+template void CInst::render(Utf8Length&) const;
 template void CClass::render(std::u16string&) const;
 template void CClass::render(XmlLength&) const;
+template void CClass::render(Utf8Out&) const;
+template void CClass::render(Utf8Length&) const;
 template void CGroup::render(std::u16string&) const;
 template void CGroup::render(XmlLength&) const;
+template void CGroup::render(Utf8Out&) const;
+template void CGroup::render(Utf8Length&) const;
 
 }  // namespace kivreg

@@ -113,6 +113,11 @@ public:
     const std::u16string& getBody();
     void createBody();
     void createBodyOld();
+    // Appends the transfer body in the chosen format to out, rendered
+    // straight into UTF-8 and without keeping a copy; out grows once. False
+    // when a text holds an unpaired surrogate: out then ends where that
+    // text's conversion failed.
+    bool appendBodyUtf8(std::string& out) const;
 
     // Writes the whole model to the log.
     void write2File() const;

@@ -40,6 +40,21 @@ void CXmlFile::createBody() {
     renderBody(m_body);
 }
 
+bool CXmlFile::appendBodyUtf8(std::string& out) const {
+    const auto render = [&](auto& sink) {
+        if (m_oldTransferDtd)
+            CClassicXml(m_supplierName, m_supplierVersion, this).render(sink);
+        else
+            renderBody(sink);
+    };
+    Utf8Length length;
+    render(length);
+    out.reserve(out.size() + length.bytes);
+    Utf8Out bytes{out};
+    render(bytes);
+    return !bytes.malformed;
+}
+
 void CXmlFile::createBodyOld() {
     m_body.clear();
     if (!m_oldTransferDtd) return;

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "runtime/textconv.h"
+
 namespace kivreg {
 
 struct XmlLength {
@@ -22,6 +24,49 @@ struct XmlLength {
     }
     XmlLength& operator+=(std::u16string_view s) {
         units += s.size();
+        return *this;
+    }
+};
+
+// The same document written straight into UTF-8. After an unpaired surrogate
+// nothing more is written: the bytes end where the conversion failed.
+struct Utf8Out {
+    std::string& bytes;
+    bool malformed = false;
+    Utf8Out& operator+=(char16_t c) {
+        if (c < 0x80 && !malformed)
+            bytes += static_cast<char>(c);
+        else
+            *this += std::u16string_view(&c, 1);
+        return *this;
+    }
+    Utf8Out& operator+=(const char16_t* s) { return *this += std::u16string_view(s); }
+    Utf8Out& operator+=(std::u16string_view s) {
+        if (malformed) return *this;
+        // Most of a document is ASCII: copied unit by unit until the first
+        // character that is not, the rest through the converter.
+        const size_t base = bytes.size();
+        bytes.resize(base + s.size());
+        char* o = bytes.data() + base;
+        for (size_t i = 0; i < s.size(); ++i) {
+            if (s[i] >= 0x80) {
+                bytes.resize(base + i);
+                malformed = rt::utf16ToUtf8(s.substr(i), bytes) != rt::CONV_OK;
+                break;
+            }
+            o[i] = static_cast<char>(s[i]);
+        }
+        return *this;
+    }
+};
+
+// Measures for Utf8Out: the bytes to reserve so that writing never reallocates.
+struct Utf8Length {
+    size_t bytes = 0;
+    Utf8Length& operator+=(char16_t c) { return *this += std::u16string_view(&c, 1); }
+    Utf8Length& operator+=(const char16_t* s) { return *this += std::u16string_view(s); }
+    Utf8Length& operator+=(std::u16string_view s) {
+        bytes += rt::utf8SizeBound(s);
         return *this;
     }
 };

@@ -72,12 +72,6 @@ size_t utf16UnitsFor(std::string_view in) {
     return units;
 }
 
-size_t utf8BytesFor(std::u16string_view in) {
-    size_t bytes = 0;
-    for (char16_t u : in) bytes += u < 0x80 ? 1 : u < 0x800 ? 2 : 3;  // a pair: 3 + 3 >= 4
-    return bytes;
-}
-
 inline char* putUtf8(char* o, char32_t cp) {
     if (cp < 0x80) {
         *o++ = static_cast<char>(cp);
@@ -159,7 +153,7 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
 
 int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
     const size_t base = out.size();
-    out.resize(base + utf8BytesFor(in));
+    out.resize(base + utf8SizeBound(in));
     char* o = out.data() + base;
     const char16_t* p = in.data();
     const char16_t* end = p + in.size();
@@ -222,6 +216,12 @@ int utf32ToUtf8(std::u32string_view in, std::string& out) {
     }
     out.resize(static_cast<size_t>(o - out.data()));
     return rc;
+}
+
+size_t utf8SizeBound(std::u16string_view in) {
+    size_t bytes = 0;
+    for (char16_t u : in) bytes += u < 0x80 ? 1 : u < 0x800 ? 2 : 3;  // a pair: 3 + 3 >= 4
+    return bytes;
 }
 
 }  // namespace kivreg::rt

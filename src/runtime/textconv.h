@@ -27,6 +27,11 @@ int utf16ToUtf8(std::u16string_view in, std::string& out);
 int utf8ToUtf32(std::string_view in, std::u32string& out);
 int utf32ToUtf8(std::u32string_view in, std::string& out);
 
+// At least the bytes utf16ToUtf8 appends for this text (exact without pairs,
+// which it counts two bytes high); a buffer reserved to the sum over the
+// pieces of a text never grows while they are appended one by one.
+size_t utf8SizeBound(std::u16string_view in);
+
 // For text that must always come out (log lines): malformed parts become U+FFFD.
 void utf16ToUtf8Lenient(std::u16string_view in, std::string& out);
 void utf8ToUtf16Lenient(std::string_view in, std::u16string& out);

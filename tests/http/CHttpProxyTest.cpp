@@ -42,6 +42,7 @@ protected:
                    u"</property></instance></class></group></kivinfo>",
                    0};
     test::LogCapture m_log;
+    std::vector<std::pair<size_t, size_t>> m_progress;  // as send reported it
 
     std::unique_ptr<CHttpProxy> proxy(const std::string& port, bool openNow = true,
                                       bool https = false) {
@@ -54,6 +55,8 @@ protected:
         TestServer server([&](Peer& p) { p.readRequest(), p.send(bytes); });
         auto p = proxy(server.port());
         if (trace) p->setTrace();
+        p->setProgress(
+            [&](size_t written, size_t total) { m_progress.emplace_back(written, total); });
         EXPECT_TRUE(p->isOpen());
         p->createBodyFromXML();
         EXPECT_EQ(p->send(), 0);
@@ -72,6 +75,7 @@ TEST_F(CHttpProxyTest, StandardAndOldFormatRequestsMatchTheDataFiles) {
     EXPECT_EQ(status, CHttpProxy::HTTP_SUCCESS_CODE);
     EXPECT_NE(body().find("M\xC3\xBCller"), std::string::npos);  // UTF-8 on the wire
     EXPECT_EQ(wire, expectedHeader("request_current.txt", body().size()) + body());
+    EXPECT_EQ(m_progress, (std::vector<std::pair<size_t, size_t>>{{body().size(), body().size()}}));
     const std::vector<std::string> messages = m_log.messages();
     ASSERT_EQ(messages.size(), 3u);
     EXPECT_EQ(messages[0].substr(0, 27), "Used URL: http://127.0.0.1:");
@@ -79,6 +83,8 @@ TEST_F(CHttpProxyTest, StandardAndOldFormatRequestsMatchTheDataFiles) {
     EXPECT_EQ(messages[2], "Return code: 200 --- Return message: (OK)");
 
     m_doc.setOldTransferDtd(true);
+    m_doc.createBodyOld();
+    EXPECT_NE(body().find("<qordata "), std::string::npos);
     EXPECT_EQ(run(kOk).second, expectedHeader("request_old.txt", body().size()) + body());
 }
 

@@ -104,6 +104,21 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
     }
 }
 
+TEST(HttpRequest, BodyGoesOutInPiecesWhenProgressIsAsked) {
+    Fixture f("http://h/x");
+    const size_t step = IHttpRequest::PROGRESS_STEP, total = 2 * step + 7;
+    std::string body(total, 'b');
+    body.back() = 'e';
+    f.req->setBody(std::string(body));
+    std::vector<std::pair<size_t, size_t>> seen;
+    f.req->setProgress([&](size_t written, size_t all) { seen.emplace_back(written, all); });
+    f.req->sendMessage(&f.rc);
+    EXPECT_EQ(f.rc, 0);
+    EXPECT_TRUE(f.conn.wire.ends_with("\r\n\r\n" + body));
+    EXPECT_EQ(seen, (std::vector<std::pair<size_t, size_t>>{
+                        {step, total}, {2 * step, total}, {total, total}}));
+}
+
 TEST(HttpRequest, ChunkedPersistentTransfer) {
     Fixture f("http://h/x");
     f.req->setCmd(IHttpRequest::PUT);
