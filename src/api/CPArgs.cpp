@@ -6,6 +6,7 @@
 
 #include "api/Vocabulary.h"
 #include "support/CLog.h"
+#include "support/LowerCase.h"
 
 namespace kivreg {
 namespace {
@@ -20,13 +21,6 @@ constexpr std::u16string_view kValueOptions[] = {
 bool takesValue(std::u16string_view name) {
     return std::find(std::begin(kValueOptions), std::end(kValueOptions), name) !=
            std::end(kValueOptions);
-}
-
-bool equalIgnCase(std::u16string_view a, std::u16string_view b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-               return CPArgs::convertToLower(x) == CPArgs::convertToLower(y);
-           });
 }
 
 bool isDigit(char16_t c) {
@@ -86,7 +80,7 @@ void CPArgs::removeArg(std::u16string_view name) {
 
 const CPArgs::CPArg* CPArgs::find(std::u16string_view name, bool ignoreCase) const {
     for (const CPArg& a : m_args) {
-        if (ignoreCase ? equalIgnCase(a.getName(), name) : a.getName() == name) return &a;
+        if (ignoreCase ? equalsIgnoreCase(a.getName(), name) : a.getName() == name) return &a;
     }
     return nullptr;
 }
@@ -123,10 +117,7 @@ int32_t CPArgs::getNumber(std::u16string_view text) {
 }
 
 char16_t CPArgs::convertToLower(char16_t c) {
-    if (c >= u'A' && c <= u'Z') return static_cast<char16_t>(c + 32);
-    // Latin-1 capitals (U+00C0 to U+00DE, except the multiplication sign)
-    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return static_cast<char16_t>(c + 32);
-    return c;
+    return toLowerLatin1(c);
 }
 
 void CPArgs::printArgs(CLog& log) const {

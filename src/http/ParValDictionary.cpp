@@ -4,8 +4,6 @@
 #include <new>
 #include <span>
 
-#include "api/CPArgs.h"
-
 namespace kivreg {
 
 namespace {
@@ -138,13 +136,6 @@ private:
 };
 
 }  // namespace
-
-bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-               return CPArgs::convertToLower(x) == CPArgs::convertToLower(y);
-           });
-}
 
 int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
                             std::u16string_view itemSeparator,

@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/LowerCase.h"
+
 namespace kivreg {
 
 struct DicVecLine {
@@ -53,9 +55,6 @@ public:
     virtual const char16_t* fetchPar(std::u16string_view value, bool ignoreCase) const = 0;
     virtual const std::vector<DicVecLine>& getBlock() const = 0;
 };
-
-// Equal but for the case of letters: the comparison `ignoreCase` selects.
-bool equalsIgnoreCase(std::u16string_view a, std::u16string_view b);
 
 int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
                             std::u16string_view itemSeparator,

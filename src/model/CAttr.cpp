@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "api/CPArgs.h"
+#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -20,10 +20,7 @@ bool CAttr::isValid() const {
 }
 
 bool CAttr::operator==(const std::u16string& name) const {
-    return std::equal(m_name.begin(), m_name.end(), name.begin(), name.end(),
-                      [](char16_t a, char16_t b) {
-                          return CPArgs::convertToLower(a) == CPArgs::convertToLower(b);
-                      });
+    return equalsIgnoreCase(m_name, name);
 }
 
 }  // namespace kivreg

@@ -6,10 +6,10 @@
 #include <memory>
 #include <new>
 
-#include "api/CPArgs.h"
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
+#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -160,7 +160,7 @@ void PSymbols::trimTrailingBlanks(char16_t* s) {
 }
 
 char16_t PSymbols::convertToLower(char16_t c) {
-    return CPArgs::convertToLower(c);
+    return toLowerLatin1(c);
 }
 
 void PSymbols::printSymbols() const {
