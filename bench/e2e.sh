@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# End to end: kivreg against the tools a user would otherwise script, on
+# generated documents, posting to a local sink that keeps nothing.
+#
+#   bench/e2e.sh [build-dir] [sizes in MB ...]      (default: 0.01 1 10 100 300)
+#
+# For each size it prints the best wall time of kivreg (with symbols), of the
+# floor (xmllint --sax --noout, then curl -T posting the file) and of the DOM
+# path (xmllint --noout, then curl --data-binary @file) and of curl alone
+# posting the file, kivreg's ratios to them,
+# kivreg's seconds per MB and its peak RSS over the document size; then
+# kivreg over HTTPS against curl posting the same file at 100 MB (or the
+# largest size asked for below it). Needs xmllint, curl, openssl, python3 and
+# about three times the largest document in free space under TMPDIR.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "${1:-build}" && pwd)
+shift || true
+sizes=("$@")
+[ ${#sizes[@]} -gt 0 ] || sizes=(0.01 1 10 100 300)
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/kivreg-e2e.XXXXXX")
+sink_pid=""
+tls_pid=""
+cleanup() {
+    for pid in $sink_pid $tls_pid; do kill "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+start_sink() {  # start_sink <log> [sink options]: echoes the pid; the port goes to the log
+    local log=$1
+    shift
+    python3 "$here/sink.py" "$@" >"$log" 2>&1 &
+    local pid=$!
+    for _ in $(seq 100); do
+        grep -q "listening on" "$log" && break
+        sleep 0.05
+    done
+    echo "$pid"
+}
+port_of() { sed -n 's/.*listening on 127\.0\.0\.1://p' "$1"; }
+
+sink_pid=$(start_sink "$work/sink.log")
+url="http://127.0.0.1:$(port_of "$work/sink.log")/kiv/ds"
+port=$(port_of "$work/sink.log")
+
+now() { date +%s%N; }
+# best <runs> <command ...>: the shortest wall time in seconds.
+best() {
+    local runs=$1 shortest="" start took
+    shift
+    for _ in $(seq "$runs"); do
+        start=$(now)
+        "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
+        took=$(($(now) - start))
+        if [ -z "$shortest" ] || [ "$took" -lt "$shortest" ]; then shortest=$took; fi
+    done
+    awk -v ns="$shortest" 'BEGIN { printf "%.4f", ns / 1e9 }'
+}
+runs_for() { awk -v mb="$1" 'BEGIN { print (mb <= 1 ? 10 : mb <= 10 ? 5 : 3) }'; }
+
+kivreg() {  # kivreg <doc> <symbols> [options]: one registration
+    local doc=$1 sym=$2
+    shift 2
+    "$build/kivreg" -file "$doc" -symbolfile "$sym" -user u -pass p -host 127.0.0.1 "$@"
+}
+floor() { xmllint --sax --noout "$1" >/dev/null && curl -sf -o /dev/null -X POST -T "$1" "$2"; }
+dom() { xmllint --noout "$1" && curl -sf -o /dev/null --data-binary @"$1" "$2"; }
+post() { curl -sf -o /dev/null -X POST -T "$1" "$2" "${@:3}"; }
+
+printf '%-8s %9s %9s %9s %9s %9s %9s %9s %9s %9s\n' MB kivreg floor dom curl \
+    k/floor k/dom k/curl s/MB rss/doc
+tls_size=""
+for mb in "${sizes[@]}"; do
+    doc="$work/doc.xml" sym="$work/sym.properties"
+    "$build/kivreg_gen_documents" "$mb" "$doc" "$sym" >/dev/null
+    bytes=$(stat -c %s "$doc")
+    runs=$(runs_for "$mb")
+    k=$(best "$runs" kivreg "$doc" "$sym" -port "$port")
+    f=$(best "$runs" floor "$doc" "$url")
+    d=$(best "$runs" dom "$doc" "$url")
+    c=$(best "$runs" post "$doc" "$url")
+    /usr/bin/time -f %M -o "$work/rss" "$build/kivreg" -file "$doc" -symbolfile "$sym" \
+        -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
+    awk -v mb="$mb" -v k="$k" -v f="$f" -v d="$d" -v c="$c" -v b="$bytes" -v rss="$(cat "$work/rss")" \
+        'BEGIN { printf "%-8s %9.4f %9.4f %9.4f %9.4f %9.2f %9.2f %9.2f %9.4f %9.2f\n",
+                 mb, k, f, d, c, k / f, k / d, k / c, k / (b / 1048576), rss * 1024 / b }'
+    if awk -v mb="$mb" 'BEGIN { exit !(mb <= 100) }'; then tls_size=$mb; fi
+    rm -f "$doc"
+done
+
+[ -n "$tls_size" ] || exit 0
+# HTTPS: a certificate authority and a server certificate made for this run.
+(
+    cd "$work"
+    openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=bench-ca \
+        -keyout ca.key -out ca.pem 2>/dev/null
+    printf 'subjectAltName=IP:127.0.0.1\n' >san.ext
+    openssl req -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout server.key \
+        -out server.csr 2>/dev/null
+    openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 \
+        -extfile san.ext -out server.pem 2>/dev/null
+    cp ca.pem kivreg_trust.pem
+)
+tls_pid=$(start_sink "$work/tls.log" --cert "$work/server.pem" --key "$work/server.key")
+tls_port=$(port_of "$work/tls.log")
+doc="$work/doc.xml" sym="$work/sym.properties"
+"$build/kivreg_gen_documents" "$tls_size" "$doc" "$sym" >/dev/null
+export SECUDIR="$work"
+k=$(best 3 kivreg "$doc" "$sym" -port "$tls_port" -usehttps)
+c=$(best 3 post "$doc" "https://127.0.0.1:$tls_port/kiv/ds" --cacert "$work/ca.pem")
+awk -v mb="$tls_size" -v k="$k" -v c="$c" \
+    'BEGIN { printf "HTTPS %s MB: kivreg %.4f s, curl %.4f s, kivreg/curl %.2f\n", mb, k, c, k / c }'
