@@ -36,6 +36,34 @@ TEST(TransferBody, GoldenDocuments) {
     }
 }
 
+// Property names and roles order by 16-bit units, which puts a character
+// above U+FFFF before one from U+E000; the UTF-8 body is the 16-bit one
+// converted, in both formats.
+TEST(TransferBody, OrderBySixteenBitUnitsAndUtf8) {
+    const std::string privateUse = "\xEE\x80\x80", astral = "\xF0\x9F\x98\x80";
+    LogCapture cap;
+    std::string doc =
+        "<kivinfo supplier_name='S\xC3\xBC'><group name='G'><class name='C'><instance>";
+    for (const std::string& n : {privateUse, astral, std::string("z")})
+        doc += "<property name='" + n + "'><value>" + n +
+               "</value></property><reference rolename='" + n + "'/>";
+    auto file = test::loadText(cap, doc + "</instance></class></group></kivinfo>");
+    const std::string body = u8(file->getBody());
+    const size_t z = body.find("name=\"z\""), a = body.find("name=\"" + astral),
+                 p = body.find("name=\"" + privateUse);
+    EXPECT_TRUE(z < a && a < p) << body;
+    const size_t rz = body.find("rolename=\"z\""), ra = body.find("rolename=\"" + astral),
+                 rp = body.find("rolename=\"" + privateUse);
+    EXPECT_TRUE(rz < ra && ra < rp) << body;
+    for (const bool old : {false, true}) {
+        file->setOldTransferDtd(old);
+        old ? file->createBodyOld() : file->createBody();
+        std::string utf8 = "<?xml?>";
+        EXPECT_TRUE(file->appendBodyUtf8(utf8));
+        EXPECT_EQ(utf8, "<?xml?>" + u8(file->getBody()));
+    }
+}
+
 // The trace lists everything; a class of unknown kind is dumped without its
 // kind, marked in the body, and rendered like any other in the old format.
 TEST(DataTrace, DumpLinesAndUnknownClassKind) {
