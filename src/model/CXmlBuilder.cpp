@@ -152,16 +152,34 @@ bool CXmlFile::load(const std::u16string& data) {
 
 // ---- building the model
 
-std::u16string CXmlFile::trimValue(std::u16string_view text) {
-    std::u16string out;
-    out.reserve(text.size());
-    for (char16_t c : text) {
-        if (c == u'\r' || c == u'\n') continue;
-        out += c == u'\t' ? u' ' : c;
+namespace {
+
+// In place and in one pass: line breaks go, tabs become blanks, blank runs
+// one blank, none at either end. The characters involved are ASCII, so this
+// works on UTF-8 as on 16-bit text.
+template <typename Text>
+void normaliseValue(Text& text) {
+    size_t out = 0;
+    bool blank = false;  // one is owed before the next character
+    for (auto c : text) {
+        if (c == '\r' || c == '\n') continue;
+        if (c == '\t' || c == ' ') {
+            blank = out > 0;
+            continue;
+        }
+        if (blank) text[out++] = ' ';
+        blank = false;
+        text[out++] = c;
     }
-    // Most values have nothing to condense; spare them the second copy.
-    if (out.find(u' ') == std::u16string::npos) return out;
-    return CCConv::condense(out);
+    text.resize(out);
+}
+
+}  // namespace
+
+std::u16string CXmlFile::trimValue(std::u16string_view text) {
+    std::u16string out(text);
+    normaliseValue(out);
+    return out;
 }
 
 // Builds the model from the parser's events. Elements are recognised by
@@ -222,7 +240,8 @@ public:
         if (m_valueDepth != 0) {
             if (depth != m_valueDepth) return;
             m_valueDepth = 0;
-            m_property.addValue(trimValue(text16(m_value)));
+            normaliseValue(m_value);
+            m_property.addValue(text16(m_value));
             return;
         }
         switch (depth) {
