@@ -70,9 +70,10 @@ public:
     // The request document: XML declaration followed by the document body.
     std::u16string getBody() const;
     // That document in the transfer encoding ("utf-8" or "utf-16" in memory
-    // order); empty for any other encoding.
+    // order), exactly the bytes that are sent; empty for any other encoding.
+    // Rendered anew at each call: for UTF-8 straight from the model, without
+    // a 16-bit copy. createBodyFromXML hands one rendering to the request.
     std::string getBodyRaw() const;
-    size_t getBodyRawBytes() const { return getBodyRaw().size(); }
 
     int getNiRc() const { return m_niRc; }
     void setTrace() { m_trace = true; }
