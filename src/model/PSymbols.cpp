@@ -186,12 +186,11 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     if (text.find(symbol_start) == std::u16string::npos) return false;
     const std::u16string original = text;
     // The size a replacement would give, checked before it is built.
-    auto withinBounds = [&](const PSymbol& s) {
+    auto withinBounds = [&](const PSymbol& s, size_t first) {
         const std::u16string& ph = s.getPlaceholder();
         if (s.getValue().size() <= ph.size()) return true;
         size_t hits = 0;
-        for (size_t at = text.find(ph); at != std::u16string::npos;
-             at = text.find(ph, at + ph.size()))
+        for (size_t at = first; at != std::u16string::npos; at = text.find(ph, at + ph.size()))
             ++hits;
         const size_t size = text.size() + hits * (s.getValue().size() - ph.size());
         if (size > MAX_TEXT_UNITS) {
@@ -203,15 +202,22 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     };
     std::u16string before;
     for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
-        before = text;
+        bool replaced = false;
         for (const PSymbol& s : m_symbols) {
-            if (text.find(s.getPlaceholder()) == std::u16string::npos) continue;
-            if (!withinBounds(s)) break;
-            text = CCConv::stringSubstituteAll(text, s.getPlaceholder(), s.getValue());
+            const size_t first = text.find(s.getPlaceholder());
+            if (first == std::u16string::npos) continue;
+            if (!withinBounds(s, first)) break;
+            std::u16string next =
+                CCConv::stringSubstituteAll(text, s.getPlaceholder(), s.getValue());
+            // The first replacement leaves the text as the pass found it:
+            // kept, not copied, for the comparison after the pass.
+            if (!replaced) before = std::move(text);
+            text = std::move(next);
+            replaced = true;
         }
         // A pass that changes nothing has reached the end; so has a text
         // without any placeholder left.
-        if (text == before || text.find(symbol_start) == std::u16string::npos) break;
+        if (!replaced || text == before || text.find(symbol_start) == std::u16string::npos) break;
     }
     if (text.size() > original.size()) budget.growthLeft -= text.size() - original.size();
     return text != original;

@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     env.file("conn", in);
     CSecStore store(&log, name);
     if (store.fetch()) store.get(u"pass_param");
-    KivRegShowConfig(name.c_str());
-    KivRegShowConfigWithKeyFile(name.c_str());
+    withKeyFile ? KivRegShowConfigWithKeyFile(name.c_str()) : KivRegShowConfig(name.c_str());
     return 0;
 }
