@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "LongOptions.h"
 #include "api/ApiState.h"
 #include "api/CPArgs.h"
 #include "api/Vocabulary.h"
@@ -136,20 +137,38 @@ int main(int argc, char** argv) {
             return kExitFailed;
         }
     }
+    cli::SplitArgs split = cli::splitArgs(std::move(args));
+    if (!split.error.empty()) {
+        writeText(stderr, split.error + u"\n");
+        return kExitFailed;
+    }
     std::vector<char16_t*> vec;
-    vec.reserve(args.size() + 1);
-    for (auto& a : args) vec.push_back(a.data());
+    vec.reserve(split.classic.size() + 1);
+    for (auto& a : split.classic) vec.push_back(a.data());
     vec.push_back(nullptr);
     const CPArgs cmd(vec.data());
+    const CPArgs& longOptions = split.longOptions;
 
+    if (longOptions.isSwitchSet(cli::OPT_HELP)) {
+        writeText(stdout, cli::extendedUsage());
+        return kExitOk;
+    }
     if (cmd.isSwitchSet(CMDARG_HELP)) {
         writeText(stdout, PROGRAM_USAGE);
         return kExitOk;
     }
-    if (cmd.isSwitchSet(CMDARG_VERSION)) {
+    if (cmd.isSwitchSet(CMDARG_VERSION) || longOptions.isSwitchSet(cli::OPT_VERSION)) {
         writeText(stdout,
                   std::u16string(PROGRAM_TITLE) + u"\n" + std::u16string(PROGRAM_ID) + u"\n");
         return kExitOk;
+    }
+    // The run reads the long options from the settings, under their own names.
+    for (const CPArgs::CPArg& o : longOptions.entries()) {
+        if (o.hasValue()) {
+            api::state().gArgs.addArg(o.getName(), o.getValue());
+        } else {
+            api::state().gArgs.addSwitch(o.getName());
+        }
     }
     if (cmd.hasArg(CMDARG_LOGFILENAME)) {
         const std::u16string logFile = cmd.getArg(CMDARG_LOGFILENAME);

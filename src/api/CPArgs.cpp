@@ -18,16 +18,16 @@ constexpr std::u16string_view kValueOptions[] = {
     CMDARG_RECEIVE_TIMEOUT,
 };
 
-bool takesValue(std::u16string_view name) {
-    return std::find(std::begin(kValueOptions), std::end(kValueOptions), name) !=
-           std::end(kValueOptions);
-}
-
 bool isDigit(char16_t c) {
     return c >= u'0' && c <= u'9';
 }
 
 }  // namespace
+
+bool CPArgs::takesValue(std::u16string_view name) {
+    return std::find(std::begin(kValueOptions), std::end(kValueOptions), name) !=
+           std::end(kValueOptions);
+}
 
 void CPArgs::addArgs(char16_t** argv) {
     if (argv == nullptr || argv[0] == nullptr) return;

@@ -61,6 +61,8 @@ public:
     std::u16string getArg(std::u16string_view name) const;
     std::u16string getArgIgnCase(std::u16string_view name) const;
 
+    // Whether the classic option of that name takes the next argument as its value.
+    static bool takesValue(std::u16string_view name);
     static bool isNumeric(std::u16string_view text);
     // The value of a numeric text; 2147483647 for one that is not numeric.
     // Beyond the 32-bit range the result sticks at the nearer limit.

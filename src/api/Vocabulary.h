@@ -33,6 +33,11 @@ inline constexpr std::u16string_view CMDARG_RECEIVE_TIMEOUT = u"-receivetimeout"
 // Long options of the program, kept in the settings under these names.
 inline constexpr std::u16string_view CMDARG_PROXY = u"--proxy";
 inline constexpr std::u16string_view CMDARG_NOPROXY = u"--noproxy";
+inline constexpr std::u16string_view CMDARG_RETRY = u"--retry";
+inline constexpr std::u16string_view CMDARG_RETRY_MAX_TIME = u"--retry-max-time";
+inline constexpr std::u16string_view CMDARG_CHECK = u"--check";
+inline constexpr std::u16string_view CMDARG_OUTPUT = u"--output";
+inline constexpr std::u16string_view CMDARG_NO_PROGRESS = u"--no-progress";
 
 // Keys of the connection file.
 inline constexpr std::u16string_view PARAM_USER = u"user_param";

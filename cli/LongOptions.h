@@ -1,0 +1,48 @@
+#pragma once
+// The program's long options (--name, --name VALUE, --name=VALUE). They are
+// taken out of the argument vector before the classic parser sees it, so that
+// neither they nor their values can pass for classic options, and the program
+// records them in the library's settings under their own names.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "api/CPArgs.h"
+#include "api/Vocabulary.h"
+
+namespace kivreg::cli {
+
+struct LongOption {
+    std::u16string_view name;
+    std::u16string_view value;  // the value's placeholder in the help; empty for a switch
+    std::u16string_view help;   // one line
+};
+
+inline constexpr std::u16string_view OPT_HELP = u"--help";
+inline constexpr std::u16string_view OPT_VERSION = u"--version";
+
+inline constexpr LongOption kLongOptions[] = {
+    {OPT_HELP, u"", u"Prints this help information and terminates"},
+    {OPT_VERSION, u"", u"Same as -version"},
+    {CMDARG_CHECK, u"", u"Checks and renders the document without connecting"},
+    {CMDARG_OUTPUT, u"<file>", u"Writes the transfer document to a file (- = stdout)"},
+    {CMDARG_RETRY, u"<n>", u"Retries a failed transfer up to n times (0-100, default 0)"},
+    {CMDARG_RETRY_MAX_TIME, u"<s>", u"Stops retrying after s seconds (default 600)"},
+    {CMDARG_NO_PROGRESS, u"", u"Shows no progress line while the document is sent"},
+    {CMDARG_PROXY, u"<url>", u"HTTP proxy to use (overrides http_proxy/https_proxy)"},
+    {CMDARG_NOPROXY, u"<list>", u"Hosts to reach without proxy (overrides no_proxy)"},
+};
+
+struct SplitArgs {
+    std::vector<std::u16string> classic;  // the program's name and the classic arguments
+    CPArgs longOptions;                   // in the order given, first occurrence first
+    std::u16string error;                 // why the command line is refused, if it is
+};
+
+SplitArgs splitArgs(std::vector<std::u16string> args);
+
+// The classic help text, then the long options under "Extensions:".
+std::u16string extendedUsage();
+
+}  // namespace kivreg::cli
