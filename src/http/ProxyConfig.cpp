@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include "http/ParValDictionary.h"
+#include "support/LowerCase.h"
 #include "http/URL.h"
 #include "runtime/textconv.h"
 
