@@ -3,11 +3,16 @@
 // Exit status: 0 success; 1 failure (bad input, refused setting, other HTTP
 // status); 2 no connection; 3 the symbol file could not be read.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "LongOptions.h"
+#include "Progress.h"
 #include "api/ApiState.h"
 #include "api/CPArgs.h"
 #include "api/Vocabulary.h"
@@ -82,6 +87,22 @@ int registration(const CPArgs& cmd) {
         const std::u16string value = cmd.getArg(t.option);
         if (t.set(value.c_str()) != 1)
             return refused(t.option, value, u"a number of seconds is needed.");
+    }
+
+    struct Bounded {
+        std::u16string_view option;
+        int high;
+        std::u16string_view why;
+    };
+    const CPArgs& settings = api::state().gArgs;
+    for (const Bounded& b :
+         {Bounded{CMDARG_RETRY, 100, u"a number from 0 to 100 is needed."},
+          Bounded{CMDARG_RETRY_MAX_TIME, INT_MAX, u"a number of seconds is needed."}}) {
+        if (!settings.isSwitchSet(b.option)) continue;
+        const std::u16string value = settings.getArg(b.option);
+        const int n = CPArgs::getNumber(value);
+        if (!CPArgs::isNumeric(value) || n < 0 || n > b.high)
+            return refused(b.option, value, b.why);
     }
 
     if (cmd.hasArg(CMDARG_HTTP_USER) || cmd.hasArg(CMDARG_HTTP_PASS) ||
@@ -170,6 +191,18 @@ int main(int argc, char** argv) {
             api::state().gArgs.addSwitch(o.getName());
         }
     }
+    if (longOptions.getArg(CMDARG_OUTPUT) == u"-") {
+        // The document alone on standard output: whatever else would go
+        // there (log, traces) goes to standard error.
+        api::state().outputFd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+        if (api::state().outputFd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+            std::perror("kivreg: standard output");
+            return kExitFailed;
+        }
+    }
+    static cli::ProgressLine progress;
+    if (::isatty(STDERR_FILENO) && !longOptions.isSwitchSet(CMDARG_NO_PROGRESS))
+        api::state().progress = [](size_t sent, size_t total) { progress.update(sent, total); };
     if (cmd.hasArg(CMDARG_LOGFILENAME)) {
         const std::u16string logFile = cmd.getArg(CMDARG_LOGFILENAME);
         KivRegSetLogfile(logFile.c_str());

@@ -109,7 +109,9 @@ def make_handler(config, registry):
                 return
             stored = registry.store(body, dict(self.headers.items()))
             print("stored %s" % stored, flush=True)
-            self.answer(config.status, "registration received")
+            status = config.first.pop(0) if config.first else config.status
+            extra = {"Retry-After": config.retry_after} if config.retry_after and status != 200 else None
+            self.answer(status, "registration received", extra)
 
         def do_GET(self):
             self.answer(405, "only POST %s" % SERVICE_PATH, {"Allow": "POST"})
@@ -127,6 +129,9 @@ def parse_args(argv):
     p.add_argument("--password", default="", help="password expected in Basic authentication")
     p.add_argument("--store", required=True, help="directory for the accepted documents")
     p.add_argument("--status", type=int, default=200, help="status answered on success")
+    p.add_argument("--first", type=lambda v: [int(s) for s in v.split(",")], default=[],
+                   help="statuses answered to the first registrations, comma-separated")
+    p.add_argument("--retry-after", help="Retry-After header sent with every other status than 200")
     p.add_argument("--cert", help="PEM server certificate (serves HTTPS with --key)")
     p.add_argument("--key", help="PEM private key of --cert")
     p.add_argument("--quiet", action="store_true", help="no request log on stderr")

@@ -3,6 +3,7 @@
 // gArgs under the command line's option names, so that a host calling the
 // setters and a parsed command line look the same to the registration run.
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,11 @@ struct ApiState {
     // Set by a run whose result is the symbol reader's own code, which can
     // coincide with the run's -1 and -2; the program tells them apart by it.
     bool lastResultFromSymbols = false;
+    // Told the body's bytes sent and their total as it goes out, and (0, 0)
+    // once the send has ended; the program draws its progress line with it.
+    std::function<void(size_t sent, size_t total)> progress;
+    // Where "--output -" writes; the program points its log elsewhere then.
+    int outputFd = 1;
 };
 
 ApiState& state();

@@ -15,6 +15,7 @@
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
+#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -23,6 +24,28 @@ namespace {
 // The factories fail only when memory runs out.
 void required(int rc) {
     if (rc != 0) throw std::bad_alloc();
+}
+
+std::u16string_view trimmed(std::u16string_view s) {
+    constexpr std::u16string_view blanks = u" \t\r";
+    const size_t first = s.find_first_not_of(blanks);
+    if (first == std::u16string_view::npos) return {};
+    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
+}
+
+// The value of the first header line of that name, any case.
+std::u16string headerValue(std::u16string_view header, std::u16string_view name) {
+    for (size_t start = 0; start < header.size();) {
+        size_t end = header.find(u'\n', start);
+        if (end == std::u16string_view::npos) end = header.size();
+        const std::u16string_view line = header.substr(start, end - start);
+        start = end + 1;
+        const size_t colon = line.find(u':');
+        if (colon != std::u16string_view::npos &&
+            equalsIgnoreCase(trimmed(line.substr(0, colon)), name))
+            return std::u16string(trimmed(line.substr(colon + 1)));
+    }
+    return {};
 }
 
 }  // namespace
@@ -118,27 +141,31 @@ void CHttpProxy::handleSecEnv() {
         *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
 }
 
-std::u16string CHttpProxy::xmlDeclaration() const {
-    return u"<?xml version=\"1.0\" encoding=\"" + m_encoding + u"\"?>";
+std::u16string CHttpProxy::xmlDeclaration(std::u16string_view encoding) {
+    return u"<?xml version=\"1.0\" encoding=\"" + std::u16string(encoding) + u"\"?>";
 }
 
 std::u16string CHttpProxy::getBody() const {
     const std::u16string& document = m_xmlFile.getBody();
     if (document.empty()) return {};
-    return xmlDeclaration() + document;
+    return xmlDeclaration(m_encoding) + document;
 }
 
 std::string CHttpProxy::getBodyRaw() const {
+    return renderBody(m_xmlFile, m_encoding);
+}
+
+std::string CHttpProxy::renderBody(CXmlFile& xmlFile, std::u16string_view encoding) {
     std::string bytes;
-    const std::u16string declaration = xmlDeclaration();
-    if (m_encoding == TRANSFER_ENCODING_UTF8) {
+    const std::u16string declaration = xmlDeclaration(encoding);
+    if (encoding == TRANSFER_ENCODING_UTF8) {
         // Declaration first, the document rendered straight in behind it.
         bytes = CCConv::toUTF8Str(declaration);
         // A malformed document is converted once more by CCConv, which
         // raises its error (code and exception) for it.
-        if (!m_xmlFile.appendBodyUtf8(bytes)) CCConv::toUTF8Str(m_xmlFile.getBody());
-    } else if (m_encoding == TRANSFER_ENCODING_UTF16) {
-        const std::u16string& document = m_xmlFile.getBody();
+        if (!xmlFile.appendBodyUtf8(bytes)) CCConv::toUTF8Str(xmlFile.getBody());
+    } else if (encoding == TRANSFER_ENCODING_UTF16) {
+        const std::u16string& document = xmlFile.getBody();
         bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
         bytes.append(reinterpret_cast<const char*>(declaration.data()),
                      declaration.size() * sizeof(char16_t));
@@ -149,12 +176,19 @@ std::string CHttpProxy::getBodyRaw() const {
 }
 
 void CHttpProxy::createBodyFromXML() {
-    std::string bytes = getBodyRaw();
+    createBodyFromXML(getBodyRaw());
+}
+
+void CHttpProxy::createBodyFromXML(std::string bytes) {
     // Documents in the current format go without a content-type line: this
     // replaces the header set at construction. The old format keeps it.
     if (!m_xmlFile.useOldTransferDtd()) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
     m_request->addHeaderline(USER_AGENT);
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
+}
+
+std::string CHttpProxy::takeBody() {
+    return m_request->takeBody();
 }
 
 void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> progress) {
@@ -166,8 +200,8 @@ int CHttpProxy::send() {
         *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
         // The document goes to the log where it lies, not copied behind the declaration.
         const std::u16string& document = m_xmlFile.getBody();
-        *m_log << timestamp << (document.empty() ? std::u16string() : xmlDeclaration()) << document
-               << endlog;
+        *m_log << timestamp << (document.empty() ? std::u16string() : xmlDeclaration(m_encoding))
+               << document << endlog;
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);
@@ -198,6 +232,7 @@ int CHttpProxy::receive() {
         *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped
                << u". HTTP header: " << m_response->getHeader() << endlog;
 
+    m_retryAfter = headerValue(m_response->getHeader(), u"Retry-After");
     const AnswerBody body = readAnswerBody(*m_response);
     if (m_trace)
         *m_log << timestamp << u"HTTP body length: " << body.bytes << u" --- HTTP body: "
@@ -207,6 +242,7 @@ int CHttpProxy::receive() {
 
     m_status = body.refused ? nullptr : m_response->getIHttpStatus();
     if (m_status == nullptr) return -1;
+    m_answerCode = m_response->getStatusCode();
     *m_log << timestamp << u"Return code: " << m_status->getCode() << u" --- Return message: "
            << m_status->getMessage() << endlog;
     return m_status->getCode();

@@ -52,12 +52,21 @@ public:
     bool isOpen() const { return m_open; }
     // Renders the document into the request body and sets the header lines.
     void createBodyFromXML();
+    // The same with a body rendered before (by renderBody), taken as it is.
+    void createBodyFromXML(std::string body);
+    // Hands the request body back after send, for another attempt.
+    std::string takeBody();
     // 0 when the body was written, else the network layer's code.
     int send();
     // Reports the body's bytes written and their total as send goes on.
     void setProgress(std::function<void(size_t written, size_t total)> progress);
     // The HTTP status of the answer, or -1 when none could be had.
     int receive();
+    // The number in the answer's status line, -1 without one. receive reports
+    // a number its table lacks (such as 429) as that table's first row.
+    int getAnswerCode() const { return m_answerCode; }
+    // The answer's Retry-After value as sent, empty when it had none.
+    const std::u16string& getRetryAfter() const { return m_retryAfter; }
     // The body (and trailer) of an answer whose header has been read, as
     // receive takes it: refused when malformed or beyond the bounds.
     struct AnswerBody {
@@ -74,6 +83,9 @@ public:
     // Rendered anew at each call: for UTF-8 straight from the model, without
     // a 16-bit copy. createBodyFromXML hands one rendering to the request.
     std::string getBodyRaw() const;
+    // What getBodyRaw renders, without a connection: the one place that yields
+    // the bytes of the transfer document.
+    static std::string renderBody(CXmlFile& xmlFile, std::u16string_view encoding);
 
     int getNiRc() const { return m_niRc; }
     void setTrace() { m_trace = true; }
@@ -84,7 +96,7 @@ public:
 
 private:
     int connect();
-    std::u16string xmlDeclaration() const;
+    static std::u16string xmlDeclaration(std::u16string_view encoding);
 
     std::unique_ptr<IIPConnection> m_connection;
     std::unique_ptr<IHttpRequest> m_request;
@@ -102,6 +114,8 @@ private:
     bool m_proxyUnusable = false;  // a proxy was named that cannot be used
     std::u16string m_encoding;
     bool m_trace = false;
+    std::u16string m_retryAfter;
+    int m_answerCode = -1;
 };
 
 }  // namespace kivreg

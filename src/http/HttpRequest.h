@@ -1,4 +1,6 @@
 #pragma once
+#include <utility>
+
 #include "http/IHttpRequest.h"
 
 namespace kivreg {
@@ -28,6 +30,7 @@ public:
     int insertHeaderline(std::u16string_view line) override;
     int setBody(const unsigned char* data, int size) override;
     int setBody(std::string&& bytes) override;
+    std::string takeBody() override { return std::exchange(m_body, {}); }
     int addBody(const unsigned char* data, int size) override;
     int setBodyline(std::u16string_view line) override;
     int addBodyline(std::u16string_view line) override;

@@ -50,6 +50,7 @@ public:
     virtual int insertHeaderline(std::u16string_view line) = 0;
     virtual int setBody(const unsigned char* data, int size) = 0;
     virtual int setBody(std::string&& bytes) = 0;  // takes the bytes without copying
+    virtual std::string takeBody() = 0;            // gives them back, leaving the body empty
     virtual int addBody(const unsigned char* data, int size) = 0;
     virtual int setBodyline(std::u16string_view line) = 0;
     virtual int addBodyline(std::u16string_view line) = 0;

@@ -3,8 +3,10 @@
 #include <openssl/crypto.h>
 #include <termios.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -25,6 +27,54 @@ struct TermState {
 TermState& term() {
     static TermState state;
     return state;
+}
+
+// A signal that ends or stops the process while the terminal reads hidden
+// input must not leave it without echo: the handlers put the saved mode back
+// and then let the signal take its default course; after a stop the reading
+// mode returns.
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGTSTP};
+constexpr int kHandled[] = {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT};
+struct sigaction g_previous[std::size(kHandled)];
+
+void onSignal(int sig);
+
+void setAction(int sig, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    for (const int s : kHandled) sigaddset(&action.sa_mask, s);
+    ::sigaction(sig, &action, nullptr);
+}
+
+// Only async-signal-safe calls from here on.
+void onSignal(int sig) {
+    const int savedErrno = errno;
+    const TermState& t = term();
+    if (sig == SIGCONT) {
+        ::tcsetattr(0, TCSANOW, &t.raw);
+        setAction(SIGTSTP, onSignal);
+    } else {
+        ::tcsetattr(0, TCSANOW, &t.saved);
+        setAction(sig, SIG_DFL);
+        ::raise(sig);  // delivered with its default action once the handler returns
+    }
+    errno = savedErrno;
+}
+
+void catchSignals() {
+    for (size_t i = 0; i < std::size(kHandled); ++i) {
+        ::sigaction(kHandled[i], nullptr, &g_previous[i]);
+        // A signal the process ignores stays ignored.
+        const bool ending = std::find(std::begin(kEndingSignals), std::end(kEndingSignals),
+                                      kHandled[i]) != std::end(kEndingSignals);
+        if (!ending || g_previous[i].sa_handler != SIG_IGN) setAction(kHandled[i], onSignal);
+    }
+}
+
+void releaseSignals() {
+    for (size_t i = 0; i < std::size(kHandled); ++i)
+        ::sigaction(kHandled[i], &g_previous[i], nullptr);
 }
 
 // Syncs standard input with its file. Where the input cannot seek (terminal,
@@ -93,8 +143,10 @@ bool CGetPass::setTermToRawMode() {
     t.raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     t.raw.c_cc[VMIN] = 1;
     t.raw.c_cc[VTIME] = 0;
+    catchSignals();
     if (::tcsetattr(0, TCSANOW, &t.raw) != 0) {
         ::tcsetattr(0, TCSANOW, &t.saved);
+        releaseSignals();
         t.savedValid = false;
         return false;
     }
@@ -105,6 +157,7 @@ void CGetPass::setTermToOrgMode() {
     TermState& t = term();
     if (t.savedValid) {
         ::tcsetattr(0, TCSANOW, &t.saved);
+        releaseSignals();
         t.savedValid = false;
     }
     flushStdin();

@@ -21,7 +21,9 @@ public:
     // receives a zero-terminated text.
     static void getHiddenInput(char16_t* buffer);
     // Non-canonical mode without echo; false when the terminal could not be
-    // switched (the input is then read as the terminal delivers it).
+    // switched (the input is then read as the terminal delivers it). Until
+    // setTermToOrgMode, SIGINT, SIGTERM, SIGHUP and SIGTSTP put the saved mode
+    // back before their default action, and SIGCONT returns to this mode.
     static bool setTermToRawMode();
     // Back to the attributes in force before setTermToRawMode.
     static void setTermToOrgMode();

@@ -1,7 +1,11 @@
 // The program's own command line: long options beside the classic ones.
 #include <gtest/gtest.h>
 
+#include <ctime>
+#include <filesystem>
+
 #include "E2eFixture.h"
+#include "TestServer.h"
 
 namespace kivreg::test {
 namespace {
@@ -42,6 +46,180 @@ TEST_F(Cli, LongOptionsAreTakenApartFromTheClassicOnes) {
     EXPECT_TRUE(r.out.starts_with("KIV Registration Program\n")) << r.out;
     r = kivreg({"--output", "-help", "--version"});
     EXPECT_TRUE(r.out.starts_with("KIV Registration Program\n")) << r.out;
+}
+
+class Extensions : public E2e {
+protected:
+    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more) {
+        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
+                                         "-user", "supplier",
+                                         "-pass", "s3cret-pw",
+                                         "-host", "127.0.0.1",
+                                         "-port", port};
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+    static size_t count(const std::string& text, const std::string& what) {
+        size_t n = 0;
+        for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
+        return n;
+    }
+};
+
+std::string httpDate(std::time_t t) {
+    char text[64];
+    std::tm tm{};
+    std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", gmtime_r(&t, &tm));
+    return text;
+}
+
+TEST_F(Extensions, RetriesOnlyWhatMayPassAndResendTheSameBody) {
+    const std::time_t now = std::time(nullptr);
+    struct Case {
+        ServerOptions server;
+        std::vector<std::string> options;
+        int exitCode;
+        size_t requests;
+        std::vector<std::string> retryLines;
+    };
+    const std::string unavailable = "HTTP status 503 (Service Unavailable)";
+    for (const Case& c : std::vector<Case>{
+             {{.first = "503,503", .retryAfter = "0"},
+              {"--retry", "3"},
+              0,
+              3,
+              {"Retry 1 of 3 in 0 s: " + unavailable, "Retry 2 of 3 in 0 s: " + unavailable}},
+             {{.status = 404, .retryAfter = "0"}, {"--retry", "3"}, 1, 1, {}},
+             {{.first = "429", .retryAfter = httpDate(now - 3600)},
+              {"--retry=1"},
+              0,
+              2,
+              {"Retry 1 of 1 in 0 s: HTTP status 429 (Too Many Requests)"}},
+             // A wait beyond the budget ends the retrying.
+             {{.first = "503", .retryAfter = httpDate(now + 3600)},
+              {"--retry", "5", "--retry-max-time", "60"},
+              1,
+              1,
+              {}},
+             {{.status = 503, .retryAfter = "0"}, {}, 1, 1, {}},  // no retries by default
+         }) {
+        TempDir dir;
+        DirServer server(dir.path(), c.server);
+        const RunResult r = kivreg(connect(server.portText(), c.options));
+        EXPECT_EQ(r.exitCode, c.exitCode) << r.out;
+        const auto stored = server.stored();
+        ASSERT_EQ(stored.size(), c.requests) << r.out;
+        for (const std::string& doc : stored) EXPECT_EQ(doc, stored[0]);
+        EXPECT_EQ(count(r.out, "Retry "), c.retryLines.size()) << r.out;
+        for (const std::string& line : c.retryLines)
+            EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+        EXPECT_EQ(count(r.out, "*** Start KIV Registration ***"), 1u);
+        EXPECT_EQ(count(r.out, "Used URL: "), c.requests);
+    }
+
+    // No server: every attempt fails to connect until the budget is spent.
+    const RunResult r = kivreg(connect(closedPort(), {"--retry", "2", "--retry-max-time", "3"}));
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_NE(r.out.find("Retry 1 of 2 in "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(" s: connection failed"), std::string::npos) << r.out;
+    EXPECT_EQ(count(r.out, "Failed to open HTTP connection!"), count(r.out, "Retry ") + 1);
+
+    for (const auto& bad : {std::vector<std::string>{"--retry", "101"},
+                            std::vector<std::string>{"--retry-max-time", "-1"}}) {
+        const RunResult refused = kivreg(connect("1", bad));
+        EXPECT_EQ(refused.exitCode, 1);
+        EXPECT_NE(refused.out.find("Option " + bad[0] + " " + bad[1] + " refused"),
+                  std::string::npos)
+            << refused.out;
+    }
+}
+
+TEST_F(Extensions, CheckRendersWithoutConnecting) {
+    writeFile(m_dir / "bad.sym", "this line has no equals sign\n");
+    std::string dangling = kDocument;
+    dangling.replace(dangling.find("inst_id=\"c1\"/>"), 14, "inst_id=\"zz\"/>");
+    struct Case {
+        std::vector<std::string> args;
+        int exitCode;
+        std::string line;
+    };
+    for (const Case& c : std::vector<Case>{
+             {{"-file", writeDoc("doc.xml", kDocument)}, 0, "Document checked: "},
+             {{"-file", writeDoc("dangling.xml", dangling)}, 1, "Invalid XML data file input."},
+             {{"-file", path("doc.xml"), "-symbolfile", path("bad.sym")},
+              3,
+              "Syntax error in symbol line"},
+         }) {
+        std::vector<std::string> args = {"--check"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const RunResult r = kivreg(args);
+        EXPECT_EQ(r.exitCode, c.exitCode) << r.out;
+        EXPECT_NE(r.out.find(c.line), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find("Registration ***"), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find("Used URL"), std::string::npos) << r.out;
+    }
+}
+
+TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
+    DirServer server(m_dir.path(), {});
+    RunResult r = kivreg(connect(server.portText(), {"--output", path("sent.xml")}));
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    ASSERT_EQ(server.stored().size(), 1u);
+    const std::string sent = server.stored()[0];
+    EXPECT_EQ(readFile(m_dir / "sent.xml"), sent);
+
+    RunOptions inDir;
+    inDir.cwd = m_dir.path().string();
+    // Standard output carries the document alone; the log goes to standard error.
+    r = run({"/bin/sh", "-c",
+             "'" + kProgram + "' --check --output - -file doc.xml >body.xml 2>log.txt"},
+            inDir);
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_EQ(readFile(m_dir / "body.xml"), sent);
+    EXPECT_NE(readFile(m_dir / "log.txt")
+                  .find("Document checked: " + std::to_string(sent.size()) + " bytes to send."),
+              std::string::npos);
+
+    // Nothing partial stays behind, and nothing is sent after a failed copy.
+    r = kivreg(connect(server.portText(), {"--output", path("missing/sent.xml")}));
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_NE(r.out.find("Failed to write the transfer document to " + path("missing/sent.xml") +
+                         ": No such file or directory"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(server.stored().size(), 1u);
+    r = kivreg(
+        {"--check", "--output", path("none.xml"), "-file", writeDoc("bad.xml", "<kivinfo>")});
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_FALSE(std::filesystem::exists(m_dir / "none.xml"));
+    for (const auto& e : std::filesystem::directory_iterator(m_dir.path()))
+        EXPECT_EQ(e.path().filename().string().find(".xml."), std::string::npos) << e.path();
+}
+
+TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
+    // A body of about 1.5 MiB.
+    std::string values;
+    for (int i = 0; i < 20000; ++i)
+        values += "<property name=\"P" + std::to_string(i) + "\"><value>" + std::string(48, 'x') +
+                  "</value></property>";
+    std::string big = kDocument;
+    big.insert(big.find("<reference"), values);
+    DirServer server(m_dir.path(), {});
+    for (const bool terminal : {true, false}) {
+        std::vector<std::string> args = connect(server.portText(), {});
+        args[1] = writeDoc("big.xml", big);
+        RunOptions options;
+        options.terminal = terminal;
+        const RunResult r = kivreg(args, options);
+        EXPECT_EQ(r.exitCode, 0) << r.out.substr(0, 2000);
+        const size_t line = r.out.find("\rkivreg: ");
+        EXPECT_EQ(line != std::string::npos, terminal);
+        if (line != std::string::npos) {
+            EXPECT_NE(r.out.find(" MiB of 1.", line), std::string::npos);
+            EXPECT_NE(r.out.find(" MiB/s", line), std::string::npos);
+        }
+    }
+    EXPECT_EQ(server.stored().size(), 2u);
 }
 
 }  // namespace

@@ -1,6 +1,11 @@
 // Connect files: written from arguments or interactively, used and shown.
 
 #include <gmock/gmock.h>
+#include <termios.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
 
 #include "E2eFixture.h"
 
@@ -128,6 +133,41 @@ TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     EXPECT_EQ(quit.wait(), 1);
     EXPECT_FALSE(std::filesystem::exists(path("quit.conn")));
     EXPECT_EQ(readFile(conn), before);
+}
+
+TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
+    RunOptions terminal;
+    terminal.cwd = m_dir.path().string();
+    terminal.terminal = true;
+    struct Case {
+        std::string keys;  // empty: SIGTERM from outside
+        int signal;
+    };
+    for (const Case& c : {Case{"\x03", SIGINT}, Case{"", SIGTERM}}) {
+        Child t({kProgram, "-configure", path("sig.conn")}, terminal);
+        ASSERT_TRUE(t.expect("User Name       : ")) << t.output();
+        termios before{};
+        ASSERT_TRUE(t.terminalMode(before));
+        t.type("u\r");
+        ASSERT_TRUE(t.expect("Password        : ")) << t.output();
+        ASSERT_TRUE(t.echoOff());
+        t.type("se");
+        ASSERT_TRUE(t.expect("**"));
+        if (c.keys.empty()) {
+            t.stop();
+        } else {
+            t.type(c.keys);
+            t.wait();
+        }
+        EXPECT_EQ(t.signal(), c.signal) << t.output();
+        termios after{};
+        ASSERT_TRUE(t.terminalMode(after));
+        EXPECT_EQ(after.c_lflag, before.c_lflag);
+        EXPECT_EQ(after.c_iflag, before.c_iflag);
+        EXPECT_EQ(after.c_oflag, before.c_oflag);
+        EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
+        EXPECT_FALSE(std::filesystem::exists(path("sig.conn")));
+    }
 }
 
 }  // namespace

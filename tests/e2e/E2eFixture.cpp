@@ -26,6 +26,8 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
         "/usr/bin/env", "python3",        kServerScript, "--quiet",
         "--user",       options.user,     "--password",  options.password,
         "--store",      m_store.string(), "--status",    std::to_string(options.status)};
+    if (!options.first.empty()) argv.insert(argv.end(), {"--first", options.first});
+    if (!options.retryAfter.empty()) argv.insert(argv.end(), {"--retry-after", options.retryAfter});
     if (options.https) {
         makeCertificates(dir);
         argv.insert(argv.end(), {"--cert", (dir / "server.pem").string(), "--key",

@@ -22,6 +22,8 @@ struct ServerOptions {
     std::string user = "supplier";
     std::string password = "s3cret-pw";
     int status = 200;
+    std::string first = "";       // statuses answered before `status`, such as "503,503"
+    std::string retryAfter = "";  // sent with every status other than 200
     bool https = false;
 };
 

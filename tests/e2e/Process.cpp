@@ -121,7 +121,12 @@ int Child::wait(std::chrono::milliseconds timeout) {
     while ((r = waitpid(m_pid, &status, WNOHANG)) == 0 && Clock::now() < deadline) usleep(2000);
     if (r != m_pid) return -1;  // the destructor kills it
     m_pid = -1;
+    m_signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool Child::terminalMode(termios& mode) const {
+    return tcgetattr(m_fd, &mode) == 0;
 }
 
 int Child::stop() {

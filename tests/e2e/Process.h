@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+struct termios;
+
 namespace kivreg::test {
 
 struct RunResult {
@@ -47,6 +49,10 @@ public:
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
     // SIGTERM, then wait().
     int stop();
+    // After wait(): the signal that ended the child, 0 when it exited.
+    int signal() const { return m_signal; }
+    // The pseudo-terminal's attributes; false when they cannot be read.
+    bool terminalMode(termios& mode) const;
     const std::string& output() const { return m_out; }
 
 private:
@@ -56,6 +62,7 @@ private:
     int m_fd = -1;
     std::string m_out;
     size_t m_seen = 0;
+    int m_signal = 0;
 };
 
 }  // namespace kivreg::test
