@@ -52,8 +52,20 @@ void onSignal(int sig) {
     const int savedErrno = errno;
     const TermState& t = term();
     if (sig == SIGCONT) {
-        ::tcsetattr(0, TCSANOW, &t.raw);
+        ::tcsetattr(0, TCSANOW, &t.raw);  // a stop from outside may have left any mode
+    } else if (sig == SIGTSTP) {
+        ::tcsetattr(0, TCSANOW, &t.saved);
+        setAction(SIGTSTP, SIG_DFL);
+        sigset_t stop;
+        sigemptyset(&stop);
+        sigaddset(&stop, SIGTSTP);
+        ::sigprocmask(SIG_UNBLOCK, &stop, nullptr);
+        // Stops here until continued; at once where the stop is not allowed
+        // (a process group without a shell), and reading goes on either way.
+        ::raise(SIGTSTP);
+        ::sigprocmask(SIG_BLOCK, &stop, nullptr);
         setAction(SIGTSTP, onSignal);
+        ::tcsetattr(0, TCSANOW, &t.raw);
     } else {
         ::tcsetattr(0, TCSANOW, &t.saved);
         setAction(sig, SIG_DFL);
