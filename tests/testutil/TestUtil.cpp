@@ -61,8 +61,9 @@ std::vector<std::string> LogCapture::lines() const {
 }
 
 std::vector<std::string> LogCapture::messages() const {
+    static const std::regex stamp(R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \d{4} )");
     std::vector<std::string> out;
-    for (const std::string& line : lines()) out.push_back(stripTimestamp(line));
+    for (const std::string& line : lines()) out.push_back(std::regex_replace(line, stamp, ""));
     return out;
 }
 
@@ -73,13 +74,6 @@ std::string LogCapture::text() const {
         out += m;
     }
     return out;
-}
-
-std::string stripTimestamp(const std::string& line) {
-    static const std::regex stamp(R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \d{4} )");
-    std::smatch m;
-    if (std::regex_search(line, m, stamp)) return line.substr(static_cast<size_t>(m.length(0)));
-    return line;
 }
 
 }  // namespace kivreg::test

@@ -38,7 +38,6 @@ class LogCapture {
 public:
     LogCapture();
     CLog& log() { return *m_log; }
-    CLog* operator->() { return m_log.get(); }
     operator CLog*() { return m_log.get(); }
     // Every line of the log file since the capture began.
     std::vector<std::string> lines() const;
@@ -51,8 +50,5 @@ private:
     TempDir m_dir;
     std::unique_ptr<CLog> m_log;
 };
-
-// Removes a leading log time stamp ("Www Mmm dd hh:mm:ss yyyy ") if present.
-std::string stripTimestamp(const std::string& line);
 
 }  // namespace kivreg::test
