@@ -48,23 +48,7 @@ TEST_F(Cli, LongOptionsAreTakenApartFromTheClassicOnes) {
     EXPECT_TRUE(r.out.starts_with("KIV Registration Program\n")) << r.out;
 }
 
-class Extensions : public E2e {
-protected:
-    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more) {
-        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
-                                         "-user", "supplier",
-                                         "-pass", "s3cret-pw",
-                                         "-host", "127.0.0.1",
-                                         "-port", port};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    }
-    static size_t count(const std::string& text, const std::string& what) {
-        size_t n = 0;
-        for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
-        return n;
-    }
-};
+using Extensions = E2e;
 
 std::string httpDate(std::time_t t) {
     char text[64];
@@ -110,11 +94,11 @@ TEST_F(Extensions, RetriesOnlyWhatMayPassAndResendTheSameBody) {
         const auto stored = server.stored();
         ASSERT_EQ(stored.size(), c.requests) << r.out;
         for (const std::string& doc : stored) EXPECT_EQ(doc, stored[0]);
-        EXPECT_EQ(count(r.out, "Retry "), c.retryLines.size()) << r.out;
+        EXPECT_EQ(occurrences(r.out, "Retry "), c.retryLines.size()) << r.out;
         for (const std::string& line : c.retryLines)
             EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
-        EXPECT_EQ(count(r.out, "*** Start KIV Registration ***"), 1u);
-        EXPECT_EQ(count(r.out, "Used URL: "), c.requests);
+        EXPECT_EQ(occurrences(r.out, "*** Start KIV Registration ***"), 1u);
+        EXPECT_EQ(occurrences(r.out, "Used URL: "), c.requests);
     }
 
     // No server: every attempt fails to connect until the budget is spent.
@@ -122,7 +106,8 @@ TEST_F(Extensions, RetriesOnlyWhatMayPassAndResendTheSameBody) {
     EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_NE(r.out.find("Retry 1 of 2 in "), std::string::npos) << r.out;
     EXPECT_NE(r.out.find(" s: connection failed"), std::string::npos) << r.out;
-    EXPECT_EQ(count(r.out, "Failed to open HTTP connection!"), count(r.out, "Retry ") + 1);
+    EXPECT_EQ(occurrences(r.out, "Failed to open HTTP connection!"),
+              occurrences(r.out, "Retry ") + 1);
 
     for (const auto& bad : {std::vector<std::string>{"--retry", "101"},
                             std::vector<std::string>{"--retry-max-time", "-1"}}) {

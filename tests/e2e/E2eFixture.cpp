@@ -80,6 +80,16 @@ RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) 
     return run(argv, options);
 }
 
+std::vector<std::string> E2e::connect(const std::string& port, std::vector<std::string> more) {
+    std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
+                                     "-user", "supplier",
+                                     "-pass", "s3cret-pw",
+                                     "-host", "127.0.0.1",
+                                     "-port", port};
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
 std::string E2e::writeDoc(const std::string& name, const std::string& xml) {
     writeFile(m_dir / name, xml);
     return path(name);

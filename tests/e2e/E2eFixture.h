@@ -52,9 +52,21 @@ protected:
     RunResult kivreg(const std::vector<std::string>& args, RunOptions options = {});
     std::string writeDoc(const std::string& name, const std::string& xml);
     std::string path(const std::string& name) const { return (m_dir / name).string(); }
+    // Registers kDocument (as doc.xml) with the server's user and password, then `more`.
+    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more = {});
+    std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
+        return connect(server.portText(), std::move(more));
+    }
 
     TempDir m_dir;
 };
+
+// How often `what` occurs in `text`.
+inline size_t occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
+    return n;
+}
 
 // A small document whose one reference resolves.
 extern const char* const kDocument;

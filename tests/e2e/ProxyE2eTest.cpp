@@ -64,11 +64,7 @@ protected:
     RunResult run(bool https, std::map<std::string, std::string> env,
                   std::vector<std::string> more = {}) {
         const DirServer& server = https ? *m_https : *m_http;
-        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
-                                         "-user", "supplier",
-                                         "-pass", "s3cret-pw",
-                                         "-host", "127.0.0.1",
-                                         "-port", server.portText()};
+        std::vector<std::string> args = connect(server);
         if (https) args.push_back("-usehttps");
         args.push_back("-httptrace");  // the trace, too, must keep the credentials to itself
         args.insert(args.end(), more.begin(), more.end());

@@ -10,19 +10,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-class Registration : public E2e {
-protected:
-    // The connection options of a server, with the document file.
-    std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
-        std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
-                                         "-user", "supplier",
-                                         "-pass", "s3cret-pw",
-                                         "-host", "127.0.0.1",
-                                         "-port", server.portText()};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    }
-};
+using Registration = E2e;
 
 TEST_F(Registration, OverHttpStoresTheTransferDocument) {
     DirServer server(m_dir.path(), {});
@@ -90,12 +78,7 @@ TEST_F(Registration, SymbolFiles) {
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("### site = \"Berlin\""));
     // The data trace shows the document before and after substitution.
-    size_t begins = 0;
-    for (size_t at = 0; (at = r.out.find(">>> Begin Parsed Data >>>", at)) != std::string::npos;
-         ++at) {
-        ++begins;
-    }
-    EXPECT_EQ(begins, 2u);
+    EXPECT_EQ(occurrences(r.out, ">>> Begin Parsed Data >>>"), 2u);
     EXPECT_THAT(r.out, HasSubstr("Parsed Value: ${site}"));
     EXPECT_THAT(r.out, HasSubstr("Parsed Value: Berlin"));
     ASSERT_EQ(server.stored().size(), 1u);
