@@ -30,7 +30,7 @@ inline constexpr LongOption kLongOptions[] = {
     {CMDARG_RETRY, u"<n>", u"Retries a failed transfer up to n times (0-100, default 0)"},
     {CMDARG_RETRY_MAX_TIME, u"<s>", u"Stops retrying after s seconds (default 600)"},
     {CMDARG_NO_PROGRESS, u"", u"Shows no progress line while the document is sent"},
-    {CMDARG_PROXY, u"<url>", u"HTTP proxy to use (overrides http_proxy/https_proxy)"},
+    {CMDARG_PROXY, u"<url>", u"HTTP proxy to use, \"\" for none (overrides *_proxy)"},
     {CMDARG_NOPROXY, u"<list>", u"Hosts to reach without proxy (overrides no_proxy)"},
 };
 

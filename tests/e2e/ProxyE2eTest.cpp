@@ -134,6 +134,20 @@ TEST_F(ThroughProxy, RegistrationsFollowTheProxySettings) {
         EXPECT_EQ(m_http->stored().size() + m_https->stored().size(), stored) << c.name;
     }
     EXPECT_EQ(m_https->stored().at(0), m_http->stored().at(0));
+
+    // The program's options rule over the environment.
+    const struct {
+        std::vector<std::string> args;
+        std::string environment;
+        bool proxied;
+    } options[] = {{{"--proxy", ""}, proxy, false},
+                   {{"--proxy", proxy}, "http://127.0.0.1:" + closedPort(), true},
+                   {{"--noproxy", "127.0.0.1"}, proxy, false}};
+    for (const auto& o : options) {
+        const RunResult r = run(true, {{"https_proxy", o.environment}}, o.args);
+        EXPECT_EQ(r.exitCode, 0) << o.args[0] << "\n" << r.out;
+        EXPECT_EQ(r.out.find(using_) != std::string::npos, o.proxied) << o.args[0];
+    }
 }
 
 }  // namespace
