@@ -32,8 +32,8 @@ void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
     putAttribute(out, u"<instance classname=\"", c.getName());
     putAttributeIfSet(out, u" inst_id=\"", inst.getId());
     out += u'>';
-    for (const auto& [name, prop] : inst.properties()) {
-        putAttribute(out, u"<property name=\"", name);
+    for (const CProp& prop : inst.properties()) {
+        putAttribute(out, u"<property name=\"", prop.getName());
         out += u'>';
         for (const std::u16string& v : prop.values()) {
             out += u"<value>";
@@ -42,8 +42,8 @@ void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
         }
         out += u"</property>";
     }
-    for (const auto& [role, ref] : inst.references()) {
-        putAttribute(out, u"<reference rolename=\"", role);
+    for (const CRef& ref : inst.references()) {
+        putAttribute(out, u"<reference rolename=\"", ref.getRoleName());
         putAttribute(out, u" classname=\"", ref.getClassName());
         // The old format always writes the target id, empty or not.
         putAttribute(out, u" inst_id=\"", ref.getInstId());

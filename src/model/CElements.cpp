@@ -56,8 +56,8 @@ void CInst::render(Out& out) const {
     out += u"<instance";
     putAttributeIfSet(out, u" inst_id=\"", m_id);
     out += u'>';
-    for (const auto& [name, prop] : m_properties) prop.render(out);
-    for (const auto& [role, ref] : m_references) ref.render(out);
+    for (const CProp& prop : m_properties) prop.render(out);
+    for (const CRef& ref : m_references) ref.render(out);
     out += u"</instance>";
 }
 

@@ -2,19 +2,21 @@
 // An instance of a class: its id, its properties by name and its references
 // by role, both kept in code-unit order of the key.
 
-#include <map>
+#include <algorithm>
 #include <string>
+#include <vector>
 
-#include "model/CBaseElem.h"
 #include "model/CProp.h"
 #include "model/CRef.h"
 
 namespace kivreg {
 
-class CInst : public CXmlElem<CInst> {
+class CInst {
 public:
-    using PropMap = std::map<std::u16string, CProp>;
-    using RefMap = std::map<std::u16string, CRef>;
+    // Flat and sorted rather than node-based: a large document holds
+    // hundreds of thousands of instances with a handful of entries each.
+    using PropList = std::vector<CProp>;
+    using RefList = std::vector<CRef>;
 
     CInst() = default;
     explicit CInst(std::u16string id) : m_id(std::move(id)) {}
@@ -22,36 +24,36 @@ public:
     const std::u16string& getId() const { return m_id; }
 
     // A property or reference replaces an earlier one of the same name or role.
-    void addProperty(const CProp& prop) { m_properties.insert_or_assign(prop.getName(), prop); }
-    void addProperty(CProp&& prop) {
-        m_properties.insert_or_assign(prop.getName(), std::move(prop));
-    }
+    void addProperty(CProp prop) { insertOrAssign(m_properties, std::move(prop)); }
     void addProperty(const CProp* prop) {
         if (prop != nullptr) addProperty(*prop);
     }
-    void addReference(const CRef& ref) { m_references.insert_or_assign(ref.getRoleName(), ref); }
-    void addReference(CRef&& ref) {
-        m_references.insert_or_assign(ref.getRoleName(), std::move(ref));
-    }
+    void addReference(CRef ref) { insertOrAssign(m_references, std::move(ref)); }
     void addReference(const CRef* ref) {
         if (ref != nullptr) addReference(*ref);
     }
+    // Gives back what the lists hold beyond their size, once the instance is complete.
+    void compact() {
+        m_properties.shrink_to_fit();
+        m_references.shrink_to_fit();
+    }
 
-    PropMap::const_iterator getProperty(const std::u16string& name) const {
-        return m_properties.find(name);
+    PropList::const_iterator getProperty(const std::u16string& name) const {
+        return find(m_properties, name);
     }
-    RefMap::const_iterator getReference(const std::u16string& roleName) const {
-        return m_references.find(roleName);
+    RefList::const_iterator getReference(const std::u16string& roleName) const {
+        return find(m_references, roleName);
     }
-    PropMap::const_iterator getPropertyIterator() const { return m_properties.begin(); }
-    PropMap::const_iterator getPropertyEnd() const { return m_properties.end(); }
-    PropMap::iterator getPropertyChangeIterator() { return m_properties.begin(); }
-    PropMap::iterator getPropertyChangeEnd() { return m_properties.end(); }
-    RefMap::const_iterator getReferenceIterator() const { return m_references.begin(); }
-    RefMap::const_iterator getReferenceEnd() const { return m_references.end(); }
-    const PropMap& properties() const { return m_properties; }
-    PropMap& properties() { return m_properties; }
-    const RefMap& references() const { return m_references; }
+    PropList::const_iterator getPropertyIterator() const { return m_properties.begin(); }
+    PropList::const_iterator getPropertyEnd() const { return m_properties.end(); }
+    // Keys must not be changed through these.
+    PropList::iterator getPropertyChangeIterator() { return m_properties.begin(); }
+    PropList::iterator getPropertyChangeEnd() { return m_properties.end(); }
+    RefList::const_iterator getReferenceIterator() const { return m_references.begin(); }
+    RefList::const_iterator getReferenceEnd() const { return m_references.end(); }
+    const PropList& properties() const { return m_properties; }
+    PropList& properties() { return m_properties; }
+    const RefList& references() const { return m_references; }
 
     // The number of properties.
     size_t getValueCount() const { return m_properties.size(); }
@@ -62,9 +64,40 @@ public:
     void render(Out& out) const;
 
 private:
+    static const std::u16string& keyOf(const CProp& p) { return p.getName(); }
+    static const std::u16string& keyOf(const CRef& r) { return r.getRoleName(); }
+
+    struct KeyLess {
+        template <typename Elem>
+        bool operator()(const Elem& e, const std::u16string& k) const {
+            return keyOf(e) < k;
+        }
+    };
+
+    template <typename List>
+    static typename List::const_iterator find(const List& list, const std::u16string& key) {
+        auto it = std::lower_bound(list.begin(), list.end(), key, KeyLess());
+        return it != list.end() && keyOf(*it) == key ? it : list.end();
+    }
+
+    template <typename List, typename Elem>
+    static void insertOrAssign(List& list, Elem&& elem) {
+        const std::u16string& key = keyOf(elem);
+        // Documents mostly list an instance's entries in order: try the end first.
+        if (list.empty() || keyOf(list.back()) < key) {
+            list.push_back(std::move(elem));
+            return;
+        }
+        auto it = std::lower_bound(list.begin(), list.end(), key, KeyLess());
+        if (keyOf(*it) == key)
+            *it = std::move(elem);
+        else
+            list.insert(it, std::move(elem));
+    }
+
     std::u16string m_id;
-    PropMap m_properties;
-    RefMap m_references;
+    PropList m_properties;
+    RefList m_references;
 };
 
 }  // namespace kivreg

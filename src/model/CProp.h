@@ -5,11 +5,9 @@
 #include <string_view>
 #include <vector>
 
-#include "model/CBaseElem.h"
-
 namespace kivreg {
 
-class CProp : public CXmlElem<CProp> {
+class CProp {
 public:
     using ValueList = std::vector<std::u16string>;
 

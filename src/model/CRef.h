@@ -4,11 +4,9 @@
 
 #include <string>
 
-#include "model/CBaseElem.h"
-
 namespace kivreg {
 
-class CRef : public CXmlElem<CRef> {
+class CRef {
 public:
     CRef() = default;
     CRef(std::u16string roleName, std::u16string groupName, std::u16string className,

@@ -250,7 +250,10 @@ public:
                 m_inProperty = false;
                 break;
             case kInstance:
-                if (m_inInstance) m_class.addInst(std::move(m_instance));
+                if (m_inInstance) {
+                    m_instance.compact();
+                    m_class.addInst(std::move(m_instance));
+                }
                 m_inInstance = false;
                 break;
             case kClass:

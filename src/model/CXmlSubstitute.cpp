@@ -59,7 +59,7 @@ bool CXmlFile::replaceSymbols() {
             const std::u16string cls = group + u", class " + quoted(c.getName());
             if (!replaceAttributes(c, cls)) return false;
             for (CInst& inst : c.instances()) {
-                for (auto& [name, prop] : inst.properties()) {
+                for (CProp& prop : inst.properties()) {
                     replaceCopy(prop.getSourceformat(),
                                 [&](std::u16string v) { prop.setSourceformat(std::move(v)); });
                     for (auto v = prop.getValueChangeIterator();
@@ -69,7 +69,7 @@ bool CXmlFile::replaceSymbols() {
                         sym.replaceSymbolsInPlace(*v, budget);
                     if (stopped([&] {
                             return cls + u", instance " + quoted(inst.getId()) + u", property " +
-                                   quoted(name);
+                                   quoted(prop.getName());
                         }))
                         return false;
                 }

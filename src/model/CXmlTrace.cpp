@@ -28,8 +28,8 @@ void CXmlFile::write2File() const {
             size_t number = 0;
             for (const CInst& inst : c.instances()) {
                 log << timestamp << u"  Instance Number: " << number++ << endlog;
-                for (const auto& [name, prop] : inst.properties()) {
-                    log << timestamp << u"    Property: " << name << endlog;
+                for (const CProp& prop : inst.properties()) {
+                    log << timestamp << u"    Property: " << prop.getName() << endlog;
                     if (!prop.getSourceformat().empty())
                         log << timestamp << u"      Source format: " << prop.getSourceformat()
                             << endlog;
@@ -40,8 +40,8 @@ void CXmlFile::write2File() const {
                         log << timestamp << u"      Output Value: " << escaped << endlog;
                     }
                 }
-                for (const auto& [role, ref] : inst.references()) {
-                    log << timestamp << u"    Reference (role): " << role << endlog;
+                for (const CRef& ref : inst.references()) {
+                    log << timestamp << u"    Reference (role): " << ref.getRoleName() << endlog;
                     log << timestamp << u"      Group/Class/instId  : " << ref.getGroupName()
                         << u"/" << ref.getClassName() << u"/" << ref.getInstId() << endlog;
                 }

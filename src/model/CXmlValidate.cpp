@@ -37,7 +37,7 @@ bool CXmlFile::validateReferences() const {
     for (const CGroup& g : m_groups) {
         for (const CClass& c : g.classes()) {
             for (const CInst& inst : c.instances()) {
-                for (const auto& [role, ref] : inst.references()) {
+                for (const CRef& ref : inst.references()) {
                     std::u16string kind;
                     std::u16string target;
                     auto gi = m_groupsByName.find(ref.getGroupName());

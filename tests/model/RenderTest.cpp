@@ -37,13 +37,15 @@ TEST(TransferBody, GoldenDocuments) {
 }
 
 // Property names and roles order by 16-bit units, which puts a character
-// above U+FFFF before one from U+E000; the UTF-8 body is the 16-bit one
-// converted, in both formats.
+// above U+FFFF before one from U+E000, and the last of a name or role wins;
+// the UTF-8 body is the 16-bit one converted, in both formats.
 TEST(TransferBody, OrderBySixteenBitUnitsAndUtf8) {
     const std::string privateUse = "\xEE\x80\x80", astral = "\xF0\x9F\x98\x80";
     LogCapture cap;
     std::string doc =
-        "<kivinfo supplier_name='S\xC3\xBC'><group name='G'><class name='C'><instance>";
+        "<kivinfo supplier_name='S\xC3\xBC'><group name='G'><class name='C'><instance>"
+        "<property name='z'><value>first</value></property><reference rolename='z' "
+        "classname='first'/>";
     for (const std::string& n : {privateUse, astral, std::string("z")})
         doc += "<property name='" + n + "'><value>" + n +
                "</value></property><reference rolename='" + n + "'/>";
@@ -55,6 +57,7 @@ TEST(TransferBody, OrderBySixteenBitUnitsAndUtf8) {
     const size_t rz = body.find("rolename=\"z\""), ra = body.find("rolename=\"" + astral),
                  rp = body.find("rolename=\"" + privateUse);
     EXPECT_TRUE(rz < ra && ra < rp) << body;
+    EXPECT_EQ(body.find("first"), std::string::npos) << body;
     for (const bool old : {false, true}) {
         file->setOldTransferDtd(old);
         old ? file->createBodyOld() : file->createBody();
