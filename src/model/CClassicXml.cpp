@@ -35,7 +35,7 @@ void CClassicXml::renderInstance(Out& out, const CClass& c, const CInst& inst) {
     for (const CProp& prop : inst.properties()) {
         putAttribute(out, u"<property name=\"", prop.getName());
         out += u'>';
-        for (const std::u16string& v : prop.values()) {
+        for (std::u16string_view v : prop.values()) {
             out += u"<value>";
             out += v;
             out += u"</value>";

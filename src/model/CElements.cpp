@@ -27,10 +27,10 @@ std::u16string CProp::escapeXML(std::u16string_view value) {
 
 template <typename Out>
 void CProp::render(Out& out) const {
-    putAttribute(out, u"<property name=\"", m_name);
-    putAttributeIfSet(out, u" sourceformat=\"", m_sourceformat);
+    putAttribute(out, u"<property name=\"", *m_name);
+    putAttributeIfSet(out, u" sourceformat=\"", *m_sourceformat);
     out += u'>';
-    for (const std::u16string& v : m_values) {
+    for (std::u16string_view v : m_values) {
         out += u"<value>";
         appendEscaped(out, v);
         out += u"</value>";
@@ -42,9 +42,9 @@ void CProp::render(Out& out) const {
 
 template <typename Out>
 void CRef::render(Out& out) const {
-    putAttribute(out, u"<reference rolename=\"", m_roleName);
-    putAttribute(out, u" groupname=\"", m_groupName);
-    putAttribute(out, u" classname=\"", m_className);
+    putAttribute(out, u"<reference rolename=\"", *m_roleName);
+    putAttribute(out, u" groupname=\"", *m_groupName);
+    putAttribute(out, u" classname=\"", *m_className);
     putAttributeIfSet(out, u" inst_id=\"", m_instId);
     out += u"/>";
 }

@@ -1,26 +1,29 @@
 #pragma once
 // A property of an instance: a name, a free-text source format and its values.
+// The name and the format are references to the text store's names, the
+// values views of texts it keeps.
 
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "model/CTextStore.h"
+
 namespace kivreg {
 
 class CProp {
 public:
-    using ValueList = std::vector<std::u16string>;
+    using ValueList = std::vector<std::u16string_view>;
 
     CProp() = default;
-    explicit CProp(std::u16string name) : m_name(std::move(name)) {}
+    explicit CProp(const std::u16string* name) : m_name(name) {}
     explicit CProp(const CProp* other) : CProp(*other) {}
 
-    const std::u16string& getName() const { return m_name; }
-    const std::u16string& getSourceformat() const { return m_sourceformat; }
-    void setSourceformat(std::u16string format) { m_sourceformat = std::move(format); }
+    const std::u16string& getName() const { return *m_name; }
+    const std::u16string& getSourceformat() const { return *m_sourceformat; }
+    void setSourceformat(const std::u16string* format) { m_sourceformat = format; }
 
-    void addValue(std::u16string value) { m_values.push_back(std::move(value)); }
-    void setValues(ValueList values) { m_values = std::move(values); }
+    void addValue(std::u16string_view value) { m_values.push_back(value); }
     size_t getValueCount() const { return m_values.size(); }
     ValueList::const_iterator getValueIterator() const { return m_values.begin(); }
     ValueList::const_iterator getValueEnd() const { return m_values.end(); }
@@ -29,7 +32,7 @@ public:
     const ValueList& values() const { return m_values; }
 
     // True when the property has no name; the values do not count.
-    bool isEmpty() const { return m_name.empty(); }
+    bool isEmpty() const { return m_name->empty(); }
 
     // Writes the element into a string or an XmlLength.
     template <typename Out>
@@ -70,8 +73,8 @@ public:
     }
 
 private:
-    std::u16string m_name;
-    std::u16string m_sourceformat;
+    const std::u16string* m_name = &CTextStore::none();
+    const std::u16string* m_sourceformat = &CTextStore::none();
     ValueList m_values;
 };
 

@@ -215,12 +215,12 @@ public:
             case kProperty:
                 m_inProperty = m_inInstance && tag.is(ms_tagProperty);
                 if (m_inProperty) {
-                    m_property = CProp(attr16(tag, ms_attrName));
-                    m_property.setSourceformat(attr16(tag, ms_attrSourceformat));
+                    m_property = CProp(name(tag, ms_attrName));
+                    m_property.setSourceformat(name(tag, ms_attrSourceformat));
                 } else if (m_inInstance && tag.is(ms_tagReference)) {
                     m_instance.addReference(
-                        CRef(attr16(tag, ms_attrRoleName), attr16(tag, ms_attrGroupName),
-                             attr16(tag, ms_attrClassName), attr16(tag, ms_attrInstId)));
+                        CRef(name(tag, ms_attrRoleName), name(tag, ms_attrGroupName),
+                             name(tag, ms_attrClassName), attr16(tag, ms_attrInstId)));
                 }
                 break;
             case kValue:
@@ -241,7 +241,9 @@ public:
             if (depth != m_valueDepth) return;
             m_valueDepth = 0;
             normaliseValue(m_value);
-            m_property.addValue(text16(m_value));
+            m_name.clear();
+            rt::utf8ToUtf16Lenient(m_value, m_name);
+            m_property.addValue(m_file.m_texts->keep(m_name));
             return;
         }
         switch (depth) {
@@ -301,6 +303,15 @@ private:
         log << timestamp << u"CIM Model Version: " << m_file.m_modelVersion << endlog;
     }
 
+    // An attribute whose values repeat across the document, held once.
+    const std::u16string* name(const XmlStartTag& tag, std::string_view attribute) {
+        std::string_view utf8 = tag.attribute(attribute);
+        if (utf8.empty()) return &CTextStore::none();
+        m_name.clear();
+        rt::utf8ToUtf16Lenient(utf8, m_name);
+        return &m_file.m_texts->intern(m_name);
+    }
+
     static bool classType(const XmlStartTag& tag, int& type) {
         if (tag.is(ms_tagClass))
             type = CClass::TYPE_CLASS;
@@ -325,6 +336,7 @@ private:
     CInst m_instance;
     CProp m_property;
     std::string m_value;
+    std::u16string m_name;  // reused for each name and value converted
 };
 
 bool CXmlFile::loadStream(rt::XmlInputStream& in) {

@@ -3,12 +3,14 @@
 // file, a string or standard input, symbol replacement, reference
 // validation, the transfer bodies and the data trace dump.
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "model/CGroup.h"
+#include "model/CTextStore.h"
 #include "model/PSymbols.h"
 
 namespace kivreg {
@@ -132,6 +134,8 @@ private:
     void renderBody(Out& out) const;
 
     GroupList m_groups;
+    // Shared, so that a copy of the file keeps the names its elements refer to.
+    std::shared_ptr<CTextStore> m_texts = std::make_shared<CTextStore>();
     std::unordered_map<std::u16string, size_t> m_groupsByName;  // index into m_groups
     CLog* m_log;
     bool m_loaded = false;

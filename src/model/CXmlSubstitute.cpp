@@ -38,9 +38,9 @@ bool CXmlFile::replaceSymbols() {
 
     // A text is copied only when it holds a placeholder, and handed back only
     // when that changed it; so a default that holds one becomes a value.
-    auto replaceCopy = [&](const std::u16string& text, auto set) {
+    auto replaceCopy = [&](std::u16string_view text, auto set) {
         if (text.find(PSymbols::symbol_start) == std::u16string::npos) return;
-        std::u16string v = text;
+        std::u16string v(text);
         if (sym.replaceSymbolsInPlace(v, budget)) set(std::move(v));
     };
     auto quoted = [](const std::u16string& s) { return u"\"" + s + u"\""; };
@@ -60,13 +60,14 @@ bool CXmlFile::replaceSymbols() {
             if (!replaceAttributes(c, cls)) return false;
             for (CInst& inst : c.instances()) {
                 for (CProp& prop : inst.properties()) {
-                    replaceCopy(prop.getSourceformat(),
-                                [&](std::u16string v) { prop.setSourceformat(std::move(v)); });
+                    replaceCopy(prop.getSourceformat(), [&](std::u16string v) {
+                        prop.setSourceformat(&m_texts->intern(v));
+                    });
                     for (auto v = prop.getValueChangeIterator();
                          v != prop.getValueChangeEnd() &&
                          budget.stopped == PSymbols::Budget::Stop::None;
                          ++v)
-                        sym.replaceSymbolsInPlace(*v, budget);
+                        replaceCopy(*v, [&](std::u16string text) { *v = m_texts->keep(text); });
                     if (stopped([&] {
                             return cls + u", instance " + quoted(inst.getId()) + u", property " +
                                    quoted(prop.getName());

@@ -33,7 +33,7 @@ void CXmlFile::write2File() const {
                     if (!prop.getSourceformat().empty())
                         log << timestamp << u"      Source format: " << prop.getSourceformat()
                             << endlog;
-                    for (const std::u16string& v : prop.values()) {
+                    for (std::u16string_view v : prop.values()) {
                         log << timestamp << u"      Parsed Value: " << v << endlog;
                         escaped.clear();
                         CProp::appendEscaped(escaped, v);

@@ -162,7 +162,7 @@ TEST(CXmlFileLoad, LargeDocuments) {
     TempDir dir;
     const auto lastValue = [](const CXmlFile& file) {
         const CClass& c = file.groups().back().classes().back();
-        return u8(c.instances().back().properties().front().values().back());
+        return u8(std::u16string(c.instances().back().properties().front().values().back()));
     };
     {
         LogCapture cap;
