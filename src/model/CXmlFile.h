@@ -134,7 +134,7 @@ private:
     void renderBody(Out& out) const;
 
     GroupList m_groups;
-    // Shared, so that a copy of the file keeps the names its elements refer to.
+    // Shared, so that a copy of the file keeps the texts its elements refer to.
     std::shared_ptr<CTextStore> m_texts = std::make_shared<CTextStore>();
     std::unordered_map<std::u16string, size_t> m_groupsByName;  // index into m_groups
     CLog* m_log;
