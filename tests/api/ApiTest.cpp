@@ -1,10 +1,8 @@
 // The exported functions called in-process: what they record, log and return.
 
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include "TestServer.h"
 #include "api/ApiState.h"
 #include "api/Vocabulary.h"
 #include "kivreg.h"
@@ -21,19 +19,6 @@ const char16_t* const kDoc =
     u"<kivinfo supplier_name=\"S\"><group name=\"G\"><class name=\"C\">"
     u"<instance inst_id=\"i\"><reference rolename=\"r\" groupname=\"G\" classname=\"C\" "
     u"inst_id=\"i\"/></instance></class></group></kivinfo>";
-
-// A loopback port on which nothing listens.
-std::u16string closedPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return u16(std::to_string(ntohs(addr.sin_port)));
-}
 
 class Api : public testing::Test {
 protected:
@@ -164,7 +149,7 @@ struct RunRow {
 };
 
 TEST_F(Api, RunChecksConnectionDataAndTimeouts) {
-    const std::u16string closed = closedPort();
+    const std::u16string closed = u16(test::closedPort());
     const RunRow rows[] = {
         {"port 65536 passes the check", u"65536", {}, -2, {"Start KIV Registration"}},
         {"port 65537", u"65537", {}, -1, {"Invalid HTTP port specified."}},
@@ -224,7 +209,7 @@ TEST_F(Api, RunWithoutDocumentOrConnectionData) {
 
 TEST_F(Api, SymbolFileCodesAreHandedThrough) {
     ASSERT_EQ(KivRegSetXML(kDoc), 1);
-    ASSERT_EQ(KivRegSetConnectData(u"127.0.0.1", closedPort().c_str(), u"u", u""), 1);
+    ASSERT_EQ(KivRegSetConnectData(u"127.0.0.1", u16(test::closedPort()).c_str(), u"u", u""), 1);
     test::writeFile(m_dir / "bad.sym", "ok=1\n   just words\n");
     api::state().gArgs.addArg(CMDARG_SYMBOL_FILE, u16(m_dir / "bad.sym"));
     EXPECT_EQ(KivRegSendReceiveData(), -2);

@@ -91,54 +91,42 @@ TEST(CPArgs, FirstOccurrenceWinsAndLookupsRespectCase) {
     EXPECT_EQ(CPArgs::convertToLower(u'\u00D7'), u'\u00D7');
 }
 
-TEST(CPArgs, AddReplacesAndMovesToTheEnd) {
-    CPArgs args;
+// Adding replaces and moves to the end; removal passes over the entry after a removed one.
+TEST(CPArgs, AddAndRemove) {
+    CPArgs args = parse({u"kivreg", u"-x", u"-x", u"-y", u"-x"});
     args.addArg(u"-host", u"a");
     args.addSwitch(u"-usehttps");
     args.addArg(u"-host", u"b");
-    EXPECT_EQ(entries(args),
-              (std::vector<Entry>{{u"-usehttps", u"", false}, {u"-host", u"b", true}}));
+    args.removeArg(u"-x");
+    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-x", u"", false},
+                                                 {u"-y", u"", false},
+                                                 {u"-usehttps", u"", false},
+                                                 {u"-host", u"b", true}}));
+    args.removeArg(u"-x");
     args.removeArg(u"-usehttps");
-    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-host", u"b", true}}));
-}
-
-TEST(CPArgs, RemovalPassesOverTheEntryAfterARemovedOne) {
-    CPArgs args = parse({u"kivreg", u"-x", u"-x", u"-y", u"-x"});
-    args.removeArg(u"-x");
-    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-x", u"", false}, {u"-y", u"", false}}));
-    args.removeArg(u"-x");
-    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-y", u"", false}}));
+    EXPECT_EQ(entries(args), (std::vector<Entry>{{u"-y", u"", false}, {u"-host", u"b", true}}));
 }
 
 TEST(CPArgs, NumericTextAndValue) {
-    struct Row {
-        std::u16string text;
-        bool numeric;
-        int32_t value;
+    // Not numbers (a full-width digit is not a digit): the largest value stands in.
+    for (const std::u16string text : {u"", u"+", u"-", u" 7", u"7 ", u"7a", u"1+1", u"\uFF17"}) {
+        EXPECT_FALSE(CPArgs::isNumeric(text)) << test::u8(text);
+        EXPECT_EQ(CPArgs::getNumber(text), 2147483647) << test::u8(text);
+    }
+    const std::pair<std::u16string, int32_t> numbers[] = {
+        {u"7", 7},
+        {u"+7", 7},
+        {u"-0", 0},
+        {u"65536", 65536},
+        {u"-1", -1},
+        {u"2147483647", 2147483647},
+        {u"99999999999", 2147483647},
+        {u"-2147483648", -2147483647 - 1},
+        {u"-99999999999", -2147483647 - 1},
     };
-    const Row rows[] = {
-        {u"", false, 2147483647},
-        {u"+", false, 2147483647},
-        {u"-", false, 2147483647},
-        {u"7", true, 7},
-        {u"+7", true, 7},
-        {u"-0", true, 0},
-        {u" 7", false, 2147483647},
-        {u"7 ", false, 2147483647},
-        {u"7a", false, 2147483647},
-        {u"65536", true, 65536},
-        {u"-1", true, -1},
-        {u"1+1", false, 2147483647},
-        {u"2147483647", true, 2147483647},
-        {u"99999999999", true, 2147483647},
-        {u"-2147483648", true, -2147483647 - 1},
-        {u"-99999999999", true, -2147483647 - 1},
-        {u"\uFF17", false, 2147483647},  // a full-width digit is not a digit
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(test::u8(r.text));
-        EXPECT_EQ(CPArgs::isNumeric(r.text), r.numeric);
-        EXPECT_EQ(CPArgs::getNumber(r.text), r.value);
+    for (const auto& [text, value] : numbers) {
+        EXPECT_TRUE(CPArgs::isNumeric(text)) << test::u8(text);
+        EXPECT_EQ(CPArgs::getNumber(text), value) << test::u8(text);
     }
 }
 

@@ -8,14 +8,12 @@
 namespace kivreg {
 namespace {
 
-TEST(Vocabulary, HelpTextMatchesTheReferenceCopy) {
+TEST(Vocabulary, HelpAndVersionTexts) {
     const std::string expected = test::readFile(KIVREG_TEST_DATA_DIR "/usage.txt");
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(test::u8(std::u16string(PROGRAM_USAGE)), expected);
     EXPECT_EQ(std::count(expected.begin(), expected.end(), '\n'), 51);
-}
-
-TEST(Vocabulary, VersionLineIsBuiltFromItsParts) {
+    // The version line is built from its parts.
     EXPECT_TRUE(std::regex_match(test::u8(std::u16string(PROGRAM_VERSION)),
                                  std::regex(R"( \[\d+\.\d+\.\d+\] )")));
     EXPECT_TRUE(std::regex_match(test::u8(std::u16string(PROGRAM_DATE)),

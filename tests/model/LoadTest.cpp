@@ -2,12 +2,11 @@
 // (entity bombs, deep nesting, external entities and DTDs, the network,
 // malformed UTF-8) are neither followed nor crash, and nothing reaches stderr.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
+#include <unistd.h>
 
+#include "TestServer.h"
 #include "model/ModelTestUtil.h"
 
 namespace kivreg {
@@ -230,16 +229,9 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
     test::writeFile(dir / "evil.dtd", "<!ENTITY inner 'TOP-SECRET'> <!ELEMENT broken");
     const std::string secret = "file://" + (dir / "secret.txt").string();
     const std::string dtd = "file://" + (dir / "evil.dtd").string();
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
-    ASSERT_EQ(::listen(listener, 4), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x";
+    std::string port;
+    const int listener = test::listenOnLoopback(port);
+    const std::string url = "http://127.0.0.1:" + port + "/x";
     // The parser's limits: nesting, name and text sizes; each at and beyond.
     const auto deep = [](int levels) {
         std::string open, close;
