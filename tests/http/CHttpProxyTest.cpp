@@ -88,7 +88,7 @@ TEST_F(CHttpProxyTest, StandardAndOldFormatRequestsMatchTheDataFiles) {
     EXPECT_EQ(run(kOk).second, expectedHeader("request_old.txt", body().size()) + body());
 }
 
-TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOne) {
+TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOneOrRaises) {
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     const struct {
         const char* name;
@@ -111,6 +111,8 @@ TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOne) {
         EXPECT_EQ(run(c.answer).first, c.status) << c.name;
         EXPECT_EQ(m_log.messages().back(), c.logLine) << c.name;
     }
+    // A malformed UTF-8 answer raises the conversion error.
+    EXPECT_THROW(run("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n\xC3\x28"), ERegExcept);
 }
 
 TEST_F(CHttpProxyTest, TraceLogsBodyHeaderAndAnswer) {
@@ -126,10 +128,6 @@ TEST_F(CHttpProxyTest, TraceLogsBodyHeaderAndAnswer) {
     EXPECT_EQ(run("HTTP/1.1 204 No Content\r\n\r\n", true).first, 204);
     EXPECT_NE(m_log.text().find("\nHTTP body length: 0 --- HTTP body: *empty*\n"),
               std::string::npos);
-}
-
-TEST_F(CHttpProxyTest, MalformedUtf8AnswerRaisesTheConversionError) {
-    EXPECT_THROW(run("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n\xC3\x28"), ERegExcept);
 }
 
 TEST_F(CHttpProxyTest, HttpsSetsSecudirOnlyWhenUnset) {
