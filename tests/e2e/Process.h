@@ -23,8 +23,7 @@ struct RunOptions {
     std::string cwd;
     std::map<std::string, std::string> env;  // added to (or replacing in) the environment
     std::string input;                       // the whole of standard input
-    std::chrono::milliseconds timeout{60000};
-    bool terminal = false;  // a pseudo-terminal for all three standard streams
+    bool terminal = false;                   // a pseudo-terminal for all three standard streams
 };
 
 // Runs argv[0] (a path) with its arguments to its end.
@@ -37,9 +36,8 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    // Reads output until `text` appears after everything awaited before.
-    bool expect(const std::string& text,
-                std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // Reads output until `text` appears after everything awaited before (20 s at most).
+    bool expect(const std::string& text);
     // The rest of the line in which `text` appears, or empty when it does not.
     std::string lineAfter(const std::string& text);
     void type(const std::string& keys);
