@@ -8,24 +8,17 @@
 #include "http/CHttpProxy.h"
 #include "http/IHttpResponse.h"
 #include "http/IHttpStatus.h"
-#include "http/IIPConnection.h"
 #include "runtime/NetRc.h"
 #include "support/ERegExcept.h"
+#include "testutil/InertConnection.h"
 
 using namespace kivreg;
 
 namespace {
 
-class MemoryConnection final : public IIPConnection {
+class MemoryConnection final : public test::InertConnection {
 public:
     MemoryConnection(std::string_view bytes, size_t piece) : m_bytes(bytes), m_piece(piece) {}
-    int open(const char16_t*, const char16_t*, bool) override { return 0; }
-    int openTunnel(const char16_t*, const char16_t*, const char16_t*, const char16_t*,
-                   std::string_view) override {
-        return 0;
-    }
-    const std::string& getTunnelRefusal() const override { return m_none; }
-    int write(const void*, int size, int*) override { return size; }
     int read(void* data, int size, int* rc) override {
         const size_t n = std::min({m_bytes.size(), m_piece, static_cast<size_t>(size)});
         std::memcpy(data, m_bytes.data(), n);
@@ -38,18 +31,10 @@ public:
         m_bytes.remove_prefix(n);
         return static_cast<int>(n);
     }
-    int close() override { return 1; }
-    int setTimeOutConn(int) override { return 0; }
-    int setTimeOutSend(int) override { return 0; }
-    int setTimeOutRead(int) override { return 0; }
-    int getTimeOutConn() const override { return 0; }
-    int getTimeOutSend() const override { return 0; }
-    int getTimeOutRead() const override { return 0; }
 
 private:
     std::string_view m_bytes;
     size_t m_piece;
-    const std::string m_none;
 };
 
 }  // namespace

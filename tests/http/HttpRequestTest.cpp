@@ -3,9 +3,9 @@
 #include <vector>
 
 #include "http/HttpRequest.h"
-#include "http/IIPConnection.h"
 #include "http/URL.h"
 #include "runtime/NetRc.h"
+#include "testutil/InertConnection.h"
 #include "testutil/TestUtil.h"
 
 namespace kivreg {
@@ -16,7 +16,7 @@ using test::u8;
 
 // Keeps what is written to it and where it was opened, for checking request bytes without a
 // network.
-class FakeConnection final : public IIPConnection {
+class FakeConnection final : public test::InertConnection {
 public:
     int open(const char16_t* h, const char16_t* s, bool secure) override {
         return host = h, service = s, tls = secure, rt::NET_OK;
@@ -26,24 +26,13 @@ public:
         tunnel = u8(to) + ":" + u8(toPort) + " " + std::string(credentials);
         return open(h, s, true);
     }
-    const std::string& getTunnelRefusal() const override { return refusal; }
     int write(const void* data, int size, int* rc) override {
         wire.append(static_cast<const char*>(data), static_cast<size_t>(size));
         return *rc = rt::NET_OK, size;
     }
-    int read(void*, int, int* rc) override { return *rc = rt::NET_ERR_CLOSED, 0; }
-    int skip(int) override { return 0; }
-    int close() override { return 0; }
-    int setTimeOutConn(int) override { return 0; }
-    int setTimeOutSend(int) override { return 0; }
-    int setTimeOutRead(int) override { return 0; }
-    int getTimeOutConn() const override { return -1; }
-    int getTimeOutSend() const override { return -1; }
-    int getTimeOutRead() const override { return -1; }
     std::u16string host, service;
     bool tls = false;
     std::string tunnel;  // "host:port credentials" asked of the proxy
-    std::string refusal;
     std::string wire;
 };
 
