@@ -124,6 +124,17 @@ void PSymbols::addSymbol(const std::u16string& name, const std::u16string& value
 
 void PSymbols::removeSymbol(const std::u16string& name) {
     std::erase_if(m_symbols, [&](const PSymbol& s) { return s.getName() == name; });
+    m_placeholders.reset();
+}
+
+const PatternSet& PSymbols::placeholders() const {
+    if (!m_placeholders) {
+        std::vector<std::u16string_view> all;
+        all.reserve(m_symbols.size());
+        for (const PSymbol& s : m_symbols) all.emplace_back(s.getPlaceholder());
+        m_placeholders = std::make_shared<const PatternSet>(all);
+    }
+    return *m_placeholders;
 }
 
 std::u16string PSymbols::getSymbolValue(const std::u16string& name) const {
@@ -186,11 +197,12 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     if (text.find(symbol_start) == std::u16string::npos) return false;
     const std::u16string original = text;
     // The size a replacement would give, checked before it is built.
-    auto withinBounds = [&](const PSymbol& s, size_t first) {
+    auto withinBounds = [&](const PSymbol& s) {
         const std::u16string& ph = s.getPlaceholder();
         if (s.getValue().size() <= ph.size()) return true;
         size_t hits = 0;
-        for (size_t at = first; at != std::u16string::npos; at = text.find(ph, at + ph.size()))
+        for (size_t at = text.find(ph); at != std::u16string::npos;
+             at = text.find(ph, at + ph.size()))
             ++hits;
         const size_t size = text.size() + hits * (s.getValue().size() - ph.size());
         if (size > MAX_TEXT_UNITS) {
@@ -200,13 +212,23 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
         }
         return budget.stopped == Budget::Stop::None;
     };
+    const PatternSet& index = placeholders();
+    std::vector<uint8_t> present;
     std::u16string before;
+    // Each pass is a function of the text alone: once a text comes round
+    // again, the passes repeat, and the passes left come down to the rest of
+    // a period. Brent's method finds the period keeping one earlier text.
+    const std::u16string* earlier = &original;
+    std::u16string kept;
+    int earlierPass = 0, power = 1;
+    bool periodic = false;
     for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
         bool replaced = false;
-        for (const PSymbol& s : m_symbols) {
-            const size_t first = text.find(s.getPlaceholder());
-            if (first == std::u16string::npos) continue;
-            if (!withinBounds(s, first)) break;
+        index.find(text, present);
+        for (size_t i = 0; i < m_symbols.size(); ++i) {
+            if (!present[i]) continue;
+            const PSymbol& s = m_symbols[i];
+            if (!withinBounds(s)) break;
             std::u16string next =
                 CCConv::stringSubstituteAll(text, s.getPlaceholder(), s.getValue());
             // The first replacement leaves the text as the pass found it:
@@ -214,10 +236,23 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
             if (!replaced) before = std::move(text);
             text = std::move(next);
             replaced = true;
+            // A replacement can make and unmake placeholders of later symbols.
+            if (i + 1 < m_symbols.size()) index.find(text, present);
         }
         // A pass that changes nothing has reached the end; so has a text
         // without any placeholder left.
         if (!replaced || text == before || text.find(symbol_start) == std::u16string::npos) break;
+        const int done = pass + 1;
+        if (!periodic && text == *earlier) {
+            const int left = MAX_PASSES - done;
+            pass += left - left % (done - earlierPass);
+            periodic = true;
+        } else if (done - earlierPass == power) {
+            kept = text;
+            earlier = &kept;
+            earlierPass = done;
+            power *= 2;
+        }
     }
     if (text.size() > original.size()) budget.growthLeft -= text.size() - original.size();
     return text != original;

@@ -2,9 +2,12 @@
 // The symbol table: name/value pairs read from symbol files, and the
 // replacement of "${name}" placeholders in texts.
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "model/PatternSet.h"
 
 namespace kivreg {
 
@@ -94,8 +97,12 @@ public:
     bool replaceSymbolsInPlace(std::u16string& text, Budget& budget) const;
 
 private:
+    // Built at the first replacement after the table changed.
+    const PatternSet& placeholders() const;
+
     CLog* m_log;
     std::vector<PSymbol> m_symbols;
+    mutable std::shared_ptr<const PatternSet> m_placeholders;
 };
 
 }  // namespace kivreg

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <random>
 
 #include "model/ModelTestUtil.h"
 #include "model/PSymbols.h"
+#include "support/CCConv.h"
 
 namespace kivreg {
 namespace {
@@ -115,6 +117,67 @@ TEST(PSymbols, Replacement) {
         SCOPED_TRACE(u8(in));
         EXPECT_EQ(s.replaceSymbols(in), out);
     }
+}
+
+// Substitution finds placeholders with an automaton and cuts repeating passes
+// short; it must give what applying every symbol in turn, pass after pass,
+// gives. Random tables over "${}ab" make names and values that overlap, nest,
+// build placeholders across a replacement's edges and cycle.
+TEST(PSymbols, ReplacementAgreesWithPassAfterPass) {
+    auto passAfterPass = [](const PSymbols& s,
+                            std::u16string text) -> std::optional<std::u16string> {
+        for (int pass = 0; pass < PSymbols::MAX_PASSES; ++pass) {
+            const std::u16string before = text;
+            for (const PSymbols::PSymbol& sym : s.symbols())
+                text = CCConv::stringSubstituteAll(text, sym.getPlaceholder(), sym.getValue());
+            if (text.size() > 4000) return std::nullopt;  // far below the bounds
+            if (text == before) break;
+        }
+        return text;
+    };
+    std::mt19937 random(20261123);
+    const std::u16string names[] = {u"a", u"b", u"c", u"", u"a}", u"${"};
+    auto name = [&] { return names[random() % std::size(names)]; };
+    // Placeholders of the names above mixed with loose units.
+    auto text = [&](int most) {
+        std::u16string t;
+        for (int n = random() % (most + 1); n > 0; --n) {
+            if (random() % 2)
+                t += u"${" + name() + u"}";
+            else
+                t += u"${}ab"[random() % 5];
+        }
+        return t;
+    };
+    LogCapture cap;
+    // Texts that come round again every 3 or 4 passes, from the start or
+    // after one pass: 100 passes end at different points of the period.
+    const std::pair<Defined, std::u16string> cycles[] = {
+        {{{u"b", u"${c}"}, {u"a", u"${b}"}, {u"e", u"${a}"}, {u"c", u"${e}"}}, u"${a}"},
+        {{{u"c", u"${e}"}, {u"a", u"${c}"}, {u"d", u"${a}"}, {u"e", u"${d}"}}, u"${e}"},
+        {{{u"a", u"${d}"}, {u"e", u"${a}"}, {u"c", u"${e}"}, {u"b", u"${c}"}, {u"d", u"${b}"}},
+         u"${e}${b}"},
+        {{{u"a", u"${b}"}, {u"c", u"${a}"}, {u"d", u"${c}"}, {u"e", u"${d}"}, {u"b", u"${e}"}},
+         u"${e}${b}${e}"},
+    };
+    for (const auto& [table, in] : cycles) {
+        PSymbols s(cap);
+        for (const auto& [name, value] : table) s.addSymbol(name, value);
+        EXPECT_EQ(s.replaceSymbols(in), passAfterPass(s, in)) << u8(in);
+    }
+    int compared = 0;
+    for (int round = 0; round < 3000; ++round) {
+        PSymbols s(cap);
+        // Values that are one placeholder each make chains and cycles.
+        for (int n = random() % 6; n > 0; --n)
+            s.addSymbol(name(), random() % 2 ? u"${" + name() + u"}" : text(3));
+        const std::u16string in = text(6);
+        const auto expected = passAfterPass(s, in);
+        if (!expected) continue;
+        ++compared;
+        ASSERT_EQ(s.replaceSymbols(in), *expected) << "round " << round;
+    }
+    EXPECT_GT(compared, 2000);
 }
 
 TEST(PSymbols, SubstitutionStopsAtTheBounds) {

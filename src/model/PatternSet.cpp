@@ -1,0 +1,99 @@
+#include "model/PatternSet.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace kivreg {
+
+PatternSet::PatternSet(const std::vector<std::u16string_view>& patterns)
+    : m_patterns(patterns.size()) {
+    // The trie is built breadth first from the sorted patterns, so that each
+    // node's edges lie together, and a node's failure link, which always
+    // leads to a shallower node, can be set as soon as the node is made.
+    std::vector<uint32_t> order(patterns.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::sort(order.begin(), order.end(),
+              [&](uint32_t a, uint32_t b) { return patterns[a] < patterns[b]; });
+    struct Pending {
+        uint32_t node;
+        size_t depth, lo, hi;  // the sorted patterns that pass through the node
+    };
+    std::vector<Pending> queue{{0, 0, 0, order.size()}};
+    m_nodes.emplace_back();
+    for (size_t next = 0; next < queue.size(); ++next) {
+        auto [node, depth, lo, hi] = queue[next];
+        // A pattern that ends here sorts before those that go on.
+        if (lo < hi && patterns[order[lo]].size() == depth) m_nodes[node].pattern = order[lo++];
+        m_nodes[node].firstEdge = static_cast<uint32_t>(m_edges.size());
+        while (lo < hi) {
+            const char16_t c = patterns[order[lo]][depth];
+            size_t end = lo + 1;
+            while (end < hi && patterns[order[end]][depth] == c) ++end;
+            const auto made = static_cast<uint32_t>(m_nodes.size());
+            Node n;
+            if (node != 0) {
+                for (uint32_t f = m_nodes[node].fail;; f = m_nodes[f].fail) {
+                    if (const uint32_t t = child(f, c); t != kNone) {
+                        n.fail = t;
+                        break;
+                    }
+                    if (f == 0) break;
+                }
+            }
+            const Node& fail = m_nodes[n.fail];
+            n.output = fail.pattern != kNone ? n.fail : fail.output;
+            m_nodes.push_back(n);
+            m_edges.push_back({c, made});
+            ++m_nodes[node].edgeCount;
+            queue.push_back({made, depth + 1, lo, end});
+            lo = end;
+        }
+    }
+}
+
+uint32_t PatternSet::child(uint32_t node, char16_t c) const {
+    const Node& n = m_nodes[node];
+    const Edge* first = m_edges.data() + n.firstEdge;
+    const Edge* last = first + n.edgeCount;
+    if (n.edgeCount > 8)
+        first = std::lower_bound(first, last, c, [](const Edge& e, char16_t u) { return e.c < u; });
+    else
+        while (first != last && first->c < c) ++first;
+    return first != last && first->c == c ? first->to : kNone;
+}
+
+size_t PatternSet::find(std::u16string_view text, std::vector<uint8_t>& found) const {
+    found.assign(m_patterns, 0);
+    size_t count = 0;
+    // Outside any partial match only a pattern's first unit matters; when all
+    // patterns share it, as placeholders do, the scan jumps from one to the next.
+    const Node& root = m_nodes[0];
+    const bool oneStart = root.edgeCount == 1;
+    const char16_t start = oneStart ? m_edges[root.firstEdge].c : u'\0';
+    uint32_t state = 0;
+    for (size_t i = 0; i < text.size() && count < m_patterns; ++i) {
+        if (state == 0 && oneStart) {
+            i = text.find(start, i);
+            if (i == std::u16string_view::npos) break;
+        }
+        const char16_t c = text[i];
+        for (;;) {
+            if (const uint32_t t = child(state, c); t != kNone) {
+                state = t;
+                break;
+            }
+            if (state == 0) break;
+            state = m_nodes[state].fail;
+        }
+        // A pattern already found has had its shorter suffixes found with it.
+        const Node& at = m_nodes[state];
+        for (uint32_t u = at.pattern != kNone ? state : at.output;
+             u != kNone && !found[m_nodes[u].pattern]; u = m_nodes[u].output) {
+            found[m_nodes[u].pattern] = 1;
+            ++count;
+        }
+    }
+    return count;
+}
+
+}  // namespace kivreg
