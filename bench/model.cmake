@@ -8,3 +8,8 @@ target_link_libraries(kivreg_gen_documents PRIVATE kivreg_flags)
 
 add_executable(kivreg_bench_model ${CMAKE_CURRENT_LIST_DIR}/bench_model.cpp)
 target_link_libraries(kivreg_bench_model PRIVATE kivreg_core)
+
+#   kivreg_bench_symbols
+#       symbol substitution on hostile tables, next to one replacement pass
+add_executable(kivreg_bench_symbols ${CMAKE_CURRENT_LIST_DIR}/bench_symbols.cpp)
+target_link_libraries(kivreg_bench_symbols PRIVATE kivreg_core)

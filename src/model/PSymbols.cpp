@@ -200,20 +200,27 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     auto withinBounds = [&](const PSymbol& s) {
         const std::u16string& ph = s.getPlaceholder();
         if (s.getValue().size() <= ph.size()) return true;
+        const size_t growth = s.getValue().size() - ph.size();
+        auto stop = [&](size_t hits) {
+            const size_t size = text.size() + hits * growth;
+            if (size > MAX_TEXT_UNITS) return Budget::Stop::Text;
+            if (size > original.size() && size - original.size() > budget.growthLeft)
+                return Budget::Stop::Document;
+            return Budget::Stop::None;
+        };
+        // Counting is needed only when the most placeholders the text could
+        // hold would break a bound.
+        if (stop(text.size() / ph.size()) == Budget::Stop::None) return true;
         size_t hits = 0;
         for (size_t at = text.find(ph); at != std::u16string::npos;
              at = text.find(ph, at + ph.size()))
             ++hits;
-        const size_t size = text.size() + hits * (s.getValue().size() - ph.size());
-        if (size > MAX_TEXT_UNITS) {
-            budget.stopped = Budget::Stop::Text;
-        } else if (size > original.size() && size - original.size() > budget.growthLeft) {
-            budget.stopped = Budget::Stop::Document;
-        }
+        budget.stopped = stop(hits);
         return budget.stopped == Budget::Stop::None;
     };
     const PatternSet& index = placeholders();
     std::vector<uint8_t> present;
+    bool scanned = false;
     std::u16string before;
     // Each pass is a function of the text alone: once a text comes round
     // again, the passes repeat, and the passes left come down to the rest of
@@ -224,7 +231,8 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     bool periodic = false;
     for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
         bool replaced = false;
-        index.find(text, present);
+        // The scan after a pass's last replacement still holds for the text.
+        if (!scanned) index.find(text, present);
         for (size_t i = 0; i < m_symbols.size(); ++i) {
             if (!present[i]) continue;
             const PSymbol& s = m_symbols[i];
@@ -237,7 +245,8 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
             text = std::move(next);
             replaced = true;
             // A replacement can make and unmake placeholders of later symbols.
-            if (i + 1 < m_symbols.size()) index.find(text, present);
+            scanned = i + 1 < m_symbols.size();
+            if (scanned) index.find(text, present);
         }
         // A pass that changes nothing has reached the end; so has a text
         // without any placeholder left.

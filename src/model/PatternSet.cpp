@@ -65,31 +65,40 @@ uint32_t PatternSet::child(uint32_t node, char16_t c) const {
 size_t PatternSet::find(std::u16string_view text, std::vector<uint8_t>& found) const {
     found.assign(m_patterns, 0);
     size_t count = 0;
+    const Node* const nodes = m_nodes.data();
+    const Edge* const edges = m_edges.data();
     // Outside any partial match only a pattern's first unit matters; when all
     // patterns share it, as placeholders do, the scan jumps from one to the next.
-    const Node& root = m_nodes[0];
-    const bool oneStart = root.edgeCount == 1;
-    const char16_t start = oneStart ? m_edges[root.firstEdge].c : u'\0';
+    const bool oneStart = nodes[0].edgeCount == 1;
+    const char16_t start = oneStart ? edges[nodes[0].firstEdge].c : u'\0';
+    const char16_t* const end = text.data() + text.size();
     uint32_t state = 0;
-    for (size_t i = 0; i < text.size() && count < m_patterns; ++i) {
+    for (const char16_t* p = text.data(); p != end && count < m_patterns; ++p) {
         if (state == 0 && oneStart) {
-            i = text.find(start, i);
-            if (i == std::u16string_view::npos) break;
+            p = std::char_traits<char16_t>::find(p, static_cast<size_t>(end - p), start);
+            if (p == nullptr) break;
         }
-        const char16_t c = text[i];
+        const char16_t c = *p;
         for (;;) {
-            if (const uint32_t t = child(state, c); t != kNone) {
+            // Most nodes of a trie of names have one edge.
+            const Node& n = nodes[state];
+            if (n.edgeCount == 1) {
+                if (const Edge& e = edges[n.firstEdge]; e.c == c) {
+                    state = e.to;
+                    break;
+                }
+            } else if (const uint32_t t = child(state, c); t != kNone) {
                 state = t;
                 break;
             }
             if (state == 0) break;
-            state = m_nodes[state].fail;
+            state = n.fail;
         }
         // A pattern already found has had its shorter suffixes found with it.
-        const Node& at = m_nodes[state];
+        const Node& at = nodes[state];
         for (uint32_t u = at.pattern != kNone ? state : at.output;
-             u != kNone && !found[m_nodes[u].pattern]; u = m_nodes[u].output) {
-            found[m_nodes[u].pattern] = 1;
+             u != kNone && !found[nodes[u].pattern]; u = nodes[u].output) {
+            found[nodes[u].pattern] = 1;
             ++count;
         }
     }
