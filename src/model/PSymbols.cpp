@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -32,6 +33,13 @@ std::string fileNameBytes(const std::u16string& fileName) {
     std::string out;
     rt::utf16ToUtf8Lenient(fileName, out);
     return out;
+}
+
+// Equality of long texts in one memcmp; the generic 16-bit compare goes unit
+// by unit, and substitution compares whole texts after every pass.
+bool sameText(const std::u16string& a, const std::u16string& b) {
+    return a.size() == b.size() &&
+           std::memcmp(a.data(), b.data(), a.size() * sizeof(char16_t)) == 0;
 }
 
 struct FileCloser {
@@ -195,33 +203,91 @@ std::u16string PSymbols::replaceSymbols(const std::u16string& text) const {
 bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const {
     // Every placeholder starts with "${": most texts have none and are done.
     if (text.find(symbol_start) == std::u16string::npos) return false;
+    using Match = PatternSet::Match;
+    const PatternSet& index = placeholders();
+    // Every placeholder of the text, by position. A replacement moves those
+    // it leaves and, for new ones, looks only around what it put in.
+    std::vector<Match> matches;
+    index.findAll(text, 0, matches);
+    if (matches.empty()) return false;
+    std::sort(matches.begin(), matches.end());
+    std::vector<uint32_t> counts(m_symbols.size());
+    for (const Match& m : matches) ++counts[m.pattern];
+
     const std::u16string original = text;
     // The size a replacement would give, checked before it is built.
-    auto withinBounds = [&](const PSymbol& s) {
-        const std::u16string& ph = s.getPlaceholder();
-        if (s.getValue().size() <= ph.size()) return true;
-        const size_t growth = s.getValue().size() - ph.size();
-        auto stop = [&](size_t hits) {
-            const size_t size = text.size() + hits * growth;
-            if (size > MAX_TEXT_UNITS) return Budget::Stop::Text;
-            if (size > original.size() && size - original.size() > budget.growthLeft)
-                return Budget::Stop::Document;
-            return Budget::Stop::None;
-        };
-        // Counting is needed only when the most placeholders the text could
-        // hold would break a bound.
-        if (stop(text.size() / ph.size()) == Budget::Stop::None) return true;
-        size_t hits = 0;
-        for (size_t at = text.find(ph); at != std::u16string::npos;
-             at = text.find(ph, at + ph.size()))
-            ++hits;
-        budget.stopped = stop(hits);
+    auto withinBounds = [&](size_t size) {
+        if (size > MAX_TEXT_UNITS) {
+            budget.stopped = Budget::Stop::Text;
+        } else if (size > original.size() && size - original.size() > budget.growthLeft) {
+            budget.stopped = Budget::Stop::Document;
+        }
         return budget.stopped == Budget::Stop::None;
     };
-    const PatternSet& index = placeholders();
-    std::vector<uint8_t> present;
-    bool scanned = false;
-    std::u16string before;
+    std::vector<uint32_t> replacedAt;  // where the occurrences replaced start
+    std::vector<Match> moved, found;
+    std::u16string next, before;
+    // Replaces every occurrence of placeholder i that does not overlap an
+    // earlier one, left to right, into `next`; false when a bound stops it.
+    auto replace = [&](uint32_t i) {
+        const size_t ph = m_symbols[i].getPlaceholder().size();
+        const std::u16string& value = m_symbols[i].getValue();
+        replacedAt.clear();
+        for (const Match& m : matches)
+            if (m.pattern == i && (replacedAt.empty() || m.at >= replacedAt.back() + ph))
+                replacedAt.push_back(m.at);
+        const size_t hits = replacedAt.size();
+        if (!withinBounds(text.size() - hits * ph + hits * value.size())) return false;
+        next.clear();
+        next.reserve(text.size() - hits * ph + hits * value.size());
+        // New placeholders can only overlap a value put in, or span the place
+        // of one that was removed: the text within a placeholder's length of
+        // each value is searched again.
+        const size_t reach = index.longest() - 1;
+        found.clear();
+        size_t from = 0, windowStart = 0, windowEnd = 0;
+        auto searchWindow = [&] {
+            if (windowEnd > windowStart)
+                index.findAll(
+                    std::u16string_view(next).substr(windowStart, windowEnd - windowStart),
+                    windowStart, found);
+        };
+        for (const uint32_t at : replacedAt) {
+            next.append(text, from, at - from);
+            const size_t start = next.size() > reach ? next.size() - reach : 0;
+            if (start > windowEnd) {
+                searchWindow();
+                windowStart = start;
+            }
+            next += value;
+            windowEnd = next.size() + reach;
+            from = at + ph;
+        }
+        next.append(text, from);
+        windowEnd = std::min(windowEnd, next.size());
+        searchWindow();
+        // The placeholders the replacement left move by what it added before them.
+        moved.clear();
+        for (const Match& m : matches) {
+            if (m.pattern == i) continue;
+            const auto upTo = std::upper_bound(replacedAt.begin(), replacedAt.end(),
+                                               m.at + index.length(m.pattern) - 1);
+            const size_t r = static_cast<size_t>(upTo - replacedAt.begin());
+            if (r > 0 && replacedAt[r - 1] + ph > m.at) continue;  // cut by a replacement
+            moved.push_back({static_cast<uint32_t>(m.at - r * ph + r * value.size()), m.pattern});
+        }
+        // Found in the order they end, placeholders mostly are in the order
+        // they start.
+        if (!std::is_sorted(found.begin(), found.end())) std::sort(found.begin(), found.end());
+        matches.clear();
+        std::merge(moved.begin(), moved.end(), found.begin(), found.end(),
+                   std::back_inserter(matches));
+        matches.erase(std::unique(matches.begin(), matches.end()), matches.end());
+        std::fill(counts.begin(), counts.end(), 0);
+        for (const Match& m : matches) ++counts[m.pattern];
+        return true;
+    };
+
     // Each pass is a function of the text alone: once a text comes round
     // again, the passes repeat, and the passes left come down to the rest of
     // a period. Brent's method finds the period keeping one earlier text.
@@ -231,28 +297,20 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     bool periodic = false;
     for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
         bool replaced = false;
-        // The scan after a pass's last replacement still holds for the text.
-        if (!scanned) index.find(text, present);
-        for (size_t i = 0; i < m_symbols.size(); ++i) {
-            if (!present[i]) continue;
-            const PSymbol& s = m_symbols[i];
-            if (!withinBounds(s)) break;
-            std::u16string next =
-                CCConv::stringSubstituteAll(text, s.getPlaceholder(), s.getValue());
-            // The first replacement leaves the text as the pass found it:
-            // kept, not copied, for the comparison after the pass.
+        for (uint32_t i = 0; i < counts.size(); ++i) {
+            if (counts[i] == 0) continue;
+            if (!replace(i)) break;
+            // The text as the pass found it is kept, not copied, for the
+            // comparison after the pass.
             if (!replaced) before = std::move(text);
-            text = std::move(next);
+            text.swap(next);
             replaced = true;
-            // A replacement can make and unmake placeholders of later symbols.
-            scanned = i + 1 < m_symbols.size();
-            if (scanned) index.find(text, present);
         }
         // A pass that changes nothing has reached the end; so has a text
-        // without any placeholder left.
-        if (!replaced || text == before || text.find(symbol_start) == std::u16string::npos) break;
+        // without a placeholder of a symbol left.
+        if (!replaced || sameText(text, before) || matches.empty()) break;
         const int done = pass + 1;
-        if (!periodic && text == *earlier) {
+        if (!periodic && sameText(text, *earlier)) {
             const int left = MAX_PASSES - done;
             pass += left - left % (done - earlierPass);
             periodic = true;
@@ -264,7 +322,7 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
         }
     }
     if (text.size() > original.size()) budget.growthLeft -= text.size() - original.size();
-    return text != original;
+    return !sameText(text, original);
 }
 
 }  // namespace kivreg

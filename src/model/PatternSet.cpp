@@ -6,7 +6,11 @@
 namespace kivreg {
 
 PatternSet::PatternSet(const std::vector<std::u16string_view>& patterns)
-    : m_patterns(patterns.size()) {
+    : m_lengths(patterns.size()) {
+    for (size_t i = 0; i < patterns.size(); ++i) {
+        m_lengths[i] = static_cast<uint32_t>(patterns[i].size());
+        m_longest = std::max(m_longest, patterns[i].size());
+    }
     // The trie is built breadth first from the sorted patterns, so that each
     // node's edges lie together, and a node's failure link, which always
     // leads to a shallower node, can be set as soon as the node is made.
@@ -62,18 +66,17 @@ uint32_t PatternSet::child(uint32_t node, char16_t c) const {
     return first != last && first->c == c ? first->to : kNone;
 }
 
-size_t PatternSet::find(std::u16string_view text, std::vector<uint8_t>& found) const {
-    found.assign(m_patterns, 0);
-    size_t count = 0;
+void PatternSet::findAll(std::u16string_view text, size_t offset, std::vector<Match>& out) const {
     const Node* const nodes = m_nodes.data();
     const Edge* const edges = m_edges.data();
     // Outside any partial match only a pattern's first unit matters; when all
     // patterns share it, as placeholders do, the scan jumps from one to the next.
     const bool oneStart = nodes[0].edgeCount == 1;
     const char16_t start = oneStart ? edges[nodes[0].firstEdge].c : u'\0';
-    const char16_t* const end = text.data() + text.size();
+    const char16_t* const begin = text.data();
+    const char16_t* const end = begin + text.size();
     uint32_t state = 0;
-    for (const char16_t* p = text.data(); p != end && count < m_patterns; ++p) {
+    for (const char16_t* p = begin; p != end; ++p) {
         if (state == 0 && oneStart) {
             p = std::char_traits<char16_t>::find(p, static_cast<size_t>(end - p), start);
             if (p == nullptr) break;
@@ -94,15 +97,14 @@ size_t PatternSet::find(std::u16string_view text, std::vector<uint8_t>& found) c
             if (state == 0) break;
             state = n.fail;
         }
-        // A pattern already found has had its shorter suffixes found with it.
         const Node& at = nodes[state];
-        for (uint32_t u = at.pattern != kNone ? state : at.output;
-             u != kNone && !found[nodes[u].pattern]; u = nodes[u].output) {
-            found[nodes[u].pattern] = 1;
-            ++count;
+        const size_t last = offset + static_cast<size_t>(p - begin);
+        for (uint32_t u = at.pattern != kNone ? state : at.output; u != kNone;
+             u = nodes[u].output) {
+            const uint32_t pattern = nodes[u].pattern;
+            out.push_back({static_cast<uint32_t>(last + 1 - m_lengths[pattern]), pattern});
         }
     }
-    return count;
 }
 
 }  // namespace kivreg

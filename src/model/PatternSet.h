@@ -1,8 +1,9 @@
 #pragma once
-// Which of a fixed set of patterns occur in a text, found in one pass over the
+// Where a fixed set of patterns occur in a text, found in one pass over the
 // text whatever the number of patterns (an Aho-Corasick automaton). Symbol
-// substitution asks this after every replacement; searching for each
-// placeholder in turn made every pass cost symbols times text.
+// substitution finds every placeholder of a text once and afterwards looks
+// only around what it replaced; searching for each placeholder in turn made
+// every pass cost symbols times text.
 
 #include <cstdint>
 #include <string_view>
@@ -15,9 +16,17 @@ public:
     // The patterns must be distinct and not empty; they are not kept.
     explicit PatternSet(const std::vector<std::u16string_view>& patterns);
 
-    // found[i] becomes 1 when pattern i occurs in text, else 0; returns how
-    // many patterns occur.
-    size_t find(std::u16string_view text, std::vector<uint8_t>& found) const;
+    struct Match {
+        uint32_t at;  // where the pattern starts
+        uint32_t pattern;
+        friend auto operator<=>(const Match&, const Match&) = default;
+    };
+    // Appends every occurrence, overlapping ones too, of every pattern in
+    // text, which starts at offset `offset` of the whole; in the order the
+    // occurrences end.
+    void findAll(std::u16string_view text, size_t offset, std::vector<Match>& out) const;
+    size_t length(uint32_t pattern) const { return m_lengths[pattern]; }
+    size_t longest() const { return m_longest; }
 
 private:
     static constexpr uint32_t kNone = UINT32_MAX;
@@ -36,7 +45,8 @@ private:
 
     std::vector<Node> m_nodes;
     std::vector<Edge> m_edges;  // each node's edges together, ordered by unit
-    size_t m_patterns = 0;
+    std::vector<uint32_t> m_lengths;
+    size_t m_longest = 0;
 };
 
 }  // namespace kivreg
