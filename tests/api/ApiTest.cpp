@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include "TestServer.h"
 #include "api/ApiState.h"
 #include "api/Vocabulary.h"
 #include "kivreg.h"

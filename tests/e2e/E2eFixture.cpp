@@ -28,11 +28,8 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
         "--store",      m_store.string(), "--status",    std::to_string(options.status)};
     if (!options.first.empty()) argv.insert(argv.end(), {"--first", options.first});
     if (!options.retryAfter.empty()) argv.insert(argv.end(), {"--retry-after", options.retryAfter});
-    if (options.https) {
-        makeCertificates(dir);
-        argv.insert(argv.end(), {"--cert", (dir / "server.pem").string(), "--key",
-                                 (dir / "server.key").string()});
-    }
+    if (options.https)
+        argv.insert(argv.end(), {"--cert", testCert("server.pem"), "--key", testCert("server.key")});
     m_child = std::make_unique<Child>(argv);
     const std::string line = m_child->lineAfter("listening on ");
     if (line.empty())
@@ -51,22 +48,6 @@ std::vector<std::string> DirServer::stored() const {
     std::vector<std::string> out;
     for (const auto& f : files) out.push_back(readFile(f));
     return out;
-}
-
-void makeCertificates(const std::filesystem::path& dir) {
-    const std::string d = dir.string();
-    const std::string script =
-        "set -e; cd '" + d +
-        "'\n"
-        "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=kivreg-test-ca "
-        "  -keyout ca.key -out ca.pem 2>/dev/null\n"
-        "printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\\n' > san.ext\n"
-        "openssl req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout server.key "
-        "  -out server.csr 2>/dev/null\n"
-        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 "
-        "  -extfile san.ext -out server.pem 2>/dev/null\n";
-    const RunResult r = run({"/bin/sh", "-c", script});
-    if (r.exitCode != 0) throw std::runtime_error("certificate generation failed: " + r.out);
 }
 
 RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) {

@@ -42,10 +42,6 @@ private:
     int m_port = 0;
 };
 
-// Writes a throwaway CA and a server certificate for 127.0.0.1 and localhost
-// into dir: ca.pem, server.pem, server.key.
-void makeCertificates(const std::filesystem::path& dir);
-
 class E2e : public testing::Test {
 protected:
     // Runs kivreg with the arguments in the test's directory.

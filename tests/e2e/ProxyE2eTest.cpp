@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "E2eFixture.h"
-#include "TestServer.h"
 
 namespace kivreg::test {
 namespace {
@@ -57,7 +56,7 @@ protected:
         std::filesystem::create_directory(m_dir / "tls");
         m_http = std::make_unique<DirServer>(m_dir / "plain", ServerOptions{});
         m_https = std::make_unique<DirServer>(m_dir / "tls", ServerOptions{.https = true});
-        std::filesystem::copy_file(m_dir / "tls" / "ca.pem", m_dir / "kivreg_trust.pem");
+        std::filesystem::copy_file(testCert("ca.pem"), m_dir / "kivreg_trust.pem");
         m_proxy = std::make_unique<TinyProxy>(
             m_dir.path(), std::vector<std::string>{m_https->portText(), m_http->portText()});
     }

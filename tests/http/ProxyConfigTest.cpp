@@ -3,7 +3,6 @@
 #include <list>
 #include <map>
 
-#include "TestServer.h"
 #include "http/ProxyConfig.h"
 #include "testutil/TestUtil.h"
 

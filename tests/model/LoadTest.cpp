@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "TestServer.h"
 #include "model/ModelTestUtil.h"
 
 namespace kivreg {

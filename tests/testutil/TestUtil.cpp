@@ -1,6 +1,10 @@
 #include "testutil/TestUtil.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <regex>
@@ -74,6 +78,46 @@ std::string LogCapture::text() const {
         out += m;
     }
     return out;
+}
+
+int listenOnLoopback(std::string& port, int backlog) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(fd, backlog) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+        throw std::runtime_error("cannot listen on 127.0.0.1");
+    port = std::to_string(ntohs(addr.sin_port));
+    return fd;
+}
+
+std::string closedPort() {
+    std::string port;
+    ::close(listenOnLoopback(port));
+    return port;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name) {
+    if (const char* old = std::getenv(name)) m_saved = old;
+    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+    m_saved ? setenv(m_name.c_str(), m_saved->c_str(), 1) : unsetenv(m_name.c_str());
+}
+
+std::string testCert(const std::string& name) {
+    static TempDir dir;
+    static const bool made = [] {
+        const std::string cmd = std::string("bash '") + KIVREG_SOURCE_DIR +
+                                "/tests/testutil/make_test_certs.sh' '" + dir.path().string() +
+                                "' >/dev/null 2>&1";
+        if (std::system(cmd.c_str()) != 0) throw std::runtime_error("make_test_certs.sh failed");
+        return true;
+    }();
+    return made ? (dir / name).string() : std::string();
 }
 
 }  // namespace kivreg::test

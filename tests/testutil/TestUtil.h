@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,5 +51,25 @@ private:
     TempDir m_dir;
     std::unique_ptr<CLog> m_log;
 };
+
+// A listening socket on 127.0.0.1 with its port; closedPort() is one where nothing listens.
+int listenOnLoopback(std::string& port, int backlog = 4);
+std::string closedPort();
+
+// Sets an environment variable (or unsets it for null) and restores it afterwards.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+
+private:
+    std::string m_name;
+    std::optional<std::string> m_saved;
+};
+
+// Certificates made by make_test_certs.sh into a fresh directory: ca.pem (trusted CA),
+// server.pem/.key (localhost, 127.0.0.1), wrongname.pem/.key (by the CA, another host),
+// rogue.pem/.key (self-signed, localhost), client.pem (certificate + key by the CA).
+std::string testCert(const std::string& name);
 
 }  // namespace kivreg::test
