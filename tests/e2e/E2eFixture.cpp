@@ -29,7 +29,8 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
     if (!options.first.empty()) argv.insert(argv.end(), {"--first", options.first});
     if (!options.retryAfter.empty()) argv.insert(argv.end(), {"--retry-after", options.retryAfter});
     if (options.https)
-        argv.insert(argv.end(), {"--cert", testCert("server.pem"), "--key", testCert("server.key")});
+        argv.insert(argv.end(),
+                    {"--cert", testCert("server.pem"), "--key", testCert("server.key")});
     m_child = std::make_unique<Child>(argv);
     const std::string line = m_child->lineAfter("listening on ");
     if (line.empty())

@@ -153,8 +153,6 @@ TEST_F(Registration, BadInputEndsWithAMessageAndNothingIsSent) {
          "Failed to load and parse XML input file: " + path("nope.xml")},
         {"empty document", with({"-file", path("empty.xml")}), 1, "Parse error on XML file."},
         {"binary document", with({"-file", path("binary.xml")}), 1, "Parse error on XML file."},
-        {"port not numeric", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "80a"}, 1,
-         "Invalid HTTP port specified."},
         {"port out of range", {"-file", good, "-user", "u", "-host", "127.0.0.1", "-port", "65537"},
          1, "Invalid HTTP port specified."},
         {"no user", {"-file", good, "-pass", "s3cret-pw", "-host", "127.0.0.1", "-port", port}, 1,
