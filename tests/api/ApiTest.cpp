@@ -145,29 +145,19 @@ struct RunRow {
 TEST_F(Api, RunChecksConnectionDataAndTimeouts) {
     const std::u16string closed = u16(test::closedPort());
     const RunRow rows[] = {
+        // clang-format off
         {"port 65536 passes the check", u"65536", {}, -2, {"Start KIV Registration"}},
         {"port 65537", u"65537", {}, -1, {"Invalid HTTP port specified."}},
         {"port -1", u"-1", {}, -1, {"Invalid HTTP port specified."}},
         {"port 80a", u"80a", {}, -1, {"Invalid HTTP port specified."}},
-        {"blanks around the port",
-         u" " + closed + u" ",
-         {},
-         -2,
-         {"Failed to open HTTP connection!"}},
-        {"timeouts",
-         closed,
-         {{CMDARG_CONNECT_TIMEOUT, u"0"},
-          {CMDARG_SEND_TIMEOUT, u"abc"},
-          {CMDARG_RECEIVE_TIMEOUT, u" -5 "}},
-         -2,
+        {"blanks around the port", u" " + closed + u" ", {}, -2, {"Failed to open HTTP connection!"}},
+        {"timeouts", closed, {{CMDARG_CONNECT_TIMEOUT, u"0"}, {CMDARG_SEND_TIMEOUT, u"abc"},
+                              {CMDARG_RECEIVE_TIMEOUT, u" -5 "}}, -2,
          {"HTTP open timeout     = infinte", "HTTP send timeout     = 420 sec",
           "HTTP response timeout = infinite"}},
-        {"default timeouts",
-         closed,
-         {},
-         -2,
-         {"HTTP open timeout     = 420 sec", "HTTP response timeout = 420 sec",
-          "*** End KIV Registration ***"}},
+        {"default timeouts", closed, {}, -2, {"HTTP open timeout     = 420 sec",
+         "HTTP response timeout = 420 sec", "*** End KIV Registration ***"}},
+        // clang-format on
     };
     for (const RunRow& row : rows) {
         SCOPED_TRACE(row.what);
