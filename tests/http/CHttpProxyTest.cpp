@@ -185,14 +185,6 @@ TEST(Tunnel, ProxyAnswerDecidesWhatFollowsTheConnectRequest) {
     }
 }
 
-TEST_F(CHttpProxyTest, Utf16BodyIsSentAsItsCodeUnits) {
-    CHttpProxy utf16(m_log, CHttpProxy::TRANSFER_ENCODING_UTF16, m_doc, u"u", u"p", u"h", u"1", 1,
-                     1, 1, false, false);
-    const std::u16string text = u"<?xml version=\"1.0\" encoding=\"utf-16\"?>" + m_doc.getBody();
-    EXPECT_EQ(utf16.getBodyRaw(),
-              std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2));
-}
-
 const char* const kVariables[] = {"https_proxy", "HTTPS_PROXY", "http_proxy", "HTTP_PROXY",
                                   "all_proxy",   "ALL_PROXY",   "no_proxy",   "NO_PROXY"};
 

@@ -114,20 +114,6 @@ TEST(HttpRequest, BodyGoesOutInPiecesWhenProgressIsAsked) {
                         {step, total}, {2 * step, total}, {total, total}}));
 }
 
-TEST(HttpRequest, ChunkedPersistentTransfer) {
-    Fixture f("http://h/x");
-    f.req->setCmd(IHttpRequest::PUT);
-    ASSERT_EQ(f.req->connect(&f.rc, IHttpRequest::CHUNKED, IHttpRequest::PERSISTENT), 10);
-    f.req->sendHeader(&f.rc, -1);
-    f.req->setBody(std::string("hello world"));
-    f.req->sendChunk(&f.rc, u";part=1");
-    f.req->setFooterline(u"");
-    f.req->sendFooter(&f.rc);
-    EXPECT_EQ(f.conn.wire,
-              "PUT /x HTTP/1.1\r\nHost: h\r\nAuthorization: Basic dTpw\r\n"
-              "Transfer-Encoding: chunked\r\n\r\nb;part=1\r\nhello world\r\n0\r\n\r\n");
-}
-
 constexpr int NO_STATUS = -1;
 
 // A constructor, not defaults: rows name only the leading fields.

@@ -4,7 +4,6 @@
 
 #include "support/CCConv.h"
 #include "support/CLog.h"
-#include "support/CStrTok.h"
 #include "testutil/TestUtil.h"
 
 namespace kivreg {
@@ -13,10 +12,6 @@ namespace {
 using test::readFile;
 using test::TempDir;
 using test::u16;
-
-const unsigned char* bytes(const std::string& s) {
-    return reinterpret_cast<const unsigned char*>(s.c_str());
-}
 
 std::u16string messageOf(const std::function<void()>& call) {
     try {
@@ -28,7 +23,7 @@ std::u16string messageOf(const std::function<void()>& call) {
     return u"(no exception)";
 }
 
-TEST(CCConv, RoundTripsMixedTextThroughEveryForm) {
+TEST(CCConv, RoundTripsMixedText) {
     const std::u16string text = u"ASCII \u00e9\u00df \u6f22\u5b57 \U0001F600\U0010FFFF end";
     const std::string utf8 = CCConv::toUTF8Str(text);
     EXPECT_EQ(
@@ -36,16 +31,6 @@ TEST(CCConv, RoundTripsMixedTextThroughEveryForm) {
         "ASCII \xC3\xA9\xC3\x9F \xE6\xBC\xA2\xE5\xAD\x97 \xF0\x9F\x98\x80\xF4\x8F\xBF\xBF end");
     EXPECT_EQ(CCConv::m_qorRc, 0);
     EXPECT_EQ(CCConv::fromUTF8Str(utf8), text);
-    EXPECT_EQ(CCConv::convertUTF8toUC(bytes(utf8)), text);
-    EXPECT_EQ(CCConv::Utf8ToUtf16(bytes(utf8), utf8.size()), text);
-    const std::u32string wide = CCConv::toUCS2Str(text);
-    EXPECT_EQ(wide.size(), text.size() - 2);  // two surrogate pairs become two code points
-    EXPECT_EQ(CCConv::fromUCS2Str(wide), text);
-    EXPECT_EQ(CCConv::U4ToUtf8(wide.data(), wide.size()), utf8);
-    EXPECT_EQ(CCConv::getUtf8Bytes(bytes(utf8)), utf8.size());
-    EXPECT_EQ(CCConv::getUtf16Bytes(text.c_str()), text.size() * 2);
-    EXPECT_EQ(CCConv::getU4Bytes(wide.c_str()), wide.size() * 4);
-    EXPECT_EQ(CCConv::fromUCS2Str(U""), u"");
 }
 
 // Every kind of malformed input is refused with the failing call's own text
@@ -81,12 +66,6 @@ TEST(CCConv, MalformedUtf8IsRefused) {
         EXPECT_EQ(messageOf([&] { CCConv::fromUTF8Str(row.input); }),
                   u"CCConv::Utf8ToUc: Function 'Utf8nToUcnCP' failed. " + rc);
         EXPECT_EQ(CCConv::m_qorRc, row.code);
-        EXPECT_EQ(messageOf([&] { CCConv::convertUTF8toUC(bytes(row.input)); }),
-                  u"CCConv::convertUTF8toUC: Function 'Utf8nToUcnCP' failed. " + rc);
-        EXPECT_EQ(messageOf([&] { CCConv::Utf8ToU4(bytes(row.input), row.input.size()); }),
-                  u"CCConv::Utf8ToU4: Function 'Utf8nToU4n' failed. " + rc);
-        EXPECT_EQ(messageOf([&] { CCConv::Utf8ToUtf16(bytes(row.input), row.input.size()); }),
-                  u"CCConv::Utf8ToUtf16: Function 'Utf8nToUtf16n' failed. " + rc);
         EXPECT_EQ(CCConv::fromUTF8Str(std::string("ok")), u"ok");
         EXPECT_EQ(CCConv::m_qorRc, 0);
     }
@@ -110,28 +89,15 @@ TEST(CCConv, LoneSurrogatesInUtf16AreRefused) {
         EXPECT_EQ(messageOf([&] { CCConv::toUTF8Str(row.input); }),
                   u"CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. " + rc);
         EXPECT_EQ(CCConv::m_qorRc, row.code);
-        EXPECT_EQ(messageOf([&] { CCConv::convertUCtoUTF8(row.input.c_str()); }),
-                  u"CCConv::convertUCtoUTF8: Function 'UcnToUtf8nCP' failed. " + rc);
-        EXPECT_EQ(messageOf([&] { CCConv::UcToUtf8(row.input.c_str()); }),
-                  u"CCConv::UcToUtf8: Function 'UcnToUtf8nCP' failed. " + rc);
-        EXPECT_EQ(messageOf([&] { CCConv::Utf16ToUtf8(row.input.data(), row.input.size()); }),
-                  u"CCConv::Utf16ToUtf8: Function 'Utf16nToUtf8n' failed. " + rc);
     }
-    const std::u32string bad[] = {U"\x110000", std::u32string(1, char32_t(0xD800))};
-    EXPECT_EQ(messageOf([&] { CCConv::U4ToUtf8(bad[0].data(), 1); }),
-              u"CCConv::U4ToUtf8: Function 'U4nToUtf8n' failed. RC=6");
-    EXPECT_EQ(messageOf([&] { CCConv::fromUCS2Str(bad[1]); }),
-              u"CCConv::U4ToUtf8: Function 'U4nToUtf8n' failed. RC=5");
 }
 
-TEST(CCConv, TrimCondenseAndSubstitute) {
+TEST(CCConv, TrimAndSubstitute) {
     EXPECT_EQ(CCConv::trim(u"   "), u"");
     EXPECT_EQ(CCConv::trim(u"\ta "), u"\ta");
     EXPECT_EQ(CCConv::trim(u"  x y  "), u"x y");
     EXPECT_EQ(CCConv::trim(u"--a--", u"-"), u"-a-");
     EXPECT_EQ(CCConv::trim(u"ab", u"abc"), u"ab");
-    EXPECT_EQ(CCConv::condense(u"  a    b  "), u"a b");
-    EXPECT_EQ(CCConv::condense(u"a\t\tb"), u"a\t\tb");
     EXPECT_EQ(CCConv::stringSubstituteAll(u"aaa", u"a", u"aa"), u"aaaaaa");
     EXPECT_EQ(CCConv::stringSubstituteAll(u"", u"", u"x"), u"x");
     EXPECT_EQ(CCConv::stringSubstituteAll(u"abc", u"", u"x"), u"abc");
@@ -151,18 +117,6 @@ TEST(CCConv, ChopSplitsAtTheFirstDelimiter) {
     EXPECT_TRUE(CCConv::chop(u"=", u"=", left, right));
     EXPECT_EQ(left, u"");
     EXPECT_EQ(right, u"");
-}
-
-TEST(CStrTok, CollapsesDelimiterRunsAndSplits) {
-    CStrTok tok(u"a,,b,,,c", u",");
-    EXPECT_EQ(tok.remainingString(), u"a,b,c");
-    std::vector<std::u16string> parts;
-    while (tok.hasMoreTokens()) parts.push_back(tok.nextToken());
-    EXPECT_EQ(parts, (std::vector<std::u16string>{u"a", u"b", u"c"}));
-    CStrTok blanks(u"one two");
-    EXPECT_EQ(blanks.nextToken(), u"one");
-    EXPECT_EQ(blanks.nextToken(), u"two");
-    EXPECT_FALSE(blanks.hasMoreTokens());
 }
 
 const std::regex kStampedLine(R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \d{4} (.*)$)");
