@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "model/CClassicXml.h"
 #include "model/ModelTestUtil.h"
 
 namespace kivreg {
@@ -182,9 +181,7 @@ TEST(TransferBody, OrderBySixteenBitUnitsAndUtf8) {
     }
 }
 
-// The trace lists everything; a class of unknown kind is dumped without its
-// kind, marked in the body, and rendered like any other in the old format.
-TEST(DataTrace, DumpLinesAndUnknownClassKind) {
+TEST(DataTrace, DumpLines) {
     LogCapture cap;
     auto file = test::loadText(
         cap,
@@ -192,13 +189,12 @@ TEST(DataTrace, DumpLinesAndUnknownClassKind) {
         "<class name='C'><instance inst_id='x'><property name='b'><value>a&amp;b</value></property>"
         "<property name='A' sourceformat='f'/><reference rolename='r' groupname='G' classname='C'/>"
         "</instance><instance inst_id='y'/></class><rootclass name='R'/></group></kivinfo>");
-    file->getGroupChangeIterator()->classes().emplace_back(u"Odd", 9).addInst(CInst(u"o"));
     const size_t before = cap.messages().size();
     file->write2File();
     EXPECT_EQ(
         test::loggedSince(cap, before),
         "Supplier Name: S\nSupplier Version: \nSupplier Vendor: \nModel Version: M\n"
-        "Group Name: G[Class count: 3]\n"
+        "Group Name: G[Class count: 2]\n"
         "  Attribute: data_type: \n  Attribute: data_version: \n  Attribute: group_type: SPECIFIC\n"
         "Class name: C[Instances count: 2]\n"
         "  Attribute: sync: TRUE\n  Attribute: merge_properties: TRUE\n  Attribute: clean: NONE\n"
@@ -209,14 +205,7 @@ TEST(DataTrace, DumpLinesAndUnknownClassKind) {
         "  Instance Number: 1\n"
         "Root class name: R[Instances count: 0]\n"
         "  Attribute: sync: FALSE\n  Attribute: merge_roots: TRUE\n"
-        "  Attribute: merge_properties: TRUE\n  Attribute: clean: NONE\n"
-        " name: Odd[Instances count: 1]\n  Instance Number: 0");
-    EXPECT_TRUE(u8(file->getBody())
-                    .ends_with("</rootclass>INVALID CLASS TYPE name=\"Odd\"><instance "
-                               "inst_id=\"o\"></instance></group>"
-                               "</kivinfo>"));
-    EXPECT_TRUE(u8(CClassicXml(u"T", u"V", file.get()).getXml())
-                    .ends_with("<instance classname=\"Odd\" inst_id=\"o\"></instance></qordata>"));
+        "  Attribute: merge_properties: TRUE\n  Attribute: clean: NONE");
 }
 
 }  // namespace
