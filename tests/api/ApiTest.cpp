@@ -8,10 +8,9 @@
 #include "kivreg.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
-using test::u16;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -333,4 +332,4 @@ TEST_F(Api, SymbolFileCodesAreHandedThrough) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

@@ -1,6 +1,4 @@
 // The program's own command line: long options beside the classic ones.
-#include <gtest/gtest.h>
-
 #include <ctime>
 #include <filesystem>
 #include <regex>

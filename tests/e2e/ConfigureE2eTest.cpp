@@ -1,6 +1,5 @@
 // Connect files: written from arguments or interactively, used and shown.
 
-#include <gmock/gmock.h>
 #include <termios.h>
 
 #include <csignal>
@@ -11,9 +10,6 @@
 
 namespace kivreg::test {
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 class Configure : public E2e {};
 

@@ -2,7 +2,7 @@
 // A local directory server on a free loopback port and the kivreg program
 // run against it, each in its own process.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <memory>
 #include <optional>
@@ -13,6 +13,9 @@
 #include "testutil/TestUtil.h"
 
 namespace kivreg::test {
+
+using testing::HasSubstr;
+using testing::Not;
 
 inline const std::string kProgram = KIVREG_BINARY_DIR "/kivreg";
 inline const std::string kLibrary = KIVREG_BINARY_DIR "/libkivreg.so";

@@ -1,7 +1,5 @@
 // libkivreg.so as a host sees it: its exported surface and a C caller.
 
-#include <gmock/gmock.h>
-
 #include <regex>
 #include <set>
 #include <sstream>
@@ -10,8 +8,6 @@
 
 namespace kivreg::test {
 namespace {
-
-using testing::HasSubstr;
 
 TEST(SharedLibrary, ExportsExactlyTheTwentyTwoFunctions) {
     const RunResult r = run({"/usr/bin/nm", "-D", "--defined-only", kLibrary});

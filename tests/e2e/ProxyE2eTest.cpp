@@ -1,17 +1,12 @@
 // The kivreg program through a real HTTP proxy (tinyproxy) to the local
 // directory server.
 
-#include <gmock/gmock.h>
-
 #include <thread>
 
 #include "E2eFixture.h"
 
 namespace kivreg::test {
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 // tinyproxy in the foreground with a configuration of the test's own: its log
 // and pid file in the test's directory, Basic authentication for one user,

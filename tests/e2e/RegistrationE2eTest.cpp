@@ -1,14 +1,9 @@
 // The kivreg program against the local directory server.
 
-#include <gmock/gmock.h>
-
 #include "E2eFixture.h"
 
 namespace kivreg::test {
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 using Registration = E2e;
 

@@ -15,14 +15,10 @@
 #include "support/ERegExcept.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::Peer;
-using test::TestServer;
-using test::u16;
-using test::u8;
 
 const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 const char* const kOpened = "HTTP open status: true - NI RC=0";
@@ -244,4 +240,4 @@ TEST(ProxyConfig, EnvironmentAndOptionsChooseTheProxy) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

@@ -13,12 +13,10 @@
 #include "testutil/InertConnection.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
 using namespace rt;
-using test::u16;
-using test::u8;
 
 // Keeps what is written to it and where it was opened, for checking request bytes without a
 // network.
@@ -235,4 +233,4 @@ TEST(IPConnection, TimeoutsAreClampedToOneToFifteenMinutes) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

@@ -2,13 +2,8 @@
 
 #include "model/ModelTestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
-
-using test::LogCapture;
-using test::modelData;
-using test::u16;
-using test::u8;
 
 TEST(CAttr, ValueValidityAndReport) {
     struct Case {
@@ -209,4 +204,4 @@ TEST(DataTrace, DumpLines) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

@@ -8,13 +8,9 @@
 
 #include "model/ModelTestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
-using test::LogCapture;
-using test::TempDir;
-using test::u16;
-using test::u8;
 using Lines = std::vector<std::string>;
 
 // Surrogate: a lone surrogate opens the first attribute value; StdinByName: an empty file name.
@@ -307,4 +303,4 @@ TEST(HostileInput, NeitherFollowedNorCrashing) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

@@ -14,13 +14,11 @@
 #include "runtime/Tls.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg::rt {
+namespace kivreg::test {
 namespace {
 
+using namespace rt;
 namespace fs = std::filesystem;
-using test::Peer;
-using test::testCert;
-using test::TestServer;
 
 constexpr int kShortMs = 200;
 constexpr int kLongMs = 5000;
@@ -189,4 +187,4 @@ TEST(NetAndTls, WritingToAPeerThatHasGoneIsAnErrorNotASignal) {
 }
 
 }  // namespace
-}  // namespace kivreg::rt
+}  // namespace kivreg::test

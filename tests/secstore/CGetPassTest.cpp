@@ -13,7 +13,7 @@
 #include "secstore/CGetPass.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
 // A child whose standard input and output are the slave side of a
@@ -115,4 +115,4 @@ TEST(CGetPass, HiddenInputThroughATerminal) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

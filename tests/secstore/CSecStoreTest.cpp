@@ -11,14 +11,10 @@
 #include "secstore/DesCipher.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::readFile;
-using test::u16;
-using test::u8;
-using test::writeFile;
 using Bytes = CSecStore::Bytes;
 
 Bytes hex(const std::string& text) {
@@ -294,4 +290,4 @@ TEST_F(StoreFiles, BadFilesFail) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test

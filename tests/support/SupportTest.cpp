@@ -6,12 +6,8 @@
 #include "support/CLog.h"
 #include "testutil/TestUtil.h"
 
-namespace kivreg {
+namespace kivreg::test {
 namespace {
-
-using test::readFile;
-using test::TempDir;
-using test::u16;
 
 std::u16string messageOf(const std::function<void()>& call) {
     try {
@@ -193,4 +189,4 @@ TEST(CLog, FileinfoNamesFileAndLine) {
 }
 
 }  // namespace
-}  // namespace kivreg
+}  // namespace kivreg::test
