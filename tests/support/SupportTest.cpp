@@ -31,60 +31,47 @@ TEST(CCConv, RoundTripsMixedText) {
 
 // Every kind of malformed input is refused with the failing call's own text
 // and the service's code, and the code stays in m_qorRc until a call succeeds.
-TEST(CCConv, MalformedUtf8IsRefused) {
-    struct Row {
+TEST(CCConv, MalformedInputIsRefused) {
+    const auto refused = [](const std::function<void()>& call, std::u16string function, int code) {
+        EXPECT_EQ(messageOf(call), function + u" failed. RC=" + char16_t(u'0' + code));
+        EXPECT_EQ(CCConv::m_qorRc, code);
+        EXPECT_EQ(CCConv::fromUTF8Str(std::string("ok")), u"ok");
+        EXPECT_EQ(CCConv::m_qorRc, 0);
+    };
+    const struct {
         const char* name;
         std::string input;
         int code;
+    } utf8[] = {
+        // clang-format off
+        {"truncated two-byte", "ab\xC3", 1}, {"truncated four-byte", "\xF0\x9F\x98", 1},
+        {"lone continuation", "a\x80", 2}, {"byte F8", "\xF8\x88\x80\x80\x80", 2},
+        {"byte FF", "x\xFF", 2}, {"lead without continuation", "\xE6" "ab", 3},
+        {"overlong slash", "\xC0\xAF", 4}, {"overlong NUL", "\xC1\x80", 4},
+        {"overlong three-byte", "\xE0\x80\xAF", 4}, {"overlong four-byte", "\xF0\x80\x80\xAF", 4},
+        {"encoded high surrogate", "\xED\xA0\x80", 5}, {"encoded low surrogate", "\xED\xBF\xBF", 5},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", 6}, {"F5 lead", "\xF5\x80\x80\x80", 6},
+        // clang-format on
     };
-    const Row rows[] = {
-        {"truncated two-byte", "ab\xC3", 1},
-        {"truncated four-byte", "\xF0\x9F\x98", 1},
-        {"lone continuation", "a\x80", 2},
-        {"byte F8", "\xF8\x88\x80\x80\x80", 2},
-        {"byte FF", "x\xFF", 2},
-        {"lead without continuation",
-         "\xE6"
-         "ab",
-         3},
-        {"overlong slash", "\xC0\xAF", 4},
-        {"overlong NUL", "\xC1\x80", 4},
-        {"overlong three-byte", "\xE0\x80\xAF", 4},
-        {"overlong four-byte", "\xF0\x80\x80\xAF", 4},
-        {"encoded high surrogate", "\xED\xA0\x80", 5},
-        {"encoded low surrogate", "\xED\xBF\xBF", 5},
-        {"above U+10FFFF", "\xF4\x90\x80\x80", 6},
-        {"F5 lead", "\xF5\x80\x80\x80", 6},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : utf8) {
         SCOPED_TRACE(row.name);
-        const std::u16string rc = u"RC=" + std::u16string(1, char16_t(u'0' + row.code));
-        EXPECT_EQ(messageOf([&] { CCConv::fromUTF8Str(row.input); }),
-                  u"CCConv::Utf8ToUc: Function 'Utf8nToUcnCP' failed. " + rc);
-        EXPECT_EQ(CCConv::m_qorRc, row.code);
-        EXPECT_EQ(CCConv::fromUTF8Str(std::string("ok")), u"ok");
-        EXPECT_EQ(CCConv::m_qorRc, 0);
+        refused([&] { CCConv::fromUTF8Str(row.input); },
+                u"CCConv::Utf8ToUc: Function 'Utf8nToUcnCP'", row.code);
     }
-}
-
-TEST(CCConv, LoneSurrogatesInUtf16AreRefused) {
-    struct Row {
+    const struct {
         const char* name;
         std::u16string input;
         int code;
-    };
-    const Row rows[] = {
+    } utf16[] = {
         {"high at end", std::u16string(u"ab") + char16_t(0xD83D), 1},
         {"high before letter", std::u16string(1, char16_t(0xD83D)) + u"x", 7},
         {"low alone", std::u16string(1, char16_t(0xDE00)), 7},
         {"two highs", std::u16string{char16_t(0xD800), char16_t(0xD800)}, 7},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : utf16) {
         SCOPED_TRACE(row.name);
-        const std::u16string rc = u"RC=" + std::u16string(1, char16_t(u'0' + row.code));
-        EXPECT_EQ(messageOf([&] { CCConv::toUTF8Str(row.input); }),
-                  u"CCConv::toUTF8Str: Function 'UcnToUtf8nCP' failed. " + rc);
-        EXPECT_EQ(CCConv::m_qorRc, row.code);
+        refused([&] { CCConv::toUTF8Str(row.input); },
+                u"CCConv::toUTF8Str: Function 'UcnToUtf8nCP'", row.code);
     }
 }
 
