@@ -207,14 +207,15 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     const PatternSet& index = placeholders();
     // Every placeholder of the text, by position. A replacement moves those
     // it leaves and, for new ones, looks only around what it put in.
-    std::vector<Match> matches;
+    auto& [matches, moved, found, counts, replacedAt, original, next, before] = budget.room;
+    matches.clear();
     index.findAll(text, 0, matches);
     if (matches.empty()) return false;
     std::sort(matches.begin(), matches.end());
-    std::vector<uint32_t> counts(m_symbols.size());
+    counts.assign(m_symbols.size(), 0);
     for (const Match& m : matches) ++counts[m.pattern];
 
-    const std::u16string original = text;
+    original = text;
     // The size a replacement would give, checked before it is built.
     auto withinBounds = [&](size_t size) {
         if (size > MAX_TEXT_UNITS) {
@@ -224,9 +225,6 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
         }
         return budget.stopped == Budget::Stop::None;
     };
-    std::vector<uint32_t> replacedAt;  // where the occurrences replaced start
-    std::vector<Match> moved, found;
-    std::u16string next, before;
     // Replaces every occurrence of placeholder i that does not overlap an
     // earlier one, left to right, into `next`; false when a bound stops it.
     auto replace = [&](uint32_t i) {

@@ -52,12 +52,18 @@ public:
     static constexpr size_t MAX_TEXT_UNITS = size_t{1} << 20;
     static constexpr size_t MAX_DOCUMENT_GROWTH = size_t{1} << 28;
 
-    // What substitution may still add across the texts of one document, and
-    // which bound, if any, stopped it.
+    // What substitution may still add across the texts of one document,
+    // which bound, if any, stopped it, and the room its texts share: most
+    // texts are short, and allocating anew for each cost more than replacing.
     struct Budget {
         enum class Stop { None, Text, Document };
         size_t growthLeft = MAX_DOCUMENT_GROWTH;
         Stop stopped = Stop::None;
+        struct Room {
+            std::vector<PatternSet::Match> matches, moved, found;
+            std::vector<uint32_t> counts, replacedAt;
+            std::u16string original, next, before;
+        } room;
     };
 
     // Results of addSymbol/addSymbols.

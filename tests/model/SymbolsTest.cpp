@@ -210,7 +210,8 @@ TEST(PSymbols, SubstitutionStopsAtTheBounds) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(u8(c.text) + " " + std::to_string(c.growthLeft));
-        PSymbols::Budget budget{c.growthLeft};
+        PSymbols::Budget budget;
+        budget.growthLeft = c.growthLeft;
         std::u16string text = c.text;
         s.replaceSymbolsInPlace(text, budget);
         EXPECT_EQ(budget.stopped, c.stop);
