@@ -235,7 +235,9 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
             if (m.pattern == i && (replacedAt.empty() || m.at >= replacedAt.back() + ph))
                 replacedAt.push_back(m.at);
         const size_t hits = replacedAt.size();
-        if (!withinBounds(text.size() - hits * ph + hits * value.size())) return false;
+        // Only growth is bounded: a text read longer than the bound may shrink.
+        if (value.size() > ph && !withinBounds(text.size() - hits * ph + hits * value.size()))
+            return false;
         next.clear();
         next.reserve(text.size() - hits * ph + hits * value.size());
         // New placeholders can only overlap a value put in, or span the place
