@@ -2,8 +2,9 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
+
+#include "runtime/FileIo.h"
 
 namespace kivreg::cli {
 namespace {
@@ -13,12 +14,8 @@ constexpr double kMiB = 1024.0 * 1024.0;
 }  // namespace
 
 void ProgressLine::write(const std::string& text) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;  // a line that cannot be drawn is not worth failing for
-        done += static_cast<size_t>(n);
-    }
+    // A line that cannot be drawn is not worth failing for.
+    rt::writeAll(STDERR_FILENO, text.data(), text.size());
 }
 
 void ProgressLine::update(size_t sent, size_t total) {

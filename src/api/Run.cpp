@@ -19,6 +19,7 @@
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
 #include "http/Trace.h"
+#include "runtime/FileIo.h"
 #include "secstore/CSecStore.h"
 #include "support/CCConv.h"
 
@@ -117,16 +118,6 @@ bool prepare(ApiState& s) {
     return true;
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes.remove_prefix(static_cast<size_t>(n));
-    }
-    return true;
-}
-
 // A file is written beside its place and renamed into it, so that a failure
 // leaves no partial file behind.
 bool writeFileWhole(const std::string& path, std::string_view bytes) {
@@ -135,7 +126,7 @@ bool writeFileWhole(const std::string& path, std::string_view bytes) {
     if (fd < 0) return false;
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    bool ok = ::fchmod(fd, 0666 & ~mask) == 0 && writeAll(fd, bytes);
+    bool ok = ::fchmod(fd, 0666 & ~mask) == 0 && rt::writeAll(fd, bytes.data(), bytes.size());
     ok = ::close(fd) == 0 && ok;
     ok = ok && std::rename(temp.c_str(), path.c_str()) == 0;
     if (!ok) {
@@ -150,7 +141,7 @@ bool writeFileWhole(const std::string& path, std::string_view bytes) {
 bool writeOutput(ApiState& s, std::string_view body) {
     if (!s.gArgs.isSwitchSet(CMDARG_OUTPUT)) return true;
     const std::u16string name = s.gArgs.getArg(CMDARG_OUTPUT);
-    const bool ok = name == u"-" ? writeAll(s.outputFd, body)
+    const bool ok = name == u"-" ? rt::writeAll(s.outputFd, body.data(), body.size())
                                  : !name.empty() && writeFileWhole(CCConv::toUTF8Str(name), body);
     if (!ok)
         s.gLog << timestamp << u"Failed to write the transfer document to " << name << u": "

@@ -15,7 +15,6 @@
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
-#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -24,28 +23,6 @@ namespace {
 // The factories fail only when memory runs out.
 void required(int rc) {
     if (rc != 0) throw std::bad_alloc();
-}
-
-std::u16string_view trimmed(std::u16string_view s) {
-    constexpr std::u16string_view blanks = u" \t\r";
-    const size_t first = s.find_first_not_of(blanks);
-    if (first == std::u16string_view::npos) return {};
-    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
-}
-
-// The value of the first header line of that name, any case.
-std::u16string headerValue(std::u16string_view header, std::u16string_view name) {
-    for (size_t start = 0; start < header.size();) {
-        size_t end = header.find(u'\n', start);
-        if (end == std::u16string_view::npos) end = header.size();
-        const std::u16string_view line = header.substr(start, end - start);
-        start = end + 1;
-        const size_t colon = line.find(u':');
-        if (colon != std::u16string_view::npos &&
-            equalsIgnoreCase(trimmed(line.substr(0, colon)), name))
-            return std::u16string(trimmed(line.substr(colon + 1)));
-    }
-    return {};
 }
 
 }  // namespace
@@ -232,7 +209,7 @@ int CHttpProxy::receive() {
         *m_log << timestamp << u"NI rc: " << m_niRc << u". HTTP header length: " << skipped
                << u". HTTP header: " << m_response->getHeader() << endlog;
 
-    m_retryAfter = headerValue(m_response->getHeader(), u"Retry-After");
+    m_retryAfter = m_response->getField(u"Retry-After");
     const AnswerBody body = readAnswerBody(*m_response);
     if (m_trace)
         *m_log << timestamp << u"HTTP body length: " << body.bytes << u" --- HTTP body: "

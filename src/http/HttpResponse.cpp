@@ -61,12 +61,18 @@ int createIHttpResponse(IIPConnection* connection, std::unique_ptr<IHttpResponse
 void HttpResponse::reset() {
     m_rawHeader.clear();
     m_header.clear();
+    m_fields.reset();
     std::string().swap(m_body);
     m_rawFooter.clear();
     m_footer.clear();
     std::string().swap(m_buf);
     m_pos = 0;
     Trace::instance().t(LEVEL, "HttpResponse::reset");
+}
+
+std::u16string HttpResponse::getField(std::u16string_view name) const {
+    const char16_t* value = m_fields ? m_fields->fetchVal(name, true) : nullptr;
+    return value != nullptr ? value : u"";
 }
 
 int HttpResponse::close() {
@@ -147,6 +153,7 @@ int HttpResponse::readHeader(int* rc) {
     *rc = 0;
     m_rawHeader.clear();
     m_header.clear();
+    m_fields.reset();
     m_version.clear();
     m_statusCode = 999;
     m_haveStatus = false;
@@ -206,12 +213,11 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
     trace.t(LEVEL, "HttpResponse::readHeader Status", m_statusCode);
 
     m_header = m_rawHeader.substr(lineEnd + 1);
-    std::unique_ptr<IParValMultilineDictionary> dict;
-    if (createIParValMultilineDictionary(dict, bareLf ? u"\n" : u"\r\n", u";", u":=", u"\t\r\n ",
-                                         true, true, true) != 0)
+    if (createIParValMultilineDictionary(m_fields, bareLf ? u"\n" : u"\r\n", u";", u":=",
+                                         u"\t\r\n ", true, true, true) != 0)
         return fail(rc, rt::NET_ERR_INVALID);
-    dict->parseMultiline(m_header);
-    if (const char16_t* value = dict->fetchVal(u"content-length", true)) {
+    m_fields->parseMultiline(m_header);
+    if (const char16_t* value = m_fields->fetchVal(u"content-length", true)) {
         const long long n = parseLength(value);
         if (n < 0) {
             m_haveStatus = false;
@@ -221,7 +227,7 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
         m_chunked = false;
         trace.t(LEVEL, "HttpResponse::readHeader Content-Length", n);
     }
-    if (const char16_t* value = dict->fetchVal(u"transfer-encoding", true)) {
+    if (const char16_t* value = m_fields->fetchVal(u"transfer-encoding", true)) {
         if (equalsIgnoreCase(value, u"chunked")) {
             m_chunked = true;
             trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");

@@ -3,6 +3,7 @@
 
 #include "http/HttpStatus.h"
 #include "http/IHttpResponse.h"
+#include "http/ParValDictionary.h"
 
 namespace kivreg {
 
@@ -37,6 +38,7 @@ public:
     int readRawFooter(int* rc) override { return readFooter(rc); }
 
     const std::u16string& getHeader() const override { return m_header; }
+    std::u16string getField(std::u16string_view name) const override;
     const std::u16string& getRawHeader() const override { return m_rawHeader; }
     const std::string& getBody() const override { return m_body; }
     const std::string& getRawBody() const override { return m_body; }
@@ -76,6 +78,7 @@ private:
     bool m_haveStatus = false;
     std::u16string m_rawHeader;
     std::u16string m_header;
+    std::unique_ptr<IParValMultilineDictionary> m_fields;  // of m_header
     std::string m_body;
     size_t m_bodyTotal = 0;
     bool m_bodyDone = false;

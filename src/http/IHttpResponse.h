@@ -59,7 +59,10 @@ public:
     virtual int readFooter(int* rc) = 0;
     virtual int readRawFooter(int* rc) = 0;
 
-    virtual const std::u16string& getHeader() const = 0;     // without status line
+    virtual const std::u16string& getHeader() const = 0;  // without status line
+    // The value of the header's first field of that name, any case; empty
+    // when there is none.
+    virtual std::u16string getField(std::u16string_view name) const = 0;
     virtual const std::u16string& getRawHeader() const = 0;  // with status line and end mark
     virtual const std::string& getBody() const = 0;          // bytes of the last body read
     virtual const std::string& getRawBody() const = 0;

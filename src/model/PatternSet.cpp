@@ -83,19 +83,12 @@ void PatternSet::findAll(std::u16string_view text, size_t offset, std::vector<Ma
         }
         const char16_t c = *p;
         for (;;) {
-            // Most nodes of a trie of names have one edge.
-            const Node& n = nodes[state];
-            if (n.edgeCount == 1) {
-                if (const Edge& e = edges[n.firstEdge]; e.c == c) {
-                    state = e.to;
-                    break;
-                }
-            } else if (const uint32_t t = child(state, c); t != kNone) {
+            if (const uint32_t t = child(state, c); t != kNone) {
                 state = t;
                 break;
             }
             if (state == 0) break;
-            state = n.fail;
+            state = nodes[state].fail;
         }
         const Node& at = nodes[state];
         const size_t last = offset + static_cast<size_t>(p - begin);

@@ -14,6 +14,7 @@
 #include <random>
 #include <system_error>
 
+#include "runtime/FileIo.h"
 #include "secstore/DesCipher.h"
 #include "support/CCConv.h"
 #include "support/CGetStr.h"
@@ -91,23 +92,9 @@ std::optional<std::string> readWhole(const std::u16string& path) {
     return readAll(fd);
 }
 
-bool writeAll(const Fd& fd, const void* data, size_t size) {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t n = ::write(fd.get(), p, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 bool writeWithHeader(const Fd& fd, const unsigned char* data, size_t size) {
-    return writeAll(fd, CSecStore::utf8_header, CSecStore::utf8_header_size) && size > 0 &&
-           writeAll(fd, data, size);
+    return rt::writeAll(fd.get(), CSecStore::utf8_header, CSecStore::utf8_header_size) &&
+           size > 0 && rt::writeAll(fd.get(), data, size);
 }
 
 // Units in machine byte order up to the first zero unit; an odd last byte
@@ -340,8 +327,8 @@ std::optional<std::u16string> CSecStore::readFile(const std::u16string& path) {
 bool CSecStore::writeFile(const std::u16string& path, const std::u16string& text) {
     Fd fd = createForWriting(path);
     const char16_t end = 0;
-    return fd.ok() && writeAll(fd, text.data(), text.size() * sizeof(char16_t)) &&
-           writeAll(fd, &end, sizeof end) && fd.close();
+    return fd.ok() && rt::writeAll(fd.get(), text.data(), text.size() * sizeof(char16_t)) &&
+           rt::writeAll(fd.get(), &end, sizeof end) && fd.close();
 }
 
 std::optional<CSecStore::Bytes> CSecStore::readFileBinary(const std::u16string& path) {
