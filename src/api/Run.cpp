@@ -118,35 +118,22 @@ bool prepare(ApiState& s) {
     return true;
 }
 
-// A file is written beside its place and renamed into it, so that a failure
-// leaves no partial file behind.
-bool writeFileWhole(const std::string& path, std::string_view bytes) {
-    std::string temp = path + ".XXXXXX";
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0) return false;
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    bool ok = ::fchmod(fd, 0666 & ~mask) == 0 && rt::writeAll(fd, bytes.data(), bytes.size());
-    ok = ::close(fd) == 0 && ok;
-    ok = ok && std::rename(temp.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        const int saved = errno;
-        ::unlink(temp.c_str());
-        errno = saved;
-    }
-    return ok;
-}
-
 // --output: the exact bytes of the transfer document.
 bool writeOutput(ApiState& s, std::string_view body) {
     if (!s.gArgs.isSwitchSet(CMDARG_OUTPUT)) return true;
     const std::u16string name = s.gArgs.getArg(CMDARG_OUTPUT);
-    const bool ok = name == u"-" ? rt::writeAll(s.outputFd, body.data(), body.size())
-                                 : !name.empty() && writeFileWhole(CCConv::toUTF8Str(name), body);
-    if (!ok)
-        s.gLog << timestamp << u"Failed to write the transfer document to " << name << u": "
-               << (name.empty() ? "no file name given" : std::strerror(errno)) << endlog;
-    return ok;
+    int error = 0;
+    if (name == u"-") {
+        if (!rt::writeAll(s.outputFd, body.data(), body.size())) error = errno != 0 ? errno : EIO;
+    } else if (!name.empty()) {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        error = rt::replaceFile(CCConv::toUTF8Str(name), body, 0666 & ~mask);
+    }
+    if (error == 0 && !name.empty()) return true;
+    s.gLog << timestamp << u"Failed to write the transfer document to " << name << u": "
+           << (name.empty() ? "no file name given" : std::strerror(error)) << endlog;
+    return false;
 }
 
 std::string renderBody(ApiState& s) {

@@ -1,11 +1,15 @@
 #pragma once
-// All of a buffer written to a file descriptor, through short writes and
-// interrupting signals.
+// Writing files: whole buffers through short writes and interrupting signals,
+// and files that must survive replaced so that a reader, a crash or a full
+// disk finds the old content or the new one, never a mix and never nothing.
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <string>
+#include <string_view>
 
 namespace kivreg::rt {
 
@@ -20,5 +24,48 @@ inline bool writeAll(int fd, const void* data, size_t size) {
     }
     return true;
 }
+
+// The new content of a file, written to a hidden temporary file in the same
+// directory (".<name>.XXXXXX", so that it can be renamed without copying and
+// is never taken for the file itself). Until it is renamed into place the
+// temporary file is removed when the object goes, whatever failed.
+class PendingFile {
+public:
+    // Creates the temporary file beside `path` with `mode`, whatever the umask.
+    PendingFile(const std::string& path, mode_t mode);
+    ~PendingFile();
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    // False once anything failed; error() then tells why.
+    bool write(std::string_view bytes);
+    // Flushes the content to the disk and closes the file.
+    bool finish();
+    // Renames the finished file to `target` (in the same directory), replacing
+    // what is there. The directory is not flushed: see syncDirectoryOf.
+    bool renameTo(const std::string& target);
+    bool ok() const { return m_error == 0; }
+    // The errno of the first failure, 0 while none.
+    int error() const { return m_error; }
+
+private:
+    bool fail();
+
+    std::string m_temp;
+    int m_fd = -1;
+    int m_error = 0;
+};
+
+// Flushes the directory that holds `path`, so that the renames and removals
+// made in it survive a power loss. False, with errno, on failure.
+bool syncDirectoryOf(const std::string& path);
+
+// The whole recipe: `bytes` to a temporary file, flushed, renamed over `path`,
+// the directory flushed. On failure `path` is as it was, no temporary file is
+// left, and the result is the errno of the failure (0 on success).
+int replaceFile(const std::string& path, std::string_view bytes, mode_t mode);
+
+// unlink that counts a file already gone as removed. False, with errno, otherwise.
+bool removeFile(const std::string& path);
 
 }  // namespace kivreg::rt
