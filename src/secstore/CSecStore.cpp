@@ -62,14 +62,6 @@ Fd openForReading(const std::u16string& path) {
     return Fd(::open(nativePath(path).c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-// Owner-only whatever the umask; fchmod also narrows a file that existed.
-Fd createForWriting(const std::u16string& path) {
-    Fd fd(::open(nativePath(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                 S_IRUSR | S_IWUSR));
-    if (fd.ok() && ::fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0) return Fd(-1);
-    return fd;
-}
-
 // A file beyond the bound counts as unreadable.
 std::optional<std::string> readAll(const Fd& fd) {
     std::string out;
@@ -90,11 +82,6 @@ std::optional<std::string> readWhole(const std::u16string& path) {
     const Fd fd = openForReading(path);
     if (!fd.ok()) return std::nullopt;
     return readAll(fd);
-}
-
-bool writeWithHeader(const Fd& fd, const unsigned char* data, size_t size) {
-    return rt::writeAll(fd.get(), CSecStore::utf8_header, CSecStore::utf8_header_size) &&
-           size > 0 && rt::writeAll(fd.get(), data, size);
 }
 
 // Units in machine byte order up to the first zero unit; an odd last byte
@@ -119,19 +106,6 @@ std::optional<CSecStore::Bytes> payloadBehindHeader(std::string_view bytes) {
 
 const unsigned char* bytePtr(const std::string& s) {
     return reinterpret_cast<const unsigned char*>(s.data());
-}
-
-// No rename may replace an earlier backup; renameat2 makes that check and the
-// rename one step where the file system supports it.
-int renameNoReplace(const std::string& from, const std::string& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EINVAL && errno != ENOSYS) return -1;
-    struct stat st;
-    if (::lstat(to.c_str(), &st) == 0) {
-        errno = EEXIST;
-        return -1;
-    }
-    return std::rename(from.c_str(), to.c_str());
 }
 
 // Plain text holds the password: clear it before the memory goes back.
@@ -318,30 +292,6 @@ void CSecStore::stringToMap(const std::u16string& text) {
     wipe(piece);
 }
 
-std::optional<std::u16string> CSecStore::readFile(const std::u16string& path) {
-    const std::optional<std::string> bytes = readWhole(path);
-    if (!bytes) return std::nullopt;
-    return unitsOf(*bytes);
-}
-
-bool CSecStore::writeFile(const std::u16string& path, const std::u16string& text) {
-    Fd fd = createForWriting(path);
-    const char16_t end = 0;
-    return fd.ok() && rt::writeAll(fd.get(), text.data(), text.size() * sizeof(char16_t)) &&
-           rt::writeAll(fd.get(), &end, sizeof end) && fd.close();
-}
-
-std::optional<CSecStore::Bytes> CSecStore::readFileBinary(const std::u16string& path) {
-    const std::optional<std::string> bytes = readWhole(path);
-    if (!bytes) return std::nullopt;
-    return payloadBehindHeader(*bytes);
-}
-
-bool CSecStore::writeFileBinary(const std::u16string& path, const Bytes& payload) {
-    Fd fd = createForWriting(path);
-    return fd.ok() && writeWithHeader(fd, payload.data(), payload.size()) && fd.close();
-}
-
 std::u16string CSecStore::getFileUnifier() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
@@ -362,10 +312,12 @@ bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stam
     const std::u16string stamped = path + u"." + stamp;
     constexpr int MAX_SUFFIX = 10000;
     std::u16string target = stamped;
-    int rc = renameNoReplace(from, nativePath(target));
+    // A second name for the file: it stays readable at its own name until
+    // its replacement is whole. No earlier backup is ever replaced.
+    int rc = ::link(from.c_str(), nativePath(target).c_str());
     for (int n = 1; rc != 0 && errno == EEXIST && n < MAX_SUFFIX; ++n) {
         target = stamped + u"." + CGetStr<int>::get(n);
-        rc = renameNoReplace(from, nativePath(target));
+        rc = ::link(from.c_str(), nativePath(target).c_str());
     }
     if (rc == 0) {
         *m_log << timestamp << u"Renamed file '" << path << u"' to '" << target << u"'" << endlog;
@@ -377,61 +329,129 @@ bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stam
     return false;
 }
 
-bool CSecStore::renameOnDemand() {
-    if (!unifyFile(m_fileName)) return false;
-    return !m_useKeyFile || unifyFile(getKeyFileName());
+// A connection file and its key file cannot be replaced in one step, and a
+// stop between the two would pair the new file with the old key (or the old
+// file with the new key, or with none). So the new pair is first written
+// whole beside the old one as "<file>.new" and "<file>.key.new": the rename
+// that makes "<file>.new" appear is the one step that switches from the old
+// pair to the new. While it exists, fetch reads the new pair from the ".new"
+// names (no "<file>.key.new": the built-in key), whatever state the old names
+// are in; once the old names hold the new pair it is removed, last.
+std::u16string CSecStore::pendingName() const {
+    return m_fileName + u".new";
+}
+
+namespace {
+
+// Reports a failure with the file and the system's reason; always false.
+bool failed(CLog& log, const char16_t* what, const std::u16string& path, int error) {
+    log << timestamp << what << path << u": " << std::strerror(error) << endlog;
+    return false;
+}
+
+std::string withHeader(const unsigned char* data, size_t size) {
+    std::string bytes(reinterpret_cast<const char*>(CSecStore::utf8_header),
+                      CSecStore::utf8_header_size);
+    bytes.append(reinterpret_cast<const char*>(data), size);
+    return bytes;
+}
+
+}  // namespace
+
+bool CSecStore::installPending(const std::optional<std::string>& keyBytes) {
+    const std::string file = nativePath(m_fileName);
+    const std::string keyFile = nativePath(getKeyFileName());
+    // The key goes to its place first: until the data file follows, readers
+    // still take both from the ".new" names.
+    if (keyBytes) {
+        rt::PendingFile key(keyFile, S_IRUSR | S_IWUSR);
+        if (!(key.write(*keyBytes) && key.finish() && key.renameTo(keyFile)))
+            return failed(*m_log, u"Failed to write key data file ", getKeyFileName(), key.error());
+    } else if (!rt::removeFile(keyFile)) {
+        return failed(*m_log, u"Failed to remove key file ", getKeyFileName(), errno);
+    }
+    if (::rename(nativePath(pendingName()).c_str(), file.c_str()) != 0)
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
+    if (!rt::removeFile(keyFile + ".new") || !rt::syncDirectoryOf(file))
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
+    return true;
+}
+
+bool CSecStore::finishPending() {
+    if (!openForReading(pendingName()).ok()) {
+        // A key written by a store that stopped before its switch belongs to
+        // no pair; it must not join the next one.
+        const std::string stale = nativePath(getKeyFileName() + u".new");
+        if (::unlink(stale.c_str()) == 0) return rt::syncDirectoryOf(stale);
+        return errno == ENOENT ||
+               failed(*m_log, u"Failed to remove key file ", getKeyFileName() + u".new", errno);
+    }
+    std::optional<std::string> key = readWhole(getKeyFileName() + u".new");
+    return installPending(key);
 }
 
 bool CSecStore::store() {
-    if (!renameOnDemand()) {
-        *m_log << timestamp << u"Failed to rename already existing configuration files." << endlog;
-        return false;
-    }
-    Fd data = createForWriting(m_fileName);
-    if (!data.ok()) {
-        *m_log << timestamp << u"Failed to create data file " << m_fileName << endlog;
-        return false;
-    }
-    const std::u16string keyPath = getKeyFileName();
-    Fd key = m_useKeyFile ? createForWriting(keyPath) : Fd(-1);
-    if (m_useKeyFile && !key.ok()) {
-        *m_log << timestamp << u"Failed to create key file " << keyPath << endlog;
-        return false;
-    }
-    *m_log << timestamp << u"Writing data to encrypted file '" << m_fileName << u"'" << endlog;
+    // What an earlier store left half done is finished first, so that the
+    // backups below are of the pair readers see.
+    if (!finishPending()) return false;
 
-    bool written = false;
     std::u16string plain = mapToString();
+    std::string utf8;
     try {
-        std::string utf8 = CCConv::toUTF8Str(plain);
-        Bytes cipher = encryptBinary(bytePtr(utf8), utf8.size(), activeKey());
-        written = writeWithHeader(data, cipher.data(), cipher.size());
-        wipe(utf8);
+        utf8 = CCConv::toUTF8Str(plain);
     } catch (const ERegExcept&) {
         // A value that is no valid text cannot be stored; reported below.
     }
     wipe(plain);
-    written = data.close() && written;
-    if (!written) {
+    if (utf8.empty()) {
         *m_log << timestamp << u"Failed to write secured data file " << m_fileName << endlog;
         return false;
     }
-    *m_log << timestamp << u"Data written to secured data file '" << m_fileName << u"'" << endlog;
+    Bytes cipher = encryptBinary(bytePtr(utf8), utf8.size(), activeKey());
+    wipe(utf8);
 
+    const std::string pending = nativePath(pendingName());
+    const std::string pendingKey = nativePath(getKeyFileName() + u".new");
+    rt::PendingFile data(pending, S_IRUSR | S_IWUSR);
+    const bool dataWritten = data.write(withHeader(cipher.data(), cipher.size())) && data.finish();
+    if (!dataWritten)
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, data.error());
+    std::optional<std::string> keyBytes;
     if (m_useKeyFile) {
-        const bool keyWritten = writeWithHeader(key, m_randKey->data(), ms_keyLen) && key.close();
-        if (!keyWritten) {
-            *m_log << timestamp << u"Failed to write key data file '" << keyPath << u"'" << endlog;
-            return false;
-        }
-        *m_log << timestamp << u"Data written to key file '" << keyPath << u"'" << endlog;
+        keyBytes = withHeader(m_randKey->data(), ms_keyLen);
+        rt::PendingFile key(pendingKey, S_IRUSR | S_IWUSR);
+        if (!(key.write(*keyBytes) && key.finish() && key.renameTo(pendingKey) &&
+              rt::syncDirectoryOf(pendingKey)))
+            return failed(*m_log, u"Failed to write key data file ", getKeyFileName(),
+                          key.ok() ? errno : key.error());
     }
+    // The old key goes aside whenever there is one: left in place, it would
+    // be taken for the key of a file written under the built-in key.
+    const std::u16string keyPath = getKeyFileName();
+    if (!unifyFile(m_fileName) || !unifyFile(keyPath)) {
+        rt::removeFile(pendingKey);
+        *m_log << timestamp << u"Failed to rename already existing configuration files." << endlog;
+        return false;
+    }
+    if (!data.renameTo(pending)) {
+        rt::removeFile(pendingKey);
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, data.error());
+    }
+    // From here on readers see the new pair; it must be on the disk before
+    // the old names change.
+    if (!rt::syncDirectoryOf(pending))
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
+    if (!installPending(keyBytes)) return false;
+    *m_log << timestamp << u"Writing data to encrypted file '" << m_fileName << u"'" << endlog;
+    *m_log << timestamp << u"Data written to secured data file '" << m_fileName << u"'" << endlog;
+    if (m_useKeyFile)
+        *m_log << timestamp << u"Data written to key file '" << keyPath << u"'" << endlog;
     return true;
 }
 
-bool CSecStore::readKeyFile() {
+bool CSecStore::readKeyFile(const std::u16string& keySource) {
     const std::u16string keyPath = getKeyFileName();
-    const Fd fd = openForReading(keyPath);
+    const Fd fd = openForReading(keySource);
     if (!fd.ok()) {
         *m_log << timestamp << u"No key file '" << keyPath << u"' used." << endlog;
         m_useKeyFile = false;
@@ -472,13 +492,17 @@ bool CSecStore::takePlainText(std::u16string& text) {
 
 bool CSecStore::fetch() {
     m_entries.clear();
-    const Fd data = openForReading(m_fileName);
+    // A store that switched to a new pair but had not yet put it in place:
+    // the new pair is the one to read.
+    Fd pending = openForReading(pendingName());
+    const bool switching = pending.ok();
+    const Fd data = switching ? std::move(pending) : openForReading(m_fileName);
     if (!data.ok()) {
         *m_log << timestamp << u"Failed to open destination file '" << m_fileName << u"'" << endlog;
         return false;
     }
     *m_log << timestamp << u"Using destination file '" << m_fileName << u"'." << endlog;
-    if (!readKeyFile()) return false;
+    if (!readKeyFile(getKeyFileName() + (switching ? u".new" : u""))) return false;
     const unsigned char* key = activeKey();
 
     const std::optional<std::string> content = readAll(data);

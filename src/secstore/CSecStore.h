@@ -50,18 +50,17 @@ public:
     void remove(const std::u16string& key);
     const Entries& getAll() const { return m_entries; }
 
-    // Moves earlier files aside, then writes the connection file (and the key
-    // file when one is used). False, with a log line, on any failure.
+    // Writes the connection file (and the key file when one is used) and
+    // keeps the earlier ones under a time-stamped name. Whatever stops it,
+    // the old pair or the new one is read afterwards, never a mix. False,
+    // with a log line naming the file and the reason, on any failure.
     bool store();
     // Reads the connection file, with the key of the key file when one lies
     // beside it. On failure the entries are left empty.
     bool fetch();
 
-    // Renames an existing connection file, and key file when one is used,
-    // aside under a time-stamped name.
-    bool renameOnDemand();
-    // Renames `path` to "<path>.<stamp>" (".1", ".2", ... appended when that
-    // name is taken). A file that cannot be opened counts as done.
+    // Keeps `path` also as "<path>.<stamp>" (".1", ".2", ... appended when
+    // that name is taken). A file that cannot be opened counts as done.
     bool unifyFile(const std::u16string& path);
     bool unifyFile(const std::u16string& path, const std::u16string& stamp);
     // Local time as "%Y%m%d%H%M%S".
@@ -104,18 +103,17 @@ public:
     // Replaces the entries by those of a plain text.
     void stringToMap(const std::u16string& text);
 
-    // Whole-file input and output. The 16-bit text forms hold units in the
-    // machine's byte order, ended by the first zero unit.
-    static std::optional<std::u16string> readFile(const std::u16string& path);
-    static bool writeFile(const std::u16string& path, const std::u16string& text);
-    // The bytes behind the header; nothing when the file cannot be read, is
-    // shorter than the header or does not begin with it.
-    static std::optional<Bytes> readFileBinary(const std::u16string& path);
-    static bool writeFileBinary(const std::u16string& path, const Bytes& payload);
-
 private:
+    // "<file>.new": the new pair while a store switches over to it.
+    std::u16string pendingName() const;
+    // Puts the pending pair in place of the old one (keyBytes: the key file's
+    // bytes, nothing for the built-in key).
+    bool installPending(const std::optional<std::string>& keyBytes);
+    // Completes or discards what a stopped store left.
+    bool finishPending();
     const unsigned char* activeKey() const;
-    bool readKeyFile();
+    // The key of the pair from keySource; messages name the key file.
+    bool readKeyFile(const std::u16string& keySource);
     // Takes the entries from a decrypted text holding at least one ";" and
     // clears the text either way.
     bool takePlainText(std::u16string& text);
