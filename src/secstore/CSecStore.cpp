@@ -306,7 +306,8 @@ bool CSecStore::unifyFile(const std::u16string& path) {
     return unifyFile(path, getFileUnifier());
 }
 
-bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stamp) {
+bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stamp,
+                          std::u16string* made) {
     if (!openForReading(path).ok()) return true;
     const std::string from = nativePath(path);
     const std::u16string stamped = path + u"." + stamp;
@@ -321,6 +322,7 @@ bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stam
     }
     if (rc == 0) {
         *m_log << timestamp << u"Renamed file '" << path << u"' to '" << target << u"'" << endlog;
+        if (made) *made = target;
         return true;
     }
     const int err = errno;
@@ -358,36 +360,43 @@ std::string withHeader(const unsigned char* data, size_t size) {
 
 }  // namespace
 
-bool CSecStore::installPending(const std::optional<std::string>& keyBytes) {
+bool CSecStore::installPending(rt::PendingFile* key) {
     const std::string file = nativePath(m_fileName);
     const std::string keyFile = nativePath(getKeyFileName());
     // The key goes to its place first: until the data file follows, readers
     // still take both from the ".new" names.
-    if (keyBytes) {
-        rt::PendingFile key(keyFile, S_IRUSR | S_IWUSR);
-        if (!(key.write(*keyBytes) && key.finish() && key.renameTo(keyFile)))
-            return failed(*m_log, u"Failed to write key data file ", getKeyFileName(), key.error());
-    } else if (!rt::removeFile(keyFile)) {
-        return failed(*m_log, u"Failed to remove key file ", getKeyFileName(), errno);
-    }
-    if (::rename(nativePath(pendingName()).c_str(), file.c_str()) != 0)
-        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
-    if (!rt::removeFile(keyFile + ".new") || !rt::syncDirectoryOf(file))
-        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
+    if (key ? !key->renameTo(keyFile) : !rt::removeFile(keyFile))
+        return failed(*m_log, u"Failed to replace key file ", getKeyFileName(),
+                      key ? key->error() : errno);
+    if (::rename(nativePath(pendingName()).c_str(), file.c_str()) != 0 ||
+        !rt::removeFile(keyFile + ".new") || !rt::syncDirectoryOf(file))
+        return failed(*m_log, u"Failed to replace data file ", m_fileName, errno);
     return true;
 }
 
+// A finished temporary file for the key file, or nothing on failure.
+std::unique_ptr<rt::PendingFile> CSecStore::keyFileFor(const std::string& keyBytes) {
+    auto key = std::make_unique<rt::PendingFile>(nativePath(getKeyFileName()), S_IRUSR | S_IWUSR);
+    if (key->write(keyBytes) && key->finish()) return key;
+    failed(*m_log, u"Failed to write key data file ", getKeyFileName(), key->error());
+    return nullptr;
+}
+
 bool CSecStore::finishPending() {
+    const std::string pendingKey = nativePath(getKeyFileName() + u".new");
     if (!openForReading(pendingName()).ok()) {
         // A key written by a store that stopped before its switch belongs to
         // no pair; it must not join the next one.
-        const std::string stale = nativePath(getKeyFileName() + u".new");
-        if (::unlink(stale.c_str()) == 0) return rt::syncDirectoryOf(stale);
+        if (::unlink(pendingKey.c_str()) == 0) return rt::syncDirectoryOf(pendingKey);
         return errno == ENOENT ||
                failed(*m_log, u"Failed to remove key file ", getKeyFileName() + u".new", errno);
     }
-    std::optional<std::string> key = readWhole(getKeyFileName() + u".new");
-    return installPending(key);
+    std::unique_ptr<rt::PendingFile> key;
+    if (const std::optional<std::string> keyBytes = readWhole(getKeyFileName() + u".new")) {
+        key = keyFileFor(*keyBytes);
+        if (!key) return false;
+    }
+    return installPending(key.get());
 }
 
 bool CSecStore::store() {
@@ -407,41 +416,53 @@ bool CSecStore::store() {
         *m_log << timestamp << u"Failed to write secured data file " << m_fileName << endlog;
         return false;
     }
-    Bytes cipher = encryptBinary(bytePtr(utf8), utf8.size(), activeKey());
+    const Bytes cipher = encryptBinary(bytePtr(utf8), utf8.size(), activeKey());
     wipe(utf8);
 
+    // Everything that writes data comes before the switch, so that a full
+    // disk or any other failure leaves the old pair as it was.
     const std::string pending = nativePath(pendingName());
     const std::string pendingKey = nativePath(getKeyFileName() + u".new");
     rt::PendingFile data(pending, S_IRUSR | S_IWUSR);
-    const bool dataWritten = data.write(withHeader(cipher.data(), cipher.size())) && data.finish();
-    if (!dataWritten)
+    if (!(data.write(withHeader(cipher.data(), cipher.size())) && data.finish()))
         return failed(*m_log, u"Failed to write secured data file ", m_fileName, data.error());
-    std::optional<std::string> keyBytes;
+    std::unique_ptr<rt::PendingFile> key;
     if (m_useKeyFile) {
-        keyBytes = withHeader(m_randKey->data(), ms_keyLen);
-        rt::PendingFile key(pendingKey, S_IRUSR | S_IWUSR);
-        if (!(key.write(*keyBytes) && key.finish() && key.renameTo(pendingKey) &&
-              rt::syncDirectoryOf(pendingKey)))
+        const std::string keyBytes = withHeader(m_randKey->data(), ms_keyLen);
+        key = keyFileFor(keyBytes);
+        if (!key) return false;
+        rt::PendingFile keyNew(pendingKey, S_IRUSR | S_IWUSR);
+        if (!(keyNew.write(keyBytes) && keyNew.finish() && keyNew.renameTo(pendingKey)))
             return failed(*m_log, u"Failed to write key data file ", getKeyFileName(),
-                          key.ok() ? errno : key.error());
+                          keyNew.error());
     }
     // The old key goes aside whenever there is one: left in place, it would
     // be taken for the key of a file written under the built-in key.
+    // A store that fails before its switch takes its backups back: the old
+    // files never left their names.
     const std::u16string keyPath = getKeyFileName();
-    if (!unifyFile(m_fileName) || !unifyFile(keyPath)) {
+    const std::u16string stamp = getFileUnifier();
+    std::u16string backups[2];
+    const auto undo = [&] {
+        const int error = errno;
         rt::removeFile(pendingKey);
+        for (const std::u16string& backup : backups)
+            if (!backup.empty()) rt::removeFile(nativePath(backup));
+        return error;
+    };
+    if (!unifyFile(m_fileName, stamp, &backups[0]) || !unifyFile(keyPath, stamp, &backups[1])) {
+        undo();
         *m_log << timestamp << u"Failed to rename already existing configuration files." << endlog;
         return false;
     }
-    if (!data.renameTo(pending)) {
-        rt::removeFile(pendingKey);
-        return failed(*m_log, u"Failed to write secured data file ", m_fileName, data.error());
+    // The switch. The key beside it must be on the disk first, and the
+    // switch itself before the old names change.
+    if (!(rt::syncDirectoryOf(pending) && data.renameTo(pending))) {
+        const int error = undo();
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName,
+                      data.ok() ? error : data.error());
     }
-    // From here on readers see the new pair; it must be on the disk before
-    // the old names change.
-    if (!rt::syncDirectoryOf(pending))
-        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
-    if (!installPending(keyBytes)) return false;
+    if (!rt::syncDirectoryOf(pending) || !installPending(key.get())) return false;
     *m_log << timestamp << u"Writing data to encrypted file '" << m_fileName << u"'" << endlog;
     *m_log << timestamp << u"Data written to secured data file '" << m_fileName << u"'" << endlog;
     if (m_useKeyFile)

@@ -10,11 +10,13 @@
 #include <array>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "runtime/FileIo.h"
 #include "support/CLog.h"
 
 namespace kivreg {
@@ -62,7 +64,9 @@ public:
     // Keeps `path` also as "<path>.<stamp>" (".1", ".2", ... appended when
     // that name is taken). A file that cannot be opened counts as done.
     bool unifyFile(const std::u16string& path);
-    bool unifyFile(const std::u16string& path, const std::u16string& stamp);
+    // made: the backup's name, when one was made.
+    bool unifyFile(const std::u16string& path, const std::u16string& stamp,
+                   std::u16string* made = nullptr);
     // Local time as "%Y%m%d%H%M%S".
     static std::u16string getFileUnifier();
 
@@ -106,9 +110,10 @@ public:
 private:
     // "<file>.new": the new pair while a store switches over to it.
     std::u16string pendingName() const;
-    // Puts the pending pair in place of the old one (keyBytes: the key file's
-    // bytes, nothing for the built-in key).
-    bool installPending(const std::optional<std::string>& keyBytes);
+    // Puts the pending pair in place of the old one (key: the finished key
+    // file, null for the built-in key).
+    bool installPending(rt::PendingFile* key);
+    std::unique_ptr<rt::PendingFile> keyFileFor(const std::string& keyBytes);
     // Completes or discards what a stopped store left.
     bool finishPending();
     const unsigned char* activeKey() const;

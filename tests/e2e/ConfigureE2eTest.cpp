@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <map>
 
 #include "E2eFixture.h"
+#include "Faults.h"
 
 namespace kivreg::test {
 namespace {
@@ -65,6 +67,78 @@ TEST_F(Configure, PortRuleAndUnreadableFiles) {
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_THAT(r.out,
                 HasSubstr("Failed to open configuration file '" + path("absent.conn") + "'"));
+}
+
+// Every file and its bytes: a directory's whole state.
+std::map<std::string, std::string> snapshot(const std::filesystem::path& dir) {
+    std::map<std::string, std::string> files;
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        files[e.path().filename().string()] = readFile(e.path());
+    return files;
+}
+
+// A configure stopped or failed at any file-changing call leaves a connect
+// file that reads as the complete old settings or the complete new ones; a
+// configure that reports failure leaves the old files exactly as they were.
+TEST_F(Configure, StoppedOrFailedAtAnyCallLeavesTheOldOrTheNewSettings) {
+    if (const std::string why = straceUnavailable(); !why.empty()) GTEST_SKIP() << why;
+    const auto settings = [](const char* user, const char* host, const char* port) {
+        return std::vector<std::string>{"-user", user, "-pass", "pw", "-host", host, "-port", port};
+    };
+    const std::vector<std::string> before = settings("olduser", "old.example", "1111");
+    const std::vector<std::string> after = settings("newuser", "new.example", "2222");
+    const auto shows = [](const std::string& out, const std::vector<std::string>& s) {
+        return out.find("user_param=" + s[1] + "\n") != std::string::npos &&
+               out.find("host_param=" + s[5] + "\n") != std::string::npos &&
+               out.find("port_param=" + s[7] + "\n") != std::string::npos;
+    };
+    const std::filesystem::path work = m_dir / "work";
+    const struct {
+        bool keyBefore, keyAfter;
+    } pairs[] = {{true, true}, {false, true}, {true, false}};
+    const struct {
+        std::vector<std::string> calls;
+        const char* action;
+    } faults[] = {{kFileCalls, "signal=KILL"}, {{"write"}, "error=ENOSPC"}, {{"fsync"}, "error=EIO"}};
+    for (const auto& pair : pairs) {
+        // The old state, made once by a clean configure.
+        std::filesystem::remove_all(work);
+        std::filesystem::create_directory(work);
+        RunOptions inWork;
+        inWork.cwd = work.string();
+        std::vector<std::string> first = {kProgram, "-configure", "conn"};
+        first.insert(first.end(), before.begin(), before.end());
+        if (pair.keyBefore) first.push_back("-usekeyfile");
+        ASSERT_EQ(run(first, inWork).exitCode, 0);
+        const std::map<std::string, std::string> old = snapshot(work);
+
+        std::vector<std::string> configure = {kProgram, "-configure", "conn"};
+        configure.insert(configure.end(), after.begin(), after.end());
+        if (pair.keyAfter) configure.push_back("-usekeyfile");
+        const auto restore = [&] {
+            std::filesystem::remove_all(work);
+            std::filesystem::create_directory(work);
+            for (const auto& [name, bytes] : old) writeFile(work / name, bytes);
+        };
+        for (const auto& fault : faults) {
+            const int runs = forEachFault(
+                configure, fault.calls, fault.action, inWork, restore,
+                [&](const std::string& call, int n, const RunResult& r) {
+                    SCOPED_TRACE(fault.action + (" at " + call) + " " + std::to_string(n) +
+                                 (pair.keyBefore ? ", key before" : "") +
+                                 (pair.keyAfter ? ", key after" : ""));
+                    const RunResult shown = run({kProgram, "-showconnect", "conn"}, inWork);
+                    ASSERT_EQ(shown.exitCode, 0) << r.out << shown.out;
+                    const bool isOld = shows(shown.out, before);
+                    EXPECT_NE(isOld, shows(shown.out, after)) << shown.out;
+                    if (isOld && r.exitCode > 0) {
+                        EXPECT_EQ(snapshot(work), old) << r.out;
+                        EXPECT_THAT(r.out, HasSubstr("conn"));
+                    }
+                });
+            EXPECT_GT(runs, 0);
+        }
+    }
 }
 
 // Waits for each text in turn and types the answer after it; an empty answer

@@ -1,0 +1,77 @@
+#include "Faults.h"
+
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+
+#include "testutil/TestUtil.h"
+
+namespace kivreg::test {
+namespace {
+
+const char* const kStrace = "/usr/bin/strace";
+
+std::string joined(const std::vector<std::string>& calls) {
+    std::string out;
+    for (const auto& c : calls) out += (out.empty() ? "" : ",") + c;
+    return out;
+}
+
+std::vector<std::string> under(std::vector<std::string> strace,
+                               const std::vector<std::string>& argv) {
+    strace.insert(strace.end(), argv.begin(), argv.end());
+    return strace;
+}
+
+}  // namespace
+
+const std::vector<std::string> kFileCalls = {"openat", "write", "close",  "link",
+                                             "rename", "fsync", "unlink", "mkdir"};
+
+std::string straceUnavailable() {
+    if (::access(kStrace, X_OK) != 0) return "strace is not installed";
+    const RunResult r = run({kStrace, "-qq", "-o", "/dev/null", "/bin/true"});
+    return r.exitCode == 0 ? "" : "strace cannot trace here: " + r.out;
+}
+
+std::map<std::string, int> countCalls(const std::vector<std::string>& argv,
+                                      const std::vector<std::string>& calls,
+                                      const RunOptions& options) {
+    TempDir dir;
+    const std::string log = (dir.path() / "trace").string();
+    run(under({kStrace, "-f", "-qq", "-o", log, "-e", "trace=" + joined(calls)}, argv), options);
+    std::map<std::string, int> counts;
+    // "PID name(" opens a call; a call split by a signal resumes on a line of its own.
+    const std::regex start(R"(^(?:\d+\s+)?(\w+)\()");
+    std::ifstream in(log);
+    std::smatch m;
+    for (std::string line; std::getline(in, line);)
+        if (std::regex_search(line, m, start)) ++counts[m[1]];
+    return counts;
+}
+
+RunResult runFaulted(const std::vector<std::string>& argv, const std::string& call, int n,
+                     const std::string& action, const RunOptions& options) {
+    return run(under({kStrace, "-f", "-qq", "-o", "/dev/null", "-e", "trace=" + call, "-e",
+                      "inject=" + call + ":" + action + ":when=" + std::to_string(n)},
+                     argv),
+               options);
+}
+
+int forEachFault(const std::vector<std::string>& argv, const std::vector<std::string>& calls,
+                 const std::string& action, const RunOptions& options,
+                 const std::function<void()>& prepare,
+                 const std::function<void(const std::string&, int, const RunResult&)>& check) {
+    prepare();
+    int runs = 0;
+    for (const auto& [call, count] : countCalls(argv, calls, options)) {
+        for (int n = 1; n <= count; ++n, ++runs) {
+            prepare();
+            check(call, n, runFaulted(argv, call, n, action, options));
+        }
+    }
+    return runs;
+}
+
+}  // namespace kivreg::test
