@@ -99,7 +99,8 @@ TEST_F(Configure, StoppedOrFailedAtAnyCallLeavesTheOldOrTheNewSettings) {
     const struct {
         std::vector<std::string> calls;
         const char* action;
-    } faults[] = {{kFileCalls, "signal=KILL"}, {{"write"}, "error=ENOSPC"}, {{"fsync"}, "error=EIO"}};
+    } faults[] = {
+        {kFileCalls, "signal=KILL"}, {{"write"}, "error=ENOSPC"}, {{"fsync"}, "error=EIO"}};
     for (const auto& pair : pairs) {
         // The old state, made once by a clean configure.
         std::filesystem::remove_all(work);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <regex>
 #include <string>
@@ -225,6 +226,77 @@ TEST_F(StoreFiles, EarlierFilesAreMovedAsideUnderAStamp) {
         EXPECT_EQ(readFile(dir / (std::string("conn.dat.20240131235959.") + n)), n);
     }
     EXPECT_EQ(readFile(dir / "conn.dat.20240131235959"), "taken");
+}
+
+// What a store stopped between its steps leaves: "old" and "new" pairs side
+// by side under the names a stop can leave them. fetch reads the pair that
+// was switched to; the next store finishes or discards the rest first.
+TEST_F(StoreFiles, StoppedStoreIsReadThroughAndFinished) {
+    const std::string oldData = binaryFile("user_param=old;", otherKey);
+    const std::string newKeyed = binaryFile("user_param=new;", KEY.data());
+    const std::string newPlain = binaryFile("user_param=new;", CSecStore::ms_key);
+    const std::string newKey = HEADER + str(KEY);
+    const fs::path pending = dir / "conn.dat.new";
+    const fs::path pendingKey = dir / "conn.dat.key.new";
+    const struct {
+        const char* name;
+        std::map<fs::path, std::string> files;
+        const char16_t* reads;
+        bool keyFile;  // of the pair read
+    } rows[] = {
+        {"key of an unswitched store",
+         {{data, oldData}, {key, OTHER_KEY_FILE}, {pendingKey, newKey}},
+         u"old",
+         true},
+        {"switched, nothing moved",
+         {{data, oldData}, {key, OTHER_KEY_FILE}, {pending, newKeyed}, {pendingKey, newKey}},
+         u"new",
+         true},
+        {"switched, key moved",
+         {{data, oldData}, {key, newKey}, {pending, newKeyed}, {pendingKey, newKey}},
+         u"new",
+         true},
+        {"switched to the built-in key",
+         {{data, oldData}, {key, OTHER_KEY_FILE}, {pending, newPlain}},
+         u"new",
+         false},
+        {"switched, old key gone", {{data, oldData}, {pending, newPlain}}, u"new", false},
+        {"moved, pending key left",
+         {{data, newKeyed}, {key, newKey}, {pendingKey, newKey}},
+         u"new",
+         true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        for (const auto& e : fs::directory_iterator(dir.path())) fs::remove(e.path());
+        for (const auto& [file, bytes] : row.files) writeFile(file, bytes);
+        CSecStore read(log, u16(data));
+        ASSERT_TRUE(read.fetch());
+        EXPECT_EQ(read.get(u"user_param"), row.reads);
+        EXPECT_EQ(read.usesKeyFile(), row.keyFile);
+
+        CSecStore next(log, u16(data));
+        next.add(u"user_param", u"next");
+        ASSERT_TRUE(next.store());
+        EXPECT_FALSE(fs::exists(pending));
+        EXPECT_FALSE(fs::exists(pendingKey));
+        EXPECT_FALSE(fs::exists(key));  // the built-in key: no key file beside it
+        CSecStore back(log, u16(data));
+        ASSERT_TRUE(back.fetch());
+        EXPECT_EQ(back.get(u"user_param"), u"next");
+        // The backup keeps the file that was read.
+        const std::string wasRead = row.reads == std::u16string(u"old") ? oldData
+                                    : row.keyFile                       ? newKeyed
+                                                                        : newPlain;
+        int backups = 0;
+        for (const auto& e : fs::directory_iterator(dir.path())) {
+            const std::string name = e.path().filename().string();
+            if (!std::regex_match(name, std::regex(R"(conn\.dat\.\d{14})"))) continue;
+            ++backups;
+            EXPECT_EQ(readFile(e.path()), wasRead);
+        }
+        EXPECT_EQ(backups, 1);
+    }
 }
 
 // Every bad connection or key file fails with its message and leaves no entries.
