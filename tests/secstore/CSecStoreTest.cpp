@@ -270,7 +270,7 @@ TEST_F(StoreFiles, StoppedStoreIsReadThroughAndFinished) {
         SCOPED_TRACE(row.name);
         for (const auto& e : fs::directory_iterator(dir.path())) fs::remove(e.path());
         for (const auto& [file, bytes] : row.files) writeFile(file, bytes);
-        CSecStore read(log, u16(data));
+        CSecStore read(log, u16(data), true);  // whatever it was made with, the files decide
         ASSERT_TRUE(read.fetch());
         EXPECT_EQ(read.get(u"user_param"), row.reads);
         EXPECT_EQ(read.usesKeyFile(), row.keyFile);
