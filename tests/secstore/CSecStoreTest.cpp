@@ -335,6 +335,7 @@ TEST_F(StoreFiles, BadFilesFail) {
         {"seven key units", valid, units(u"1234567"), badKey},
         {"zero unit cuts the key", valid, units(u"1234") + units(u"5678"), badKey},
         {"odd key byte", valid, "x", badKey},
+        {"seven key units and an odd byte", valid, units(u"1234567").substr(0, 14) + "x", badKey},
         {"data file at the size bound", HEADER + std::string(kMax - 4, 'x'), {}, badData},
         {"data file beyond the size bound",
          HEADER + std::string(kMax - 3, 'x'),

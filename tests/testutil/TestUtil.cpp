@@ -15,8 +15,8 @@
 
 namespace kivreg::test {
 
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kivreg-test-XXXXXX").string();
+TempDir::TempDir(const std::filesystem::path& parent) {
+    std::string pattern = (parent / "kivreg-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     m_path = pattern;
 }
