@@ -157,6 +157,7 @@ TEST_F(Configure, StoppedOrFailedAtAnyCallLeavesTheOldOrTheNewSettings) {
                     if (r.exitCode == 0) {
                         EXPECT_FALSE(isOld);
                         EXPECT_FALSE(std::filesystem::exists(work / "conn.new"));
+                        EXPECT_THAT(r.out, Not(HasSubstr("Failed")));
                     }
                 });
             EXPECT_GT(runs, 0);
