@@ -71,7 +71,7 @@ void HttpResponse::reset() {
 }
 
 std::u16string HttpResponse::getField(std::u16string_view name) const {
-    const char16_t* value = m_fields ? m_fields->fetchVal(name, true) : nullptr;
+    const char16_t* value = m_fields ? m_fields->fetchVal(name) : nullptr;
     return value != nullptr ? value : u"";
 }
 
@@ -214,10 +214,10 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
 
     m_header = m_rawHeader.substr(lineEnd + 1);
     if (createIParValMultilineDictionary(m_fields, bareLf ? u"\n" : u"\r\n", u";", u":=",
-                                         u"\t\r\n ", true, true, true) != 0)
+                                         u"\t\r\n ") != 0)
         return fail(rc, rt::NET_ERR_INVALID);
     m_fields->parseMultiline(m_header);
-    if (const char16_t* value = m_fields->fetchVal(u"content-length", true)) {
+    if (const char16_t* value = m_fields->fetchVal(u"content-length")) {
         const long long n = parseLength(value);
         if (n < 0) {
             m_haveStatus = false;
@@ -227,7 +227,7 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
         m_chunked = false;
         trace.t(LEVEL, "HttpResponse::readHeader Content-Length", n);
     }
-    if (const char16_t* value = m_fields->fetchVal(u"transfer-encoding", true)) {
+    if (const char16_t* value = m_fields->fetchVal(u"transfer-encoding")) {
         if (equalsIgnoreCase(value, u"chunked")) {
             m_chunked = true;
             trace.t(LEVEL, "HttpResponse::readHeader Response is chunked");

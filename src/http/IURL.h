@@ -14,16 +14,8 @@ public:
 
     // The path as written in the URL text: the request target.
     virtual const char16_t* getRawPath() const = 0;
-    // The path with %xx sequences decoded.
-    virtual const char16_t* getPath() const = 0;
-    virtual void setPath(const char16_t* path) = 0;
     virtual const char16_t* getQuery() const = 0;
-    virtual void setQuery(const char16_t* query) = 0;
     virtual const char16_t* getFragment() const = 0;
-    virtual void setFragment(const char16_t* fragment) = 0;
-    // What follows "scheme:" in a URL without "//" (mailto:x, urn:y).
-    virtual const char16_t* getOpaque() const = 0;
-    virtual void setOpaque(const char16_t* opaque) = 0;
 
     // The URL text as set, without any user name or password it carried;
     // `escaped` applies escape() to it.
@@ -34,18 +26,13 @@ public:
     virtual bool setUrl(const char16_t* url) = 0;
 
     virtual const char16_t* getService() const = 0;  // the scheme
-    virtual void setService(const char16_t* service) = 0;
-    virtual bool isSecure() const = 0;  // scheme "https", any case
+    virtual bool isSecure() const = 0;               // scheme "https", any case
 
     virtual const char16_t* getHport() const = 0;
-    virtual int getHport2() const = 0;  // -1 when unset or not a number
-    virtual void setHport(const char16_t* port) = 0;
     virtual const char16_t* getHost() const = 0;
-    virtual void setHost(const char16_t* host) = 0;
     virtual const char16_t* getProxy() const = 0;
     virtual void setProxy(const char16_t* proxy) = 0;
     virtual const char16_t* getPport() const = 0;
-    virtual int getPport2() const = 0;
     virtual void setPport(const char16_t* port) = 0;
     virtual const char16_t* getHuser() const = 0;
     virtual void setHuser(const char16_t* user) = 0;

@@ -1,23 +1,15 @@
 #include "http/ParValDictionary.h"
 
-#include <algorithm>
 #include <new>
-#include <span>
+#include <vector>
 
 namespace kivreg {
 
 namespace {
 
-struct Syntax {
-    std::u16string itemSeparator;
-    std::u16string nameValueSeparators;
-    std::u16string whiteSpace;
-};
-
-struct Flags {
-    bool trim;
-    bool unquote;
-    bool keepBare;
+struct Item {
+    std::u16string name;
+    std::u16string value;
 };
 
 std::u16string_view trimmed(std::u16string_view s, std::u16string_view white) {
@@ -50,116 +42,63 @@ std::vector<std::u16string_view> split(std::u16string_view text, std::u16string_
     return parts;
 }
 
-DicVecLine parse(std::u16string_view line, const Syntax& syntax, const Flags& flags) {
-    DicVecLine out;
-    out.line = line;
-    for (std::u16string_view item : split(line, syntax.itemSeparator, flags.unquote)) {
-        const size_t sep = item.find_first_of(syntax.nameValueSeparators);
-        std::u16string_view name = item.substr(0, sep);
-        std::u16string_view value =
-            sep == std::u16string_view::npos ? std::u16string_view() : item.substr(sep + 1);
-        if (flags.trim) {
-            name = trimmed(name, syntax.whiteSpace);
-            value = trimmed(value, syntax.whiteSpace);
-        }
-        if (flags.unquote && value.size() >= 2 && value.front() == u'"' && value.back() == u'"')
-            value = value.substr(1, value.size() - 2);
-        if (name.empty() && value.empty()) continue;
-        if (sep == std::u16string_view::npos && !flags.keepBare) continue;
-        out.items.push_back({std::u16string(name), std::u16string(value)});
-    }
-    return out;
-}
-
-template <typename Lines>
-const char16_t* find(const Lines& lines, std::u16string_view key, bool ignoreCase, bool byName) {
-    for (const DicVecLine& line : lines)
-        for (const DicVecLine::Item& item : line.items)
-            if (const std::u16string& text = byName ? item.name : item.value;
-                ignoreCase ? equalsIgnoreCase(text, key) : text == key)
-                return (byName ? item.value : item.name).c_str();
-    return nullptr;
-}
-
-class ParValDictionary final : public IParValDictionary {
-public:
-    ParValDictionary(Syntax syntax, Flags flags) : m_syntax(std::move(syntax)), m_flags(flags) {}
-    void reset() override { m_line = {}; }
-    int parseLine(std::u16string_view line, bool trim, bool unquote) override {
-        m_line = parse(line, m_syntax, {trim, unquote, m_flags.keepBare});
-        return static_cast<int>(m_line.items.size());
-    }
-    int parseLine(std::u16string_view line) override {
-        return parseLine(line, m_flags.trim, m_flags.unquote);
-    }
-    const char16_t* fetchVal(std::u16string_view name, bool ignoreCase) const override {
-        return find(std::span(&m_line, 1), name, ignoreCase, true);
-    }
-    const char16_t* fetchPar(std::u16string_view value, bool ignoreCase) const override {
-        return find(std::span(&m_line, 1), value, ignoreCase, false);
-    }
-    const DicVecLine& getLine() const override { return m_line; }
-
-private:
-    Syntax m_syntax;
-    Flags m_flags;
-    DicVecLine m_line;
-};
-
 class ParValMultilineDictionary final : public IParValMultilineDictionary {
 public:
-    ParValMultilineDictionary(std::u16string lineSeparator, Syntax syntax, Flags flags)
-        : m_lineSeparator(std::move(lineSeparator)), m_syntax(std::move(syntax)), m_flags(flags) {}
-    void reset() override { m_lines.clear(); }
-    int parseMultiline(std::u16string_view text, bool trim, bool unquote, bool keepBare) override {
-        m_lines.clear();
-        for (std::u16string_view line : split(text, m_lineSeparator, false))
-            if (!line.empty()) m_lines.push_back(parse(line, m_syntax, {trim, unquote, keepBare}));
-        return static_cast<int>(m_lines.size());
-    }
+    ParValMultilineDictionary(std::u16string_view lineSeparator, std::u16string_view itemSeparator,
+                              std::u16string_view nameValueSeparators,
+                              std::u16string_view whiteSpace)
+        : m_lineSeparator(lineSeparator),
+          m_itemSeparator(itemSeparator),
+          m_nameValueSeparators(nameValueSeparators),
+          m_whiteSpace(whiteSpace) {}
+
     int parseMultiline(std::u16string_view text) override {
-        return parseMultiline(text, m_flags.trim, m_flags.unquote, m_flags.keepBare);
+        m_items.clear();
+        int lines = 0;
+        for (std::u16string_view line : split(text, m_lineSeparator, false)) {
+            if (line.empty()) continue;
+            ++lines;
+            for (std::u16string_view item : split(line, m_itemSeparator, true)) parseItem(item);
+        }
+        return lines;
     }
-    const char16_t* fetchVal(std::u16string_view name, bool ignoreCase) const override {
-        return find(m_lines, name, ignoreCase, true);
+
+    const char16_t* fetchVal(std::u16string_view name) const override {
+        for (const Item& item : m_items)
+            if (equalsIgnoreCase(item.name, name)) return item.value.c_str();
+        return nullptr;
     }
-    const char16_t* fetchPar(std::u16string_view value, bool ignoreCase) const override {
-        return find(m_lines, value, ignoreCase, false);
-    }
-    const std::vector<DicVecLine>& getBlock() const override { return m_lines; }
 
 private:
+    void parseItem(std::u16string_view item) {
+        const size_t sep = item.find_first_of(m_nameValueSeparators);
+        const std::u16string_view name = trimmed(item.substr(0, sep), m_whiteSpace);
+        std::u16string_view value =
+            trimmed(sep == std::u16string_view::npos ? std::u16string_view() : item.substr(sep + 1),
+                    m_whiteSpace);
+        if (value.size() >= 2 && value.front() == u'"' && value.back() == u'"')
+            value = value.substr(1, value.size() - 2);
+        if (!name.empty() || !value.empty())
+            m_items.push_back({std::u16string(name), std::u16string(value)});
+    }
+
     std::u16string m_lineSeparator;
-    Syntax m_syntax;
-    Flags m_flags;
-    std::vector<DicVecLine> m_lines;
+    std::u16string m_itemSeparator;
+    std::u16string m_nameValueSeparators;
+    std::u16string m_whiteSpace;
+    std::vector<Item> m_items;  // of all lines, in order
 };
 
 }  // namespace
-
-int createIParValDictionary(std::unique_ptr<IParValDictionary>& out,
-                            std::u16string_view itemSeparator,
-                            std::u16string_view nameValueSeparators, std::u16string_view whiteSpace,
-                            bool trim, bool unquote, bool keepBare) {
-    out.reset(new (std::nothrow) ParValDictionary(
-        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators),
-               std::u16string(whiteSpace)},
-        Flags{trim, unquote, keepBare}));
-    return out ? 0 : -1;
-}
 
 int createIParValMultilineDictionary(std::unique_ptr<IParValMultilineDictionary>& out,
                                      std::u16string_view lineSeparator,
                                      std::u16string_view itemSeparator,
                                      std::u16string_view nameValueSeparators,
-                                     std::u16string_view whiteSpace, bool trim, bool unquote,
-                                     bool keepBare) {
+                                     std::u16string_view whiteSpace) {
     if (lineSeparator.empty()) return -1;
-    out.reset(new (std::nothrow) ParValMultilineDictionary(
-        std::u16string(lineSeparator),
-        Syntax{std::u16string(itemSeparator), std::u16string(nameValueSeparators),
-               std::u16string(whiteSpace)},
-        Flags{trim, unquote, keepBare}));
+    out.reset(new (std::nothrow) ParValMultilineDictionary(lineSeparator, itemSeparator,
+                                                           nameValueSeparators, whiteSpace));
     return out ? 0 : -1;
 }
 

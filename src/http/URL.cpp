@@ -43,28 +43,6 @@ void URL::set(Part p, const char16_t* v) {
         m_parts[p] = std::u16string(v);
 }
 
-int URL::portNumber(Part p) const {
-    if (!m_parts[p] || m_parts[p]->empty() || m_parts[p]->size() > 9) return -1;
-    int n = 0;
-    for (char16_t c : *m_parts[p]) {
-        if (c < u'0' || c > u'9') return -1;
-        n = n * 10 + (c - u'0');
-    }
-    return n;
-}
-
-void URL::setPath(const char16_t* path) {
-    set(RAW_PATH, path);
-    if (path == nullptr)
-        m_parts[PATH].reset();
-    else
-        set(PATH, unescape(path));
-}
-
-void URL::setService(const char16_t* service) {
-    set(SERVICE, service);
-}
-
 bool URL::isSecure() const {
     return m_parts[SERVICE] && equalsIgnoreCase(*m_parts[SERVICE], u"https");
 }
@@ -76,16 +54,14 @@ std::u16string URL::getUrl(bool escaped) const {
 bool URL::setUrl(const char16_t* url) {
     if (url == nullptr || *url == u'\0') return false;
     std::u16string_view rest(url);
-    for (Part p : {SERVICE, HOST, HPORT, PATH, RAW_PATH, QUERY, FRAGMENT, OPAQUE})
-        m_parts[p].reset();
+    for (Part p : {SERVICE, HOST, HPORT, RAW_PATH, QUERY, FRAGMENT}) m_parts[p].reset();
 
     std::u16string kept;  // the URL text without user information
     if (const size_t n = schemeLength(rest); n > 0) {
         set(SERVICE, rest.substr(0, n));
         kept.assign(rest.substr(0, n + 1));
         rest.remove_prefix(n + 1);
-        if (rest.substr(0, 2) != u"//") {
-            set(OPAQUE, rest);
+        if (rest.substr(0, 2) != u"//") {  // mailto:x, urn:y: no authority, no path
             m_url = kept.append(rest);
             return true;
         }
@@ -127,8 +103,7 @@ bool URL::setUrl(const char16_t* url) {
         set(QUERY, rest.substr(q + 1));
         rest = rest.substr(0, q);
     }
-    const std::u16string path(rest.empty() ? std::u16string_view(u"/") : rest);
-    setPath(path.c_str());
+    set(RAW_PATH, rest.empty() ? std::u16string_view(u"/") : rest);
     m_url = std::move(kept);
     return true;
 }

@@ -12,31 +12,20 @@ public:
         u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_,.!~*'()/?;:@&=+$";
 
     const char16_t* getRawPath() const override { return get(RAW_PATH); }
-    const char16_t* getPath() const override { return get(PATH); }
-    void setPath(const char16_t* path) override;
     const char16_t* getQuery() const override { return get(QUERY); }
-    void setQuery(const char16_t* v) override { set(QUERY, v); }
     const char16_t* getFragment() const override { return get(FRAGMENT); }
-    void setFragment(const char16_t* v) override { set(FRAGMENT, v); }
-    const char16_t* getOpaque() const override { return get(OPAQUE); }
-    void setOpaque(const char16_t* v) override { set(OPAQUE, v); }
 
     std::u16string getUrl(bool escaped) const override;
     bool setUrl(const char16_t* url) override;
 
     const char16_t* getService() const override { return get(SERVICE); }
-    void setService(const char16_t* service) override;
     bool isSecure() const override;
 
     const char16_t* getHport() const override { return get(HPORT); }
-    int getHport2() const override { return portNumber(HPORT); }
-    void setHport(const char16_t* v) override { set(HPORT, v); }
     const char16_t* getHost() const override { return get(HOST); }
-    void setHost(const char16_t* v) override { set(HOST, v); }
     const char16_t* getProxy() const override { return get(PROXY); }
     void setProxy(const char16_t* v) override { set(PROXY, v); }
     const char16_t* getPport() const override { return get(PPORT); }
-    int getPport2() const override { return portNumber(PPORT); }
     void setPport(const char16_t* v) override { set(PPORT, v); }
     const char16_t* getHuser() const override { return get(HUSER); }
     void setHuser(const char16_t* v) override { set(HUSER, v); }
@@ -65,18 +54,15 @@ private:
         PPORT,
         PUSER,
         PPASS,
-        PATH,
         RAW_PATH,
         QUERY,
         FRAGMENT,
-        OPAQUE,
         PART_COUNT
     };
 
     const char16_t* get(Part p) const { return m_parts[p] ? m_parts[p]->c_str() : nullptr; }
     void set(Part p, const char16_t* v);
     void set(Part p, std::u16string_view v) { m_parts[p] = std::u16string(v); }
-    int portNumber(Part p) const;
 
     std::u16string m_url;
     std::array<std::optional<std::u16string>, PART_COUNT> m_parts;

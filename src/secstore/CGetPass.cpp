@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "runtime/textconv.h"
 #include "support/CCConv.h"
 
 namespace kivreg {
@@ -221,16 +220,6 @@ std::u16string CGetPass::getPasswd() {
     std::u16string out = CCConv::trim(buffer.data());
     OPENSSL_cleanse(buffer.data(), sizeof buffer);
     return out;
-}
-
-std::u16string CGetPass::getPasswdEcho() {
-    char line[MAX_INPUT_LEN];
-    if (std::fgets(line, sizeof line, stdin) == nullptr) return {};
-    std::string_view text(line);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-    std::u16string out;
-    rt::utf8ToUtf16Lenient(text, out);
-    return CCConv::trim(out);
 }
 
 }  // namespace kivreg

@@ -14,8 +14,6 @@ public:
 
     // Hidden input, trimmed of blanks at both ends.
     static std::u16string getPasswd();
-    // One visible line of at most MAX_INPUT_LEN - 1 characters, trimmed.
-    static std::u16string getPasswdEcho();
 
     // The reading loop alone; `buffer` holds MAX_INPUT_LEN + 1 units and
     // receives a zero-terminated text.

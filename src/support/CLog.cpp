@@ -47,7 +47,6 @@ void CLog::openFile() {
         if (m_file == nullptr)
             writeText(stderr, u"*** Failed to open log file " + m_fileName + u" ***\n");
     }
-    m_entry = false;
 }
 
 void CLog::close() {
@@ -87,7 +86,6 @@ void CLog::write(const std::string& bytes) {
 }
 
 CLog& CLog::operator<<(char16_t c) {
-    m_entry = true;
     m_line += c;
     return *this;
 }
@@ -97,13 +95,11 @@ CLog& CLog::operator<<(const char16_t* text) {
 }
 
 CLog& CLog::operator<<(std::u16string_view text) {
-    m_entry = true;
     m_line.append(text);
     return *this;
 }
 
 CLog& CLog::operator<<(const char* utf8) {
-    m_entry = true;
     if (utf8 != nullptr) rt::utf8ToUtf16Lenient(utf8, m_line);
     return *this;
 }
@@ -139,7 +135,6 @@ CLog& CLog::operator<<(unsigned long long value) {
 CLog& endlog(CLog& log) {
     log.flush();
     log.clearBuffer();
-    log.unsetLock();
     return log;
 }
 
@@ -154,16 +149,6 @@ CLog& timestamp(CLog& log) {
                              : std::strftime(buf, sizeof buf, "%a %b %d %H:%M:%S %Y", &local);
     if (n == 0) return log;
     return log << buf << u' ';
-}
-
-const std::u16string& fileinfo(const char16_t* file, int line) {
-    static std::u16string text;
-    text = u" [";
-    if (file != nullptr) text += file;
-    text += u':';
-    text += CGetStr<int>::get(line);
-    text += u']';
-    return text;
 }
 
 }  // namespace kivreg

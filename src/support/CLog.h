@@ -18,16 +18,12 @@ public:
     CLog& operator=(const CLog&) = delete;
 
     void setFileName(const std::u16string& fileName);
-    void openFile(const std::u16string& fileName) { setFileName(fileName); }
-    void openFile();
     bool isOpen() const { return m_file != nullptr; }
     void close();
 
     // Writes the pending line to standard output and the log file.
     void flush();
     void clearBuffer() { m_line.clear(); }
-    void setLock() { m_entry = true; }
-    void unsetLock() { m_entry = false; }
 
     const std::u16string& getFileName() const { return m_fileName; }
 
@@ -55,6 +51,7 @@ public:
     CLog& operator<<(char) = delete;  // would print as a number
 
 private:
+    void openFile();
     template <typename T>
     CLog& appendNumber(T value);
     void write(const std::string& bytes);
@@ -63,7 +60,6 @@ private:
     std::u16string m_fileName;
     std::string m_held;  // UTF-8 lines
     bool m_holding = false;
-    bool m_entry = false;
     std::FILE* m_file = nullptr;
 };
 
@@ -71,9 +67,6 @@ private:
 CLog& endlog(CLog& log);
 // Inserts the local date and time ("Sat Nov 14 12:04:22 2026") and a blank.
 CLog& timestamp(CLog& log);
-
-// " [file:line]" for source positions; the text lives until the next call.
-const std::u16string& fileinfo(const char16_t* file, int line);
 
 // Appends a 16-bit text as UTF-8, writing U+FFFD for unpaired surrogates.
 // For output that must never fail (log lines, prompts).

@@ -1,6 +1,5 @@
 // The hidden password input: the bytes are the keys typed, standard input a
-// file that holds them (no terminal to switch). What is left after the
-// password is read as the visible line that follows it in the dialogue.
+// file that holds them (no terminal to switch).
 
 #include <cstdio>
 
@@ -14,6 +13,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string keys = env.file("keys", fuzz::bytes(data, size));
     if (std::freopen(keys.c_str(), "r", stdin) == nullptr) return 0;
     CGetPass::getPasswd();
-    CGetPass::getPasswdEcho();
     return 0;
 }
