@@ -11,6 +11,7 @@
 #include <string>
 
 #include "secstore/CGetPass.h"
+#include "support/CCConv.h"
 #include "testutil/TestUtil.h"
 
 namespace kivreg::test {
@@ -35,7 +36,12 @@ public:
             ::dup2(m_slave, 1);
             char go;
             for (int i = 0; i < reads && ::read(m_gate[0], &go, 1) == 1; ++i) {
-                const std::string shown = '\0' + test::u8(CGetPass::getPasswd()) + '\0';
+                std::string typed = "(no text)";  // as the connection store would take it
+                try {
+                    typed = CCConv::toUTF8Str(CGetPass::getPasswd());
+                } catch (const ERegExcept&) {
+                }
+                const std::string shown = '\0' + typed + '\0';
                 if (::write(1, shown.data(), shown.size()) != static_cast<ssize_t>(shown.size()))
                     ::_exit(2);
             }
@@ -98,7 +104,22 @@ TEST(CGetPass, HiddenInputThroughATerminal) {
         {"form feed is ignored, delete is kept", "a\fb\x7f\r", "ab\x7f", "***", ""},
         {"one star per character", "\xC3\xA4\xE2\x82\xAC\r", "\xC3\xA4\xE2\x82\xAC", "**", ""},
         {"backspace erases a whole pair", "a\xF0\x9F\x98\x80\bb\r", "ab", "**\b \b*", ""},
+        // The first and last pair: U+10000 (D800 DC00) and U+10FFFF (DBFF DFFF).
+        {"backspace erases the outermost pairs", "\xF0\x90\x80\x80\ba\xF4\x8F\xBF\xBF\bb\r", "ab",
+         "*\b \b**\b \b*", ""},
+        // Around the surrogates, below the shortest forms, above U+10FFFF; a
+        // byte that starts no sequence (C1, F5, a lone 80) is Latin-1.
+        {"each key at the bounds of UTF-8",
+         "\xED\x9F\xBF\xED\xA0\x80\xED\xBF\xBF\xEE\x80\x80\xEF\xBF\xBF\xE0\x9F\xBF\xE0\xA0\x80"
+         "\xDF\xBF\xF0\x8F\xBF\xBF\xF4\x90\x80\x80\xC1\xC2\xA0\xF5\x80\r",
+         "\xED\x9F\xBF\xEF\xBF\xBD\xEF\xBF\xBD\xEE\x80\x80\xEF\xBF\xBF\xEF\xBF\xBD\xE0\xA0\x80"
+         "\xDF\xBF\xEF\xBF\xBD\xEF\xBF\xBD\xC3\x81\xC2\xA0\xC3\xB5\xC2\x80",
+         std::string(14, '*'), ""},
         {"a hundred characters end the input", hundred + "Z", hundred, std::string(100, '*'), "Z"},
+        {"a pair fills the last two places", hundred.substr(2) + "\xF0\x9F\x98\x80Z",
+         hundred.substr(2) + "\xF0\x9F\x98\x80", std::string(99, '*'), "Z"},
+        {"a pair that does not fit ends the input", hundred.substr(1) + "\xF0\x9F\x98\x80Z",
+         hundred.substr(1), std::string(99, '*'), "Z"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -112,6 +133,24 @@ TEST(CGetPass, HiddenInputThroughATerminal) {
         t.next();
         EXPECT_EQ(t.next(), row.left);
     }
+}
+
+// Without a terminal the keys come as the input holds them, and its end ends
+// the password; the handlers of a host that could not switch a terminal stay.
+TEST(CGetPass, InputThatIsNoTerminalEndsWithIt) {
+    TempDir dir;
+    writeFile(dir / "keys", " ab\bc");
+    struct sigaction host {};
+    host.sa_handler = [](int) {};
+    struct sigaction before {
+    }, after{};
+    ASSERT_EQ(::sigaction(SIGHUP, &host, &before), 0);
+    ASSERT_NE(std::freopen((dir / "keys").c_str(), "r", stdin), nullptr);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CGetPass::getPasswd(), u"ac");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "***\b \b*");
+    ::sigaction(SIGHUP, &before, &after);
+    EXPECT_EQ(after.sa_handler, host.sa_handler);
 }
 
 }  // namespace

@@ -132,7 +132,12 @@ TEST(CLog, FilesAreAppendedAndSwitched) {
     log << u"to a" << endlog;
     log.setFileName(u16(dir / "b.log"));
     log << u"to b" << endlog;
+    const auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = openFiles();
     log.setFileName(u16(dir / "b.log"));
+    EXPECT_EQ(openFiles(), before);  // a host naming its log again must not leak a handle
     log << u"again b" << endlog;
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(readFile(dir / "a.log"), "run one\nto a\n");
