@@ -173,12 +173,13 @@ int performConfig(const std::u16string& fileName, bool useKeyFile) {
     return storeAndVerify(store, in, true);
 }
 
-int showConfig(const std::u16string& fileName, bool useKeyFile) {
+// As for a run, the key file is read whenever one lies beside the file.
+int showConfig(const std::u16string& fileName) {
     if (fileName.empty()) return 0;
     CLog& log = state().gLog;
     log << timestamp << u"Getting connect data from configuration file '" << fileName << u"'"
         << endlog;
-    CSecStore store(&log, fileName, useKeyFile);
+    CSecStore store(&log, fileName);
     if (!store.fetch()) {
         log << timestamp << u"Failed to open configuration file '" << fileName << u"'" << endlog;
         return -1;
@@ -232,12 +233,12 @@ int KivRegPerformConfigWithArguments(const char16_t* fileName, bool useKeyFile,
 }
 
 int KivRegShowConfig(const char16_t* fileName) {
-    return guarded(u"KivRegShowConfig", -1, [&] { return api::showConfig(text(fileName), false); });
+    return guarded(u"KivRegShowConfig", -1, [&] { return api::showConfig(text(fileName)); });
 }
 
 int KivRegShowConfigWithKeyFile(const char16_t* fileName) {
     return guarded(u"KivRegShowConfigWithKeyFile", -1,
-                   [&] { return api::showConfig(text(fileName), true); });
+                   [&] { return api::showConfig(text(fileName)); });
 }
 
 }  // extern "C"

@@ -22,11 +22,13 @@ int recordTimeout(std::u16string_view option, const char16_t* seconds) {
     return 1;
 }
 
-int recordConnectFile(const char16_t* name, bool useKeyFile) {
+// The key file is read whenever one lies beside the connect file, whichever
+// of the two exported functions named it.
+int recordConnectFile(const char16_t* name) {
     ApiState& s = state();
     const std::u16string fileName = text(name);
     if (fileName.empty()) return -1;
-    CSecStore store(&s.gLog, fileName, useKeyFile);
+    CSecStore store(&s.gLog, fileName);
     if (!store.fetch()) {
         s.gLog << timestamp << u"Failed to read connect file: " << fileName << endlog;
         return -1;
@@ -134,13 +136,12 @@ int KivRegSetConnectData(const char16_t* host, const char16_t* port, const char1
 }
 
 int KivRegSetConnectFile(const char16_t* fileName) {
-    return guarded(u"KivRegSetConnectFile", -1,
-                   [&] { return api::recordConnectFile(fileName, false); });
+    return guarded(u"KivRegSetConnectFile", -1, [&] { return api::recordConnectFile(fileName); });
 }
 
 int KivRegSetConnectFileWithKeyFile(const char16_t* fileName) {
     return guarded(u"KivRegSetConnectFileWithKeyFile", -1,
-                   [&] { return api::recordConnectFile(fileName, true); });
+                   [&] { return api::recordConnectFile(fileName); });
 }
 
 int KivRegSetSymbolFile(const char16_t* fileName) {

@@ -74,6 +74,12 @@ TEST(CPArgs, ParsesCommandLines) {
         SCOPED_TRACE(row.what);
         EXPECT_EQ(entries(parse(row.argv)), row.expected);
     }
+    // A vector without even the program's name (a process started with argc 0)
+    // ends at its first entry: what lies behind it is no argument.
+    std::u16string behind = u"-host";
+    char16_t* noName[] = {nullptr, behind.data(), nullptr};
+    EXPECT_TRUE(CPArgs(noName).entries().empty());
+    EXPECT_TRUE(CPArgs(nullptr).entries().empty());
 }
 
 TEST(CPArgs, FirstOccurrenceWinsAndLookupsRespectCase) {

@@ -229,6 +229,30 @@ TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     EXPECT_EQ(readFile(conn), before);
 }
 
+// Answers from a pipe: blank lines and leading blanks before an answer are
+// skipped, a CR before the line end goes, and of a long answer the first 99
+// units count, without half a pair. An input that ends early ends the dialogue.
+TEST_F(Configure, DialogueFromAPipe) {
+    const std::string conn = path("piped.conn");
+    RunOptions piped;
+    // U+10FFFF and U+10000: the last and the first pair, at units 99 and 100.
+    piped.input = "\n \t" + std::string(98, 'u') + "\xF4\x8F\xBF\xBFu\r\npw\npw\n" +
+                  std::string(98, 'h') + "\xF0\x90\x80\x80" + std::string(20, 'h') +
+                  "\n8443\nn\ny\n";
+    RunResult r = run({kProgram, "-configure", conn}, piped);
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    r = kivreg({"-showconnect", conn});
+    EXPECT_THAT(r.out, HasSubstr("user_param=" + std::string(98, 'u') + "\n"));
+    EXPECT_THAT(r.out, HasSubstr("host_param=" + std::string(98, 'h') + "\n"));
+    EXPECT_THAT(r.out, HasSubstr("port_param=8443\n"));
+
+    piped.input = "user\n";
+    r = run({kProgram, "-configure", path("ended.conn")}, piped);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_THAT(r.out, HasSubstr("Configuration ended: no more input."));
+    EXPECT_FALSE(std::filesystem::exists(path("ended.conn")));
+}
+
 TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
     RunOptions terminal;
     terminal.cwd = m_dir.path().string();
