@@ -255,6 +255,21 @@ TEST_F(Api, ConnectFilesAreCheckedWhenSet) {
     EXPECT_EQ(args().getArg(CMDARG_CONNECT_FILE), conn);
 }
 
+// 80, 443 and the unprivileged ports; the other privileged ones are refused on purpose.
+TEST_F(Api, ConfigurePortRule) {
+    const std::u16string conn = u16(m_dir / "p.conn");
+    const std::pair<const char16_t*, int> rows[] = {
+        {u"80", 0},  {u"443", 0},    {u"1024", 0}, {u"65535", 0}, {u"09999", 0},
+        {u"79", -1}, {u"81", -1},    {u"442", -1}, {u"444", -1},  {u"1023", -1},
+        {u"0", -1},  {u"65536", -1}, {u"8a", -1},  {u"", -1},     {u"99999999999", -1},
+    };
+    for (const auto& [port, result] : rows)
+        EXPECT_EQ(
+            KivRegPerformConfigWithArguments(conn.c_str(), false, u"u", u"pw", u"h", port, false),
+            result)
+            << test::u8(port);
+}
+
 struct RunRow {
     const char* what;
     std::u16string port;

