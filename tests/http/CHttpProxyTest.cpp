@@ -152,12 +152,18 @@ TEST(Tunnel, ProxyAnswerDecidesWhatFollowsTheConnectRequest) {
         const char16_t* host;
         std::string answer;
         int rc;
-        const char* refusal;
+        std::string refusal;
     } cases[] = {
         {u"dir.example", "HTTP/1.1 407 Proxy Authentication Required\r\n\r\n", rt::NET_ERR_PROXY,
          "407 (Proxy Authentication Required)"},
-        {u"dir.example", "HTTP/1.0 502 Bad\tGate\xffway\r\nX: y\r\n\r\n", rt::NET_ERR_PROXY,
-         "502 (Bad?Gate?way)"},
+        // Printable 7-bit text from blank to tilde, at most 120 characters.
+        {u"dir.example", "HTTP/1.0 502 Bad\tGate\x1f \x7e\x7f\xffway\r\nX: y\r\n\r\n",
+         rt::NET_ERR_PROXY, "502 (Bad?Gate? ~??way)"},
+        {u"dir.example", "HTTP/1.1 599 " + std::string(121, 'r') + "\r\n\r\n", rt::NET_ERR_PROXY,
+         "599 (" + std::string(120, 'r') + ")"},
+        {u"dir.example", "HTTP/1.1 100\r\n\r\n", rt::NET_ERR_PROXY, "100 ()"},
+        {u"dir.example", "HTTP/1.1 99 Low\r\n\r\n", rt::NET_ERR_PROTOCOL, ""},
+        {u"dir.example", "HTTP/1.1 600 High\r\n\r\n", rt::NET_ERR_PROTOCOL, ""},
         // What follows the proxy's answer is the server's first TLS bytes: here an alert.
         {u"::1", established + tlsAlert, rt::NET_ERR_TLS, ""},
         {u"dir.example", "HTTP/1.1 200 OK\r\nX: " + std::string(300 * 1024, 'x'), rt::NET_ERR_LIMIT,
