@@ -148,6 +148,8 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
     std::string manyInterim;
     for (int i = 0; i <= IHttpResponse::MAX_INTERIM; ++i) manyInterim += cont;
     const std::string big(0x3000000, 'c');
+    std::string small, smallBody;  // more chunks than one read holds, lines cut by reads
+    for (int i = 0; i < 20000; ++i) small += "3\r\nabc\r\n", smallBody += "abc";
     const struct {
         const char* name;
         std::string script;
@@ -175,6 +177,11 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"length not a number", ok + "Content-Length: 12abc\r\n\r\n", {0, NET_ERR_PROTOCOL}},
         {"body above the 64 MiB cap", ok + "Content-Length: 67108865\r\n\r\nabc",
          {0, 0, 200, "", NET_ERR_LIMIT}},
+        {"chunk sizes in hex of either case",
+         chunked + "a\r\n0123456789\r\nF\r\nfifteen bytes..\r\n9\r\nnine byte\r\n10\r\n"
+         "sixteen bytes...\r\n0\r\n\r\n",
+         {0, 0, 200, "0123456789fifteen bytes..nine bytesixteen bytes..."}},
+        {"many small chunks", chunked + small + "0\r\n\r\n", {0, 0, 200, smallBody}},
         {"chunk size not hex", chunked + "zz\r\nabc\r\n", {0, 0, 200, "", NET_ERR_PROTOCOL}},
         {"chunk size beyond 31 bits", chunked + "80000000\r\n", {0, 0, 200, "", NET_ERR_PROTOCOL}},
         {"chunk above the cap", chunked + "4000001\r\nabc", {0, 0, 200, "", NET_ERR_LIMIT}},
