@@ -75,7 +75,6 @@ std::span<const HttpStatus::Row> HttpStatus::table() {
 }
 
 void HttpStatus::setCode(int code) {
-    m_index = 0;
     for (size_t i = 0; i < ROWS.size(); ++i)
         if (ROWS[i].code == code) m_index = i;
 }

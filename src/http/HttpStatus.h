@@ -13,11 +13,9 @@ public:
         std::u16string_view text;    // the code as text
         std::u16string_view reason;  // in parentheses
     };
+    // The row of the code, or the first row (100) for an unknown one: callers
+    // see an unknown status as an interim answer, never as success.
     explicit HttpStatus(int code) { setCode(code); }
-
-    // Selects the row of the code, or the first row (100) for an unknown one:
-    // callers see an unknown status as an interim answer, never as success.
-    void setCode(int code);
 
     int getCode() const override { return table()[m_index].code; }
     const char16_t* getCode2() const override { return table()[m_index].text.data(); }
@@ -25,6 +23,7 @@ public:
 
 private:
     static std::span<const Row> table();
+    void setCode(int code);  // once, on a fresh object
 
     size_t m_index = 0;
 };

@@ -78,8 +78,7 @@ private:
                     m_whiteSpace);
         if (value.size() >= 2 && value.front() == u'"' && value.back() == u'"')
             value = value.substr(1, value.size() - 2);
-        if (!name.empty() || !value.empty())
-            m_items.push_back({std::u16string(name), std::u16string(value)});
+        m_items.push_back({std::u16string(name), std::u16string(value)});
     }
 
     std::u16string m_lineSeparator;
