@@ -27,7 +27,7 @@ void required(int rc) {
 
 }  // namespace
 
-CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFile,
                        const std::u16string& user, const std::u16string& password,
                        const std::u16string& host, const std::u16string& port, int connectTimeout,
                        int sendTimeout, int readTimeout, bool openNow, bool https,
@@ -123,13 +123,14 @@ std::u16string CHttpProxy::xmlDeclaration(std::u16string_view encoding) {
 }
 
 std::u16string CHttpProxy::getBody() const {
-    const std::u16string& document = m_xmlFile.getBody();
+    if (m_xmlFile == nullptr) return {};
+    const std::u16string& document = m_xmlFile->getBody();
     if (document.empty()) return {};
     return xmlDeclaration(m_encoding) + document;
 }
 
 std::string CHttpProxy::getBodyRaw() const {
-    return renderBody(m_xmlFile, m_encoding);
+    return m_xmlFile ? renderBody(*m_xmlFile, m_encoding) : std::string();
 }
 
 std::string CHttpProxy::renderBody(CXmlFile& xmlFile, std::u16string_view encoding) {
@@ -157,9 +158,13 @@ void CHttpProxy::createBodyFromXML() {
 }
 
 void CHttpProxy::createBodyFromXML(std::string bytes) {
+    createBodyFromBytes(std::move(bytes), m_xmlFile->useOldTransferDtd());
+}
+
+void CHttpProxy::createBodyFromBytes(std::string bytes, bool oldFormat) {
     // Documents in the current format go without a content-type line: this
     // replaces the header set at construction. The old format keeps it.
-    if (!m_xmlFile.useOldTransferDtd()) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
+    if (!oldFormat) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
     m_request->addHeaderline(USER_AGENT);
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
 }
@@ -175,10 +180,17 @@ void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> p
 int CHttpProxy::send() {
     if (m_trace) {
         *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
-        // The document goes to the log where it lies, not copied behind the declaration.
-        const std::u16string& document = m_xmlFile.getBody();
-        *m_log << timestamp << (document.empty() ? std::u16string() : xmlDeclaration(m_encoding))
-               << document << endlog;
+        if (m_xmlFile) {
+            // The document goes to the log where it lies, not copied behind the declaration.
+            const std::u16string& document = m_xmlFile->getBody();
+            *m_log << timestamp
+                   << (document.empty() ? std::u16string() : xmlDeclaration(m_encoding)) << document
+                   << endlog;
+        } else {
+            std::string bytes = m_request->takeBody();
+            *m_log << timestamp << CCConv::fromUTF8Str(std::string_view(bytes)) << endlog;
+            m_request->setBody(std::move(bytes));
+        }
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);

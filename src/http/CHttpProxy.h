@@ -36,9 +36,10 @@ public:
     static constexpr std::u16string_view SECUDIR = u"SECUDIR";
 
     // Timeouts in seconds (see IIPConnection for the limits). The document
-    // must outlive the object; its body is read, never copied. The proxy, if
-    // any, is chosen here from the options and the environment.
-    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+    // must outlive the object; its body is read, never copied. Without one
+    // the body comes prepared (createBodyFromBytes). The proxy, if any, is
+    // chosen here from the options and the environment.
+    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFile,
                const std::u16string& user, const std::u16string& password,
                const std::u16string& host, const std::u16string& port, int connectTimeout,
                int sendTimeout, int readTimeout, bool openNow, bool https,
@@ -54,6 +55,9 @@ public:
     void createBodyFromXML();
     // The same with a body rendered before (by renderBody), taken as it is.
     void createBodyFromXML(std::string body);
+    // A body rendered by an earlier run, sent as it is with the header lines
+    // of its format.
+    void createBodyFromBytes(std::string body, bool oldFormat);
     // Hands the request body back after send, for another attempt.
     std::string takeBody();
     // 0 when the body was written, else the network layer's code.
@@ -105,7 +109,7 @@ private:
     IHttpStatus* m_status = nullptr;  // owned by m_response
     int m_niRc = 0;
     CLog* m_log;
-    CXmlFile& m_xmlFile;
+    CXmlFile* m_xmlFile;  // null when the body comes prepared
     std::u16string m_user;
     std::u16string m_password;
     std::u16string m_host;

@@ -45,7 +45,7 @@ protected:
 
     std::unique_ptr<CHttpProxy> proxy(const std::string& port, bool openNow = true,
                                       bool https = false) {
-        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, m_doc, u"u",
+        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, &m_doc, u"u",
                                             u"p", u"127.0.0.1", u16(port), 420, 420, 420, openNow,
                                             https);
     }
