@@ -94,7 +94,7 @@ CHttpProxy::~CHttpProxy() = default;
 
 int CHttpProxy::connect() {
     m_open = !m_proxyUnusable &&
-             m_request->connect(&m_niRc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) > 0;
+             m_request->connect(&m_niRc) > 0;
     if (!m_open && m_niRc == rt::NET_ERR_PROXY)
         *m_log << timestamp << u"Proxy refused the tunnel: HTTP status "
                << m_connection->getTunnelRefusal().c_str() << endlog;

@@ -91,7 +91,7 @@ inline char* putUtf8(char* o, char32_t cp) {
     return o;
 }
 
-// Shared decoder loop for UTF-8 input; Unit is char16_t or char32_t.
+// The decoder loop for UTF-8 input.
 template <typename Unit>
 int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
@@ -185,9 +185,6 @@ int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
 int utf8ToUtf16(std::string_view in, std::u16string& out) {
     return fromUtf8(in, out, false);
 }
-int utf8ToUtf32(std::string_view in, std::u32string& out) {
-    return fromUtf8(in, out, false);
-}
 void utf8ToUtf16Lenient(std::string_view in, std::u16string& out) {
     fromUtf8(in, out, true);
 }
@@ -196,26 +193,6 @@ int utf16ToUtf8(std::u16string_view in, std::string& out) {
 }
 void utf16ToUtf8Lenient(std::u16string_view in, std::string& out) {
     fromUtf16(in, out, true);
-}
-
-int utf32ToUtf8(std::u32string_view in, std::string& out) {
-    const size_t base = out.size();
-    out.resize(base + in.size() * 4);
-    char* o = out.data() + base;
-    int rc = CONV_OK;
-    for (char32_t cp : in) {
-        if (cp > 0x10FFFF) {
-            rc = CONV_TOO_LARGE;
-            break;
-        }
-        if (cp >= 0xD800 && cp <= 0xDFFF) {
-            rc = CONV_SURROGATE;
-            break;
-        }
-        o = putUtf8(o, cp);
-    }
-    out.resize(static_cast<size_t>(o - out.data()));
-    return rc;
 }
 
 size_t utf8SizeBound(std::u16string_view in) {
