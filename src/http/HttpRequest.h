@@ -19,6 +19,7 @@ public:
     int addHeaderline(std::u16string_view line) override;
     int setBody(std::string&& bytes) override;
     std::string takeBody() override { return std::exchange(m_body, {}); }
+    std::string_view body() const override { return m_body; }
     void setProgress(Progress progress) override { m_progress = std::move(progress); }
 
 private:

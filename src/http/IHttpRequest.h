@@ -37,6 +37,7 @@ public:
     // transfer are sent as they are.
     virtual int setBody(std::string&& bytes) = 0;
     virtual std::string takeBody() = 0;  // gives them back, leaving the body empty
+    virtual std::string_view body() const = 0;
 
     // Told the bytes of the body written so far and their total, after each
     // piece of at most PROGRESS_STEP bytes; without it the body goes out in

@@ -59,11 +59,13 @@ size_t asciiPrefix(const unsigned char* p, size_t n) {
     return i;
 }
 
+}  // namespace
+
 // Output sizes, so that a large text is sized once and not at its worst case:
 // fresh memory is paid for by the page, and three bytes per unit reserved for
 // mostly-ASCII text would triple that. Both are exact for well-formed input
 // and upper bounds for what the strict converters write before a fault.
-size_t utf16UnitsFor(std::string_view in) {
+size_t utf16Length(std::string_view in) {
     size_t units = 0;
     for (unsigned char b : in) {
         units += (b & 0xC0) != 0x80 ? 1 : 0;  // one unit per lead byte
@@ -71,6 +73,8 @@ size_t utf16UnitsFor(std::string_view in) {
     }
     return units;
 }
+
+namespace {
 
 inline char* putUtf8(char* o, char32_t cp) {
     if (cp < 0x80) {
@@ -100,7 +104,7 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
     // Lenient decoding turns each stray byte into a unit of its own, which
     // only the byte count bounds.
     const bool counted = sizeof(Unit) == 2 && !lenient;
-    out.resize(base + (counted ? utf16UnitsFor(in) : in.size()));
+    out.resize(base + (counted ? utf16Length(in) : in.size()));
     Unit* o = out.data() + base;
     int rc = CONV_OK;
     while (p < end) {

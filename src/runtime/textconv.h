@@ -30,6 +30,10 @@ int utf16ToUtf8(std::u16string_view in, std::string& out);
 // pieces of a text never grows while they are appended one by one.
 size_t utf8SizeBound(std::u16string_view in);
 
+// The 16-bit units of a UTF-8 text: exact for well-formed text, and at least
+// what utf8ToUtf16 appends for any text.
+size_t utf16Length(std::string_view in);
+
 // For text that must always come out (log lines): malformed parts become U+FFFD.
 void utf16ToUtf8Lenient(std::u16string_view in, std::string& out);
 void utf8ToUtf16Lenient(std::string_view in, std::u16string& out);
