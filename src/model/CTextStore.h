@@ -66,6 +66,7 @@ public:
 
     // A lasting copy of text.
     std::string_view keep(std::string_view text) {
+        if (text.empty()) return {};
         char* at = reserve(text.size());
         std::memcpy(at, text.data(), text.size());
         return commit(text.size());
@@ -78,7 +79,7 @@ public:
         if (m_pending + n > m_left) {
             const size_t size = std::max(kBlockBytes, (m_pending + n) * 2);
             char* block = m_blocks.emplace_back(std::make_unique_for_overwrite<char[]>(size)).get();
-            std::memcpy(block, m_free, m_pending);
+            if (m_pending != 0) std::memcpy(block, m_free, m_pending);
             m_free = block;
             m_left = size;
         }

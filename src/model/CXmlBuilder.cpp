@@ -275,7 +275,7 @@ public:
 
     // A value's text is that of the element and everything in it.
     void text(std::string_view utf8) override {
-        if (!m_ok || m_valueDepth == 0) return;
+        if (!m_ok || m_valueDepth == 0 || utf8.empty()) return;
         CTextStore& texts = m_store.texts;
         std::memcpy(texts.reserve(utf8.size()), utf8.data(), utf8.size());
         texts.wrote(utf8.size());

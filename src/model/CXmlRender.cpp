@@ -56,6 +56,8 @@ struct Counter {
 struct Writer {
     char* at;
     void put(std::string_view s) {
+        // Empty texts of the model may have no storage at all.
+        if (s.empty()) return;
         std::memcpy(at, s.data(), s.size());
         at += s.size();
     }
