@@ -203,7 +203,7 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::strin
     if (document) {
         proxy.createBodyFromXML(std::move(body));
     } else {
-        proxy.createBodyFromBytes(std::move(body), oldFormat);
+        proxy.setPreparedBody(std::move(body), oldFormat);
     }
     const int rc = proxy.send();
     body = proxy.takeBody();
@@ -358,8 +358,8 @@ void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Atte
     SpoolEntry key;
     key.destination = destinationOf(c);
     key.oldFormat = doc.useOldTransferDtd();
-    key.supplierName = CCConv::toUTF8Str(doc.getSupplierName());
-    key.supplierVendor = CCConv::toUTF8Str(doc.getSupplierVendor());
+    key.supplierName = doc.getSupplierName();
+    key.supplierVendor = doc.getSupplierVendor();
     Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
     if (!spool.ok()) return;
     if (a.result != 0) {
