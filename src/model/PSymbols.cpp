@@ -10,7 +10,6 @@
 #include "model/Utf8Log.h"
 #include "runtime/textconv.h"
 #include "support/CLog.h"
-#include "support/LowerCase.h"
 
 namespace kivreg {
 
