@@ -119,12 +119,11 @@ void BM_KivregPost100MB(benchmark::State& state) {
         u.setHuser(u"u");
         u.setHpass(u"p");
         u.setUrl(url.c_str());
-        HttpRequest req(&conn, IHttpRequest::POST, &u, HttpRequest::PLAIN);
+        HttpRequest req(&conn, IHttpRequest::POST, &u);
         req.addHeaderline(u"dsxmlversion:2.0");
         req.setBody(std::move(bytes));
         int rc = 0;
-        if (req.connect(&rc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) <= 0)
-            state.SkipWithError("connect");
+        if (req.connect(&rc) <= 0) state.SkipWithError("connect");
         req.sendMessage(&rc);
         HttpResponse resp(&conn);
         resp.readHeaderSkip100(&rc);

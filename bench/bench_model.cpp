@@ -61,14 +61,14 @@ int main(int argc, char** argv) {
     size_t bytes = 0;
     phase("render", [&] {
         std::string body;
-        file->appendBodyUtf8(body);
+        file->appendBody(body);
         bytes = body.size();
     });
     size_t oldBytes = 0;
     phase("render old", [&] {
         file->setOldTransferDtd(true);
         std::string body;
-        file->appendBodyUtf8(body);
+        file->appendBody(body);
         oldBytes = body.size();
     });
     std::fprintf(stderr, "body %zu bytes, old body %zu bytes\n", bytes, oldBytes);

@@ -77,7 +77,14 @@ int main() {
         PSymbols symbols(&log);
         for (const auto& [n, v] : c.table) symbols.addSymbol(n, v);
         std::u16string result;
-        const double took = millis([&] { result = symbols.replaceSymbols(c.text); });
+        // Substitution works on UTF-8, as the model holds its texts.
+        const std::string text8 = kivreg::CCConv::toUTF8Str(c.text);
+        std::string result8;
+        const double took = millis([&] {
+            result8 = text8;
+            PSymbols::Budget budget;
+            symbols.replaceSymbolsInPlace(result8, budget);
+        });
         const size_t at = c.text.find(u"${");
         const std::u16string placeholder = c.text.substr(at, c.text.find(u'}', at) + 1 - at);
         const std::u16string same(placeholder.size(), u'_');

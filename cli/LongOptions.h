@@ -32,6 +32,10 @@ inline constexpr LongOption kLongOptions[] = {
     {CMDARG_NO_PROGRESS, u"", u"Shows no progress line while the document is sent"},
     {CMDARG_PROXY, u"<url>", u"HTTP proxy to use, \"\" for none (overrides *_proxy)"},
     {CMDARG_NOPROXY, u"<list>", u"Hosts to reach without proxy (overrides no_proxy)"},
+    {CMDARG_SPOOL, u"<dir>", u"Keeps failed registrations in dir and delivers them later"},
+    {CMDARG_SPOOL_MAX_MB, u"<n>", u"Bounds the spool to n MiB, oldest removed first (1024)"},
+    {CMDARG_FLUSH, u"", u"Delivers the spooled registrations, sends no document"},
+    {CMDARG_STATUS_FILE, u"<file>", u"Writes the run's outcome for monitoring (Prometheus)"},
 };
 
 struct SplitArgs {

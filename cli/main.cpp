@@ -15,6 +15,7 @@
 #include "Progress.h"
 #include "api/ApiState.h"
 #include "api/CPArgs.h"
+#include "api/ExitStatus.h"
 #include "api/Vocabulary.h"
 #include "kivreg.h"
 #include "support/CCConv.h"
@@ -24,10 +25,8 @@ namespace {
 
 using namespace kivreg;
 
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitNoConnection = 2;
-constexpr int kExitSymbols = 3;
+using api::kExitFailed;
+using api::kExitOk;
 
 CLog& log() {
     return api::state().gLog;
@@ -40,11 +39,7 @@ int refused(std::u16string_view option, const std::u16string& value, std::u16str
 }
 
 int exitStatusOf(int result) {
-    if (result == 0) return kExitOk;
-    if (api::state().lastResultFromSymbols) return kExitSymbols;
-    if (result == -2) return kExitNoConnection;
-    if (result == -1) return kExitFailed;
-    return kExitSymbols;  // -10, -11: the symbol file could not be read
+    return api::exitStatusOf(result, api::state().lastResultFromSymbols);
 }
 
 int showConnect(const CPArgs& cmd) {
@@ -91,17 +86,19 @@ int registration(const CPArgs& cmd) {
 
     struct Bounded {
         std::u16string_view option;
-        int high;
+        int low, high;
         std::u16string_view why;
     };
     const CPArgs& settings = api::state().gArgs;
     for (const Bounded& b :
-         {Bounded{CMDARG_RETRY, 100, u"a number from 0 to 100 is needed."},
-          Bounded{CMDARG_RETRY_MAX_TIME, INT_MAX, u"a number of seconds is needed."}}) {
+         {Bounded{CMDARG_RETRY, 0, 100, u"a number from 0 to 100 is needed."},
+          Bounded{CMDARG_RETRY_MAX_TIME, 0, INT_MAX, u"a number of seconds is needed."},
+          Bounded{CMDARG_SPOOL_MAX_MB, 1, SPOOL_MAX_MB_LIMIT,
+                  u"a number from 1 to 1048576 is needed."}}) {
         if (!settings.isSwitchSet(b.option)) continue;
         const std::u16string value = settings.getArg(b.option);
         const int n = CPArgs::getNumber(value);
-        if (!CPArgs::isNumeric(value) || n < 0 || n > b.high)
+        if (!CPArgs::isNumeric(value) || n < b.low || n > b.high)
             return refused(b.option, value, b.why);
     }
 
@@ -137,6 +134,8 @@ int registration(const CPArgs& cmd) {
         }
     }
 
+    // --flush sends what the spool holds, no document.
+    if (settings.isSwitchSet(CMDARG_FLUSH)) return exitStatusOf(KivRegSendReceiveData());
     const std::u16string file = cmd.getArg(CMDARG_FILENAME);
     const bool fromStdin = cmd.isSwitchSet(CMDARG_STDIN) || file.empty();
     const int loaded = fromStdin ? KivRegSetXMLStdin() : KivRegSetXMLFile(file.c_str());
@@ -209,5 +208,9 @@ int main(int argc, char** argv) {
     }
     if (cmd.hasArg(CMDARG_SHOWCONFIG)) return showConnect(cmd);
     if (cmd.hasArg(CMDARG_CONFIGURE)) return configure(cmd);
-    return registration(cmd);
+    api::state().runStart = api::epochSeconds();
+    const int status = registration(cmd);
+    // A run that ended before the library's run began is reported here.
+    if (api::state().runStart != 0) api::reportRun(status);
+    return status;
 }

@@ -20,6 +20,7 @@ import signal
 import ssl
 import sys
 import threading
+import time
 import xml.etree.ElementTree as ElementTree
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
@@ -88,6 +89,7 @@ def make_handler(config, registry):
             return self.rfile.read(int(length))
 
         def do_POST(self):
+            time.sleep(config.delay)
             if self.path.split("?", 1)[0] != SERVICE_PATH:
                 self.answer(404, "unknown path")
                 return
@@ -132,6 +134,7 @@ def parse_args(argv):
     p.add_argument("--first", type=lambda v: [int(s) for s in v.split(",")], default=[],
                    help="statuses answered to the first registrations, comma-separated")
     p.add_argument("--retry-after", help="Retry-After header sent with every other status than 200")
+    p.add_argument("--delay", type=float, default=0, help="seconds to wait before each answer")
     p.add_argument("--cert", help="PEM server certificate (serves HTTPS with --key)")
     p.add_argument("--key", help="PEM private key of --cert")
     p.add_argument("--quiet", action="store_true", help="no request log on stderr")

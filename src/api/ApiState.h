@@ -3,6 +3,7 @@
 // gArgs under the command line's option names, so that a host calling the
 // setters and a parsed command line look the same to the registration run.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,6 +28,13 @@ struct ApiState {
     std::function<void(size_t sent, size_t total)> progress;
     // Where "--output -" writes; the program points its log elsewhere then.
     int outputFd = 1;
+    // When the run began (seconds since the epoch), 0 until one does. The
+    // program sets it before loading the document; reportRun clears it.
+    double runStart = 0;
+    // What the status file says of the run's transfer.
+    int lastHttpStatus = 0;
+    uint64_t lastBodyBytes = 0;
+    bool delivered = false;  // the directory took a registration
 };
 
 ApiState& state();
@@ -38,5 +46,12 @@ inline std::u16string text(const char16_t* s) {
 
 // The registration run (KivRegSendReceiveData) and its inner part.
 int sendReceiveData();
+
+// Seconds since the epoch, as the status file counts them.
+double epochSeconds();
+
+// Ends a run that ended with that exit status: writes the status file, when
+// one is set, and readies the state for the next run.
+void reportRun(int exitStatus);
 
 }  // namespace kivreg::api

@@ -16,6 +16,9 @@
 #include <thread>
 
 #include "api/ApiState.h"
+#include "api/ExitStatus.h"
+#include "api/Spool.h"
+#include "api/StatusFile.h"
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
 #include "http/Trace.h"
@@ -144,11 +147,17 @@ struct Timeouts {
     int connect, send, receive;
 };
 
+Timeouts timeoutsOf(const CPArgs& args) {
+    return {timeoutOf(args, CMDARG_CONNECT_TIMEOUT), timeoutOf(args, CMDARG_SEND_TIMEOUT),
+            timeoutOf(args, CMDARG_RECEIVE_TIMEOUT)};
+}
+
 // One transfer. A failure that may pass when tried again carries its reason.
 struct Attempt {
     int result = 0;
     std::u16string reason;  // empty: not worth another attempt
     std::u16string retryAfter;
+    int answerCode = 0;  // the answer's status, 0 without one
 };
 
 std::u16string decimal(long long n) {
@@ -176,11 +185,12 @@ const char16_t* retriedStatusText(int status) {
 }
 
 // The body goes in and comes back out, so that a retry sends it as it is.
-Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::string& body) {
+// Without a document it is a spooled one, in the format it was kept with.
+Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::string& body,
+                CXmlFile* document, bool oldFormat = false) {
     CLog& log = s.gLog;
-    CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, *s.gpXmlFile, c.user, c.password,
-                     c.host, c.port, t.connect, t.send, t.receive, true, c.useHttps,
-                     proxyOptions(s.gArgs));
+    CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, document, c.user, c.password, c.host,
+                     c.port, t.connect, t.send, t.receive, true, c.useHttps, proxyOptions(s.gArgs));
     if (s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE)) proxy.setTrace();
     if (!proxy.isOpen()) {
         log << timestamp << u"Failed to open HTTP connection!" << endlog;
@@ -190,7 +200,11 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::strin
         s.progress(0, body.size());  // the rate counts from here
         proxy.setProgress(s.progress);
     }
-    proxy.createBodyFromXML(std::move(body));
+    if (document) {
+        proxy.createBodyFromXML(std::move(body));
+    } else {
+        proxy.setPreparedBody(std::move(body), oldFormat);
+    }
     const int rc = proxy.send();
     body = proxy.takeBody();
     if (s.progress) s.progress(0, 0);
@@ -200,12 +214,13 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::strin
     }
     log << timestamp << u"HTTP send successful." << endlog;
     const int status = proxy.receive();
+    const int answerCode = std::max(0, proxy.getAnswerCode());
     if (status == CHttpProxy::HTTP_SUCCESS_CODE) {
         log << timestamp << u"HTTP response: Success. HTTP status code: " << status << endlog;
-        return {};
+        return {0, {}, {}, answerCode};
     }
     log << timestamp << u"HTTP response: Failure. HTTP status code: " << status << endlog;
-    Attempt failed{-1, {}, proxy.getRetryAfter()};
+    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode};
     if (status < 0) {
         failed.reason = u"no answer";
     } else if (const char16_t* text = retriedStatusText(proxy.getAnswerCode())) {
@@ -246,20 +261,8 @@ std::u16string secondsText(Millis wait) {
     return text;
 }
 
-int transfer(ApiState& s, const ConnectData& c) {
-    CLog& log = s.gLog;
-    if (!prepare(s)) return -1;
-    const Timeouts t{timeoutOf(s.gArgs, CMDARG_CONNECT_TIMEOUT),
-                     timeoutOf(s.gArgs, CMDARG_SEND_TIMEOUT),
-                     timeoutOf(s.gArgs, CMDARG_RECEIVE_TIMEOUT)};
-    // "infinte" is how this line has always read; log watchers match on it.
-    logTimeout(log, u"HTTP open timeout     = ", u"infinte", t.connect);
-    logTimeout(log, u"HTTP send timeout     = ", u"infinite", t.send);
-    logTimeout(log, u"HTTP response timeout = ", u"infinite", t.receive);
-
-    std::string body = renderBody(s);
-    if (!writeOutput(s, body)) return -1;
-
+// The attempts --retry allows; the last one's outcome.
+Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t, std::string& body) {
     const int retries = boundedNumber(s.gArgs, CMDARG_RETRY, 0, 0, 100);
     const std::chrono::seconds budget(
         boundedNumber(s.gArgs, CMDARG_RETRY_MAX_TIME, 600, 0, 2147483647));
@@ -267,8 +270,8 @@ int transfer(ApiState& s, const ConnectData& c) {
     std::mt19937 random(std::random_device{}());
     Millis backoff(1000);
     for (int k = 1;; ++k) {
-        const Attempt a = attempt(s, c, t, body);
-        if (a.reason.empty() || k > retries) return a.result;
+        Attempt a = attempt(s, c, t, body, s.gpXmlFile.get());
+        if (a.reason.empty() || k > retries) return a;
         Millis wait;
         if (const std::optional<Millis> asked = retryAfterWait(a.retryAfter)) {
             wait = *asked;
@@ -278,11 +281,123 @@ int transfer(ApiState& s, const ConnectData& c) {
                                                                    backoff.count())(random));
             backoff = std::min(backoff * 2, Millis(60000));
         }
-        if (std::chrono::steady_clock::now() - start + wait > budget) return a.result;
-        log << timestamp << u"Retry " << k << u" of " << retries << u" in " << secondsText(wait)
-            << u" s: " << a.reason << endlog;
+        if (std::chrono::steady_clock::now() - start + wait > budget) return a;
+        s.gLog << timestamp << u"Retry " << k << u" of " << retries << u" in " << secondsText(wait)
+               << u" s: " << a.reason << endlog;
         std::this_thread::sleep_for(wait);
     }
+}
+
+// An option's value, else the environment variable's, as bytes; empty when neither is set.
+std::string settingOrEnv(const CPArgs& args, std::u16string_view option, const char* variable) {
+    if (args.isSwitchSet(option)) return CCConv::toUTF8Str(args.getArg(option));
+    const char* value = std::getenv(variable);
+    return value ? value : "";
+}
+
+uint64_t spoolMaxBytes(const CPArgs& args) {
+    const std::string text = settingOrEnv(args, CMDARG_SPOOL_MAX_MB, ENV_SPOOL_MAX_MB);
+    char* end = nullptr;
+    const long mb = std::strtol(text.c_str(), &end, 10);
+    const bool valid = !text.empty() && *end == '\0' && mb >= 1 && mb <= SPOOL_MAX_MB_LIMIT;
+    return static_cast<uint64_t>(valid ? mb : 1024) << 20;
+}
+
+Destination destinationOf(const ConnectData& c) {
+    std::string host = CCConv::toUTF8Str(c.host);
+    std::transform(host.begin(), host.end(), host.begin(), [](char ch) {
+        return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + 32) : ch;
+    });
+    return {c.useHttps, host, std::to_string(CPArgs::getNumber(c.port)),
+            "/" + CCConv::toUTF8Str(CHttpProxy::ms_dsServletUrl)};
+}
+
+// Sends the entries kept for c's destination, oldest first, one attempt each.
+// 0 when none is left, else the result of what stopped the delivery. With
+// `report` the status file tells of these transfers (--flush).
+int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, bool report) {
+    const std::vector<SpoolEntry> entries = spool.pending(destinationOf(c));
+    if (entries.empty() && report)
+        s.gLog << timestamp << u"Spool holds no registration for " << destinationOf(c).url().c_str()
+               << endlog;
+    int result = 0;
+    for (const SpoolEntry& e : entries) {
+        std::string body;
+        if (!spool.readBody(e, body)) {
+            result = -1;
+            continue;
+        }
+        if (report) s.lastBodyBytes = body.size();
+        Attempt a;
+        try {
+            a = attempt(s, c, t, body, nullptr, e.oldFormat);
+        } catch (const ERegExcept& ex) {
+            logFailure(s.gLog, ex);
+            return -2;
+        }
+        if (report) s.lastHttpStatus = a.answerCode;
+        if (a.result == 0) {
+            spool.delivered(e);
+            if (report) s.delivered = true;
+        } else if (a.reason.empty()) {
+            spool.rejected(e, a.answerCode);  // the directory's final answer
+        } else {
+            return a.result;  // the rest waits until the directory is back
+        }
+    }
+    return result;
+}
+
+// After the transfer: a failure that may pass later keeps the document; a
+// success makes the supplier's older entry moot and sends the others.
+void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Attempt& a,
+                std::string_view body) {
+    const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
+    if (dir.empty() || (a.result != 0 && a.reason.empty())) return;
+    const CXmlFile& doc = *s.gpXmlFile;
+    SpoolEntry key;
+    key.destination = destinationOf(c);
+    key.oldFormat = doc.useOldTransferDtd();
+    key.supplierName = doc.getSupplierName();
+    key.supplierVendor = doc.getSupplierVendor();
+    Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
+    if (!spool.ok()) return;
+    if (a.result != 0) {
+        spool.keep(key, body);
+        return;
+    }
+    spool.supersede(key);
+    deliver(s, spool, c, t, false);
+}
+
+int transfer(ApiState& s, const ConnectData& c) {
+    CLog& log = s.gLog;
+    if (!prepare(s)) return -1;
+    const Timeouts t = timeoutsOf(s.gArgs);
+    // "infinte" is how this line has always read; log watchers match on it.
+    logTimeout(log, u"HTTP open timeout     = ", u"infinte", t.connect);
+    logTimeout(log, u"HTTP send timeout     = ", u"infinite", t.send);
+    logTimeout(log, u"HTTP response timeout = ", u"infinite", t.receive);
+
+    std::string body = renderBody(s);
+    if (!writeOutput(s, body)) return -1;
+    s.lastBodyBytes = body.size();
+    const Attempt a = sendWithRetries(s, c, t, body);
+    s.lastHttpStatus = a.answerCode;
+    s.delivered = a.result == 0;
+    spoolAfter(s, c, t, a, body);
+    return a.result;
+}
+
+// --flush: the spooled registrations for the run's destination, no document.
+int flush(ApiState& s, const ConnectData& c) {
+    const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
+    if (dir.empty()) {
+        s.gLog << timestamp << u"--flush needs a spool: --spool DIR or KIVREG_SPOOL." << endlog;
+        return -1;
+    }
+    Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
+    return spool.ok() ? deliver(s, spool, c, timeoutsOf(s.gArgs), true) : -1;
 }
 
 // --check: everything up to the transfer, then the size of what would be sent.
@@ -295,6 +410,7 @@ int checkDocument(ApiState& s) {
         if (!prepare(s)) return -1;
         const std::string body = renderBody(s);
         if (!writeOutput(s, body)) return -1;
+        s.lastBodyBytes = body.size();
         s.gLog << timestamp << u"Document checked: " << body.size() << u" bytes to send." << endlog;
         return 0;
     } catch (const ERegExcept& e) {
@@ -339,7 +455,8 @@ int resolveAndRegister(ApiState& s) {
     s.gLog << timestamp << u"Data trace: " << dataTraceOn << endlog;
 
     // A check needs no connection data and never connects.
-    const bool check = s.gArgs.isSwitchSet(CMDARG_CHECK);
+    const bool flushing = s.gArgs.isSwitchSet(CMDARG_FLUSH);
+    const bool check = !flushing && s.gArgs.isSwitchSet(CMDARG_CHECK);
     ConnectData c;
     if (!check) {
         c = resolveConnectData(s);
@@ -353,6 +470,7 @@ int resolveAndRegister(ApiState& s) {
             return -1;
         }
         if (c.useHttps) s.gLog << timestamp << u"Using HTTPS" << endlog;
+        if (flushing) return flush(s, c);
     }
     if (s.gArgs.isSwitchSetIgnCase(CMDARG_SYMBOL_FILE)) {
         s.gpSymbols = std::make_unique<PSymbols>(&s.gLog);
@@ -369,6 +487,7 @@ int resolveAndRegister(ApiState& s) {
 
 int sendReceiveData() {
     ApiState& s = state();
+    if (s.runStart == 0) s.runStart = epochSeconds();
     s.lastResultFromSymbols = false;
     const bool httpTrace = s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE);
     s.gLog << timestamp << u"HTTP trace: " << httpTrace << endlog;
@@ -391,7 +510,40 @@ int sendReceiveData() {
             trace.setExternFP(nullptr);  // never leave the trace a closed file
         }
     }
+    reportRun(exitStatusOf(result, s.lastResultFromSymbols));
     return result;
+}
+
+double epochSeconds() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+void reportRun(int exitStatus) {
+    ApiState& s = state();
+    const std::string file = settingOrEnv(s.gArgs, CMDARG_STATUS_FILE, ENV_STATUS_FILE);
+    if (!file.empty()) {
+        RunStatus run;
+        run.end = epochSeconds();
+        run.start = s.runStart != 0 ? s.runStart : run.end;
+        run.exitStatus = exitStatus;
+        run.success = exitStatus == 0 && s.delivered;
+        run.httpStatus = s.lastHttpStatus;
+        run.bodyBytes = s.lastBodyBytes;
+        if (const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL); !dir.empty()) {
+            const Spool::Totals totals = Spool::totals(dir);
+            run.spoolEntries = totals.entries;
+            run.spoolBytes = totals.bytes;
+        }
+        // Monitoring is told, not the run: its result stays what it was.
+        if (const int error = writeStatusFile(file, run))
+            s.gLog << timestamp << u"Failed to write the status file " << file.c_str() << u": "
+                   << std::strerror(error) << endlog;
+    }
+    s.runStart = 0;
+    s.lastHttpStatus = 0;
+    s.lastBodyBytes = 0;
+    s.delivered = false;
 }
 
 }  // namespace kivreg::api

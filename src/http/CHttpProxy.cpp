@@ -11,6 +11,7 @@
 #include "http/IIPConnection.h"
 #include "http/IURL.h"
 #include "model/CXmlFile.h"
+#include "model/Utf8Log.h"
 #include "runtime/NetRc.h"
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
@@ -27,7 +28,7 @@ void required(int rc) {
 
 }  // namespace
 
-CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFile,
                        const std::u16string& user, const std::u16string& password,
                        const std::u16string& host, const std::u16string& port, int connectTimeout,
                        int sendTimeout, int readTimeout, bool openNow, bool https,
@@ -93,8 +94,7 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFil
 CHttpProxy::~CHttpProxy() = default;
 
 int CHttpProxy::connect() {
-    m_open = !m_proxyUnusable &&
-             m_request->connect(&m_niRc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT) > 0;
+    m_open = !m_proxyUnusable && m_request->connect(&m_niRc) > 0;
     if (!m_open && m_niRc == rt::NET_ERR_PROXY)
         *m_log << timestamp << u"Proxy refused the tunnel: HTTP status "
                << m_connection->getTunnelRefusal().c_str() << endlog;
@@ -118,48 +118,22 @@ void CHttpProxy::handleSecEnv() {
         *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
 }
 
-std::u16string CHttpProxy::xmlDeclaration(std::u16string_view encoding) {
-    return u"<?xml version=\"1.0\" encoding=\"" + std::u16string(encoding) + u"\"?>";
-}
-
-std::u16string CHttpProxy::getBody() const {
-    const std::u16string& document = m_xmlFile.getBody();
-    if (document.empty()) return {};
-    return xmlDeclaration(m_encoding) + document;
-}
-
-std::string CHttpProxy::getBodyRaw() const {
-    return renderBody(m_xmlFile, m_encoding);
-}
-
-std::string CHttpProxy::renderBody(CXmlFile& xmlFile, std::u16string_view encoding) {
-    std::string bytes;
-    const std::u16string declaration = xmlDeclaration(encoding);
-    if (encoding == TRANSFER_ENCODING_UTF8) {
-        // Declaration first, the document rendered straight in behind it.
-        bytes = CCConv::toUTF8Str(declaration);
-        // A malformed document is converted once more by CCConv, which
-        // raises its error (code and exception) for it.
-        if (!xmlFile.appendBodyUtf8(bytes)) CCConv::toUTF8Str(xmlFile.getBody());
-    } else if (encoding == TRANSFER_ENCODING_UTF16) {
-        const std::u16string& document = xmlFile.getBody();
-        bytes.reserve((declaration.size() + document.size()) * sizeof(char16_t));
-        bytes.append(reinterpret_cast<const char*>(declaration.data()),
-                     declaration.size() * sizeof(char16_t));
-        bytes.append(reinterpret_cast<const char*>(document.data()),
-                     document.size() * sizeof(char16_t));
-    }
+std::string CHttpProxy::renderBody(const CXmlFile& xmlFile, std::u16string_view encoding) {
+    std::string bytes = "<?xml version=\"1.0\" encoding=\"";
+    rt::utf16ToUtf8Lenient(encoding, bytes);
+    bytes += "\"?>";
+    xmlFile.appendBody(bytes);
     return bytes;
 }
 
-void CHttpProxy::createBodyFromXML() {
-    createBodyFromXML(getBodyRaw());
+void CHttpProxy::createBodyFromXML(std::string bytes) {
+    setPreparedBody(std::move(bytes), m_xmlFile->useOldTransferDtd());
 }
 
-void CHttpProxy::createBodyFromXML(std::string bytes) {
+void CHttpProxy::setPreparedBody(std::string bytes, bool oldFormat) {
     // Documents in the current format go without a content-type line: this
     // replaces the header set at construction. The old format keeps it.
-    if (!m_xmlFile.useOldTransferDtd()) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
+    if (!oldFormat) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
     m_request->addHeaderline(USER_AGENT);
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
 }
@@ -175,10 +149,7 @@ void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> p
 int CHttpProxy::send() {
     if (m_trace) {
         *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
-        // The document goes to the log where it lies, not copied behind the declaration.
-        const std::u16string& document = m_xmlFile.getBody();
-        *m_log << timestamp << (document.empty() ? std::u16string() : xmlDeclaration(m_encoding))
-               << document << endlog;
+        *m_log << timestamp << Utf8(m_request->body()) << endlog;
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);

@@ -24,7 +24,6 @@ class IURL;
 class CHttpProxy {
 public:
     static constexpr std::u16string_view TRANSFER_ENCODING_UTF8 = u"utf-8";
-    static constexpr std::u16string_view TRANSFER_ENCODING_UTF16 = u"utf-16";
     // Sent as it stands; the servers expect this header name without a hyphen.
     static constexpr std::u16string_view USER_AGENT = u"UserAgent: KIV Data Supplier kivreg";
     static constexpr std::u16string_view DATA_SUPPLIER_XML_VERSION = u"dsxmlversion:2.0";
@@ -36,9 +35,10 @@ public:
     static constexpr std::u16string_view SECUDIR = u"SECUDIR";
 
     // Timeouts in seconds (see IIPConnection for the limits). The document
-    // must outlive the object; its body is read, never copied. The proxy, if
-    // any, is chosen here from the options and the environment.
-    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile& xmlFile,
+    // must outlive the object; its body is read, never copied. Without one
+    // the body comes prepared (setPreparedBody). The proxy, if any, is
+    // chosen here from the options and the environment.
+    CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFile,
                const std::u16string& user, const std::u16string& password,
                const std::u16string& host, const std::u16string& port, int connectTimeout,
                int sendTimeout, int readTimeout, bool openNow, bool https,
@@ -50,10 +50,11 @@ public:
     // Connects; returns the open flag as 0 or 1.
     int openFile();
     bool isOpen() const { return m_open; }
-    // Renders the document into the request body and sets the header lines.
-    void createBodyFromXML();
-    // The same with a body rendered before (by renderBody), taken as it is.
+    // Sets the header lines and takes the request body: bytes rendered by
+    // renderBody, now or earlier, sent exactly as they are.
     void createBodyFromXML(std::string body);
+    // The same for bytes of either format kept from any earlier run.
+    void setPreparedBody(std::string body, bool oldFormat);
     // Hands the request body back after send, for another attempt.
     std::string takeBody();
     // 0 when the body was written, else the network layer's code.
@@ -76,16 +77,11 @@ public:
     };
     static AnswerBody readAnswerBody(IHttpResponse& response);
 
-    // The request document: XML declaration followed by the document body.
-    std::u16string getBody() const;
-    // That document in the transfer encoding ("utf-8" or "utf-16" in memory
-    // order), exactly the bytes that are sent; empty for any other encoding.
-    // Rendered anew at each call: for UTF-8 straight from the model, without
-    // a 16-bit copy. createBodyFromXML hands one rendering to the request.
-    std::string getBodyRaw() const;
-    // What getBodyRaw renders, without a connection: the one place that yields
-    // the bytes of the transfer document.
-    static std::string renderBody(CXmlFile& xmlFile, std::u16string_view encoding);
+    // The bytes of the transfer document as they are sent: the XML
+    // declaration and the document, UTF-8, rendered straight from the model
+    // into one buffer. The one place that yields them; createBodyFromXML
+    // sends them, and sends bytes kept from an earlier rendering alike.
+    static std::string renderBody(const CXmlFile& xmlFile, std::u16string_view encoding);
 
     int getNiRc() const { return m_niRc; }
     void setTrace() { m_trace = true; }
@@ -96,7 +92,6 @@ public:
 
 private:
     int connect();
-    static std::u16string xmlDeclaration(std::u16string_view encoding);
 
     std::unique_ptr<IIPConnection> m_connection;
     std::unique_ptr<IHttpRequest> m_request;
@@ -105,7 +100,7 @@ private:
     IHttpStatus* m_status = nullptr;  // owned by m_response
     int m_niRc = 0;
     CLog* m_log;
-    CXmlFile& m_xmlFile;
+    CXmlFile* m_xmlFile;  // null when the body comes prepared
     std::u16string m_user;
     std::u16string m_password;
     std::u16string m_host;

@@ -52,33 +52,12 @@ const char* methodWord(IHttpRequest::HttpCmd cmd) {
 int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out) {
     out.reset();
     if (connection == nullptr) return -1;
-    out.reset(new (std::nothrow)
-                  HttpRequest(connection, IHttpRequest::GET, nullptr, HttpRequest::PLAIN));
+    out.reset(new (std::nothrow) HttpRequest(connection, IHttpRequest::GET, nullptr));
     return out ? 0 : -1;
 }
 
-HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url, CodeType)
+HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url)
     : m_cmd(cmd), m_url(url), m_connection(connection) {}
-
-void HttpRequest::reset() {
-    std::string().swap(m_header);
-    std::string().swap(m_body);
-    m_sendCount = 0;
-    m_url = nullptr;
-    Trace::instance().t(LEVEL, "HttpRequest::reset");
-}
-
-int HttpRequest::swapBlock(int& block, int size) {
-    const int previous = block;
-    if (size > 0) block = size;
-    return previous;
-}
-
-void HttpRequest::reserveBlocks(std::string& buffer, size_t needed, int block) {
-    if (needed < buffer.capacity()) return;
-    const auto b = static_cast<size_t>(block);
-    buffer.reserve((needed / b + 1) * b);
-}
 
 std::string HttpRequest::makeCmdLine() const {
     if (m_url == nullptr) return {};
@@ -93,14 +72,12 @@ std::string HttpRequest::makeCmdLine() const {
     if (ipv6) text += '[';
     text += ascii7(host);
     if (ipv6) text += ']';
-    if (m_connectionType != PERSISTENT) text += "\r\nConnection: Close";
+    text += "\r\nConnection: Close";
     return text;
 }
 
-int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connection) {
+int HttpRequest::connect(int* rc) {
     if (m_url == nullptr || m_connection == nullptr) return -1;
-    m_transferType = transfer;
-    m_connectionType = connection;
     const bool secure = m_url->isSecure();
     const char16_t* defaultPort = secure ? u"443" : u"80";
     const auto pick = [&](const char16_t* port) {
@@ -131,16 +108,14 @@ int HttpRequest::connect(int* rc, TransferType transfer, ConnectionType connecti
         return -11;
     }
     trace.t(LEVEL, "HttpRequest::connect successful to", host, port);
-    trace.t(LEVEL, "HttpRequest::connect", transfer == CHUNKED ? "Chunked" : "Unchunked",
-            connection == PERSISTENT ? "Persistent" : "Transient");
+    // Every request goes whole on a connection of its own.
+    trace.t(LEVEL, "HttpRequest::connect", "Unchunked", "Transient");
     return 10;
 }
 
-void HttpRequest::completeHeader(int contentLength) {
-    if (const std::string cmd = makeCmdLine(); !cmd.empty()) {
-        reserveBlocks(m_header, m_header.size() + cmd.size() + 2, m_headerBlock);
+void HttpRequest::completeHeader() {
+    if (const std::string cmd = makeCmdLine(); !cmd.empty())
         m_header.insert(0, cmd + std::string(CRLF));
-    }
     if (m_url != nullptr) {
         const auto addAuth = [this](const char16_t* prefix, const char16_t* user,
                                     const char16_t* password) {
@@ -151,18 +126,13 @@ void HttpRequest::completeHeader(int contentLength) {
             addAuth(u"Proxy-Authorization: Basic ", m_url->getPuser(), m_url->getPpass());
         addAuth(u"Authorization: Basic ", m_url->getHuser(), m_url->getHpass());
     }
-    // A length or chunking line of the caller's own is not looked for: these
-    // lines are always added when they apply.
-    if (m_transferType == CHUNKED) {
-        addHeaderline(u"Transfer-Encoding: chunked");
-        Trace::instance().t(LEVEL, "HttpRequest::completeHeader Transfer-Encoding: chunked");
-    } else {
-        const long long length =
-            contentLength < 0 ? static_cast<long long>(m_body.size()) : contentLength;
-        if (length != 0) {
-            addHeaderline(u"Content-Length: " + CGetStr<long long>::get(length));
-            Trace::instance().t(LEVEL, "HttpRequest::completeHeader", length);
-        }
+    // A length line of the caller's own is not looked for: this one is
+    // always added for a body.
+    if (!m_body.empty()) {
+        addHeaderline(u"Content-Length: " +
+                      CGetStr<long long>::get(static_cast<long long>(m_body.size())));
+        Trace::instance().t(LEVEL, "HttpRequest::completeHeader",
+                            static_cast<long long>(m_body.size()));
     }
     addHeaderline(u"");
 }
@@ -173,16 +143,6 @@ int HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
         return 0;
     }
     return m_connection->write(buffer.data(), static_cast<int>(buffer.size()), rc);
-}
-
-int HttpRequest::sendHeader(int* rc, int contentLength) {
-    int code = 0;
-    completeHeader(contentLength);
-    const int written = writeBuffer(m_header, &code);
-    if (rc != nullptr) *rc = code;
-    Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), written,
-                        contentLength);
-    return written;
 }
 
 int HttpRequest::writeBody(int* rc) {
@@ -212,27 +172,14 @@ int HttpRequest::writeBody(int* rc) {
 int HttpRequest::sendMessage(int* rc) {
     // Only the body write's code reaches the caller; a failed header write
     // shows in the byte count alone.
-    const int header = sendHeader(rc, -1);
+    int code = 0;
+    completeHeader();
+    const int header = writeBuffer(m_header, &code);
+    if (rc != nullptr) *rc = code;
+    Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), header, -1);
     const int body = writeBody(rc);
     Trace::instance().t(LEVEL, "HttpRequest::sendMessage", header + body);
     return header + body;
-}
-
-int HttpRequest::sendChunk(int* rc, std::u16string_view extension) {
-    if (m_url == nullptr || m_connection == nullptr || m_transferType != CHUNKED) return 0;
-    char size[20];
-    std::snprintf(size, sizeof size, "%zx", m_body.size());
-    std::u16string head(size, size + std::char_traits<char>::length(size));
-    head += extension;
-    insertBodyline(head);
-    addBodyline(u"");
-    Trace::instance().t(LEVEL, "HttpRequest::sendChunk: Chunk prepared");
-    return writeBody(rc);
-}
-
-int HttpRequest::sendFooter(int* rc) {
-    if (m_transferType != CHUNKED) return 0;
-    return writeBody(rc);
 }
 
 int HttpRequest::setHeaderline(std::u16string_view text) {
@@ -242,61 +189,13 @@ int HttpRequest::setHeaderline(std::u16string_view text) {
 }
 
 int HttpRequest::addHeaderline(std::u16string_view text) {
-    const std::string l = line(text);
-    reserveBlocks(m_header, m_header.size() + l.size() + 1, m_headerBlock);
-    m_header += l;
+    m_header += line(text);
     return static_cast<int>(m_header.size());
-}
-
-int HttpRequest::insertHeaderline(std::u16string_view text) {
-    const std::string l = line(text);
-    reserveBlocks(m_header, m_header.size() + l.size() + 1, m_headerBlock);
-    m_header.insert(0, l);
-    return static_cast<int>(m_header.size());
-}
-
-int HttpRequest::setBody(const unsigned char* data, int size) {
-    if (data == nullptr || size < 1) return static_cast<int>(m_body.size());
-    m_body.clear();
-    return addBody(data, size);
 }
 
 int HttpRequest::setBody(std::string&& bytes) {
     m_body = std::move(bytes);
     return static_cast<int>(m_body.size());
-}
-
-int HttpRequest::addBody(const unsigned char* data, int size) {
-    if (data == nullptr || size < 1) return static_cast<int>(m_body.size());
-    reserveBlocks(m_body, m_body.size() + static_cast<size_t>(size), m_bodyBlock);
-    m_body.append(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
-    return static_cast<int>(m_body.size());
-}
-
-int HttpRequest::setBodyline(std::u16string_view text) {
-    m_body.clear();
-    return addBodyline(text);
-}
-
-int HttpRequest::addBodyline(std::u16string_view text) {
-    const std::string l = line(text);
-    reserveBlocks(m_body, m_body.size() + l.size(), m_bodyBlock);
-    m_body += l;
-    return static_cast<int>(m_body.size());
-}
-
-int HttpRequest::insertBodyline(std::u16string_view text) {
-    const std::string l = line(text);
-    reserveBlocks(m_body, m_body.size() + l.size(), m_bodyBlock);
-    m_body.insert(0, l);
-    return static_cast<int>(m_body.size());
-}
-
-int HttpRequest::setFooterline(std::u16string_view footer) {
-    if (m_transferType != CHUNKED) return 0;
-    std::u16string text(u"0\r\n");
-    text += footer;
-    return setBodyline(text);
 }
 
 }  // namespace kivreg

@@ -1,7 +1,7 @@
 #pragma once
-// One HTTP/1.1 request: an 8-bit header buffer and a body buffer, written to an
-// IIPConnection. Text lines are converted to 7-bit ASCII (other characters
-// become '?') and stored with CR LF; body bytes are stored as given.
+// One HTTP/1.1 request on a connection that carries only it: an 8-bit header
+// buffer and a body buffer, written to an IIPConnection. Text lines are converted to 7-bit ASCII
+// (other characters become '?') and stored with CR LF; body bytes are stored as given.
 
 #include <functional>
 #include <memory>
@@ -16,53 +16,28 @@ class IURL;
 class IHttpRequest {
 public:
     enum HttpCmd : int { OPTIONS = 0, GET = 1, HEAD = 2, POST = 3, PUT = 4, DELETE = 5, TRACE = 6 };
-    enum TransferType : int { UNCHUNKED = 0, CHUNKED = 1 };
-    enum ConnectionType : int { TRANSIENT = 0, PERSISTENT = 1 };
-
     virtual ~IHttpRequest() = default;
 
-    // Frees both buffers and forgets the URL.
-    virtual void reset() = 0;
-    // Opens the connection to the URL's host (or its proxy). Returns 10 when
-    // connected, -11 when the host is unknown or the open failed (the network
-    // code is in *rc), -1 without URL or connection.
-    virtual int connect(int* rc, TransferType transfer, ConnectionType connection) = 0;
-    virtual void setIURL(IURL& url) = 0;
+    // Opens the connection to the URL's host (or its proxy) for one request.
+    // Returns 10 when connected, -11 when the host is unknown or the open
+    // failed (the network code is in *rc), -1 without URL or connection.
+    virtual int connect(int* rc) = 0;
     virtual void setIURL(IURL* url) = 0;
-    virtual IURL* getIURL() const = 0;
     virtual void setCmd(HttpCmd cmd) = 0;
-    virtual HttpCmd getCmd() const = 0;
 
     // Header (Content-Length = body length) and body. *rc holds the code of
     // the body write; the result is header plus body bytes written.
     virtual int sendMessage(int* rc) = 0;
-    // Completes and writes the header; a negative length announces the body's.
-    virtual int sendHeader(int* rc, int contentLength) = 0;
-    // Chunked transfer: frames the body as one chunk and writes it.
-    virtual int sendChunk(int* rc, std::u16string_view extension) = 0;
-    // Chunked transfer: writes the body prepared by setFooterline.
-    virtual int sendFooter(int* rc) = 0;
 
     // Each returns the new length of its buffer. setHeaderline replaces the
     // whole header with the one line.
     virtual int setHeaderline(std::u16string_view line) = 0;
     virtual int addHeaderline(std::u16string_view line) = 0;
-    virtual int insertHeaderline(std::u16string_view line) = 0;
-    virtual int setBody(const unsigned char* data, int size) = 0;
-    virtual int setBody(std::string&& bytes) = 0;  // takes the bytes without copying
-    virtual std::string takeBody() = 0;            // gives them back, leaving the body empty
-    virtual int addBody(const unsigned char* data, int size) = 0;
-    virtual int setBodyline(std::u16string_view line) = 0;
-    virtual int addBodyline(std::u16string_view line) = 0;
-    virtual int insertBodyline(std::u16string_view line) = 0;
-    virtual int setFooterline(std::u16string_view footer) = 0;
-
-    // Buffers grow in whole blocks; the setters return the previous size and
-    // ignore sizes below 1.
-    virtual int getHeaderBlocksize() const = 0;
-    virtual int setHeaderBlocksize(int size) = 0;
-    virtual int getBodyBlocksize() const = 0;
-    virtual int setBodyBlocksize(int size) = 0;
+    // The body to send, taken without copying: the bytes prepared for the
+    // transfer are sent as they are.
+    virtual int setBody(std::string&& bytes) = 0;
+    virtual std::string takeBody() = 0;  // gives them back, leaving the body empty
+    virtual std::string_view body() const = 0;
 
     // Told the bytes of the body written so far and their total, after each
     // piece of at most PROGRESS_STEP bytes; without it the body goes out in

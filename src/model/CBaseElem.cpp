@@ -2,18 +2,19 @@
 
 #include <algorithm>
 
+#include "model/Utf8Log.h"
 #include "support/CLog.h"
 
 namespace kivreg {
 
-CBaseElem::AttrList::const_iterator CBaseElem::getAttribute(const std::u16string& name) const {
+CBaseElem::AttrList::const_iterator CBaseElem::getAttribute(std::string_view name) const {
     return std::find_if(m_attributes.begin(), m_attributes.end(),
                         [&](const CAttr& a) { return a == name; });
 }
 
-std::u16string CBaseElem::getAttributeValue(const std::u16string& name) const {
+std::string CBaseElem::getAttributeValue(std::string_view name) const {
     auto it = getAttribute(name);
-    return it == m_attributes.end() ? std::u16string() : it->getValue();
+    return it == m_attributes.end() ? std::string() : it->getValue();
 }
 
 bool CBaseElem::validateAttributes(CLog* log) const {
@@ -22,8 +23,8 @@ bool CBaseElem::validateAttributes(CLog* log) const {
         if (a.isValid()) continue;
         ok = false;
         if (log != nullptr)
-            *log << timestamp << u"Attribute '" << a.getName() << u"' has invalid value '"
-                 << a.getValue() << u"' assigned." << endlog;
+            *log << timestamp << u"Attribute '" << Utf8(a.getName()) << u"' has invalid value '"
+                 << Utf8(a.getValue()) << u"' assigned." << endlog;
     }
     return ok;
 }

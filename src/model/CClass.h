@@ -2,6 +2,7 @@
 // A class of a group in one of three kinds, holding its instances in order.
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "model/CBaseElem.h"
@@ -9,7 +10,7 @@
 
 namespace kivreg {
 
-class CClass : public CXmlElem<CClass> {
+class CClass : public CBaseElem {
 public:
     using InstList = std::vector<CInst>;
 
@@ -19,29 +20,19 @@ public:
     static constexpr int TYPE_MEMBER_CLASS = 2;
 
     CClass() = default;
-    CClass(std::u16string name, int type) : m_name(std::move(name)), m_type(type) {}
+    CClass(std::string name, int type) : m_name(std::move(name)), m_type(type) {}
 
-    const std::u16string& getName() const { return m_name; }
+    const std::string& getName() const { return m_name; }
     int getTypeCode() const { return m_type; }
     // "Class", "Root class", "Member class", or empty for an unknown kind.
-    std::u16string getType() const;
+    const char16_t* getType() const;
 
-    void addInst(const CInst* inst) { m_instances.push_back(*inst); }
-    void addInst(CInst&& inst) { m_instances.push_back(std::move(inst)); }
-    size_t getInstanceCount() const { return m_instances.size(); }
-    InstList::const_iterator getInstanceIterator() const { return m_instances.begin(); }
-    InstList::const_iterator getInstanceEnd() const { return m_instances.end(); }
-    InstList::iterator getInstanceChangeIterator() { return m_instances.begin(); }
-    InstList::iterator getInstanceChangeEnd() { return m_instances.end(); }
+    void addInst(const CInst& inst) { m_instances.push_back(inst); }
     const InstList& instances() const { return m_instances; }
     InstList& instances() { return m_instances; }
 
-    // Writes the element into a string or an XmlLength.
-    template <typename Out>
-    void render(Out& out) const;
-
 private:
-    std::u16string m_name;
+    std::string m_name;
     InstList m_instances;
     int m_type = TYPE_CLASS;
 };

@@ -7,8 +7,13 @@
 #include <cstdio>
 #include <exception>
 
+#include <algorithm>
+#include <cstring>
 #include "runtime/XmlAdapter.h"
 #include "runtime/textconv.h"
+
+#include "model/Utf16Order.h"
+#include "model/Utf8Log.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
 
@@ -18,55 +23,29 @@ namespace {
 
 using rt::XmlStartTag;
 
-std::u16string text16(std::string_view utf8) {
-    return utf8.empty() ? std::u16string() : CCConv::fromUTF8Str(utf8);
-}
-
-std::u16string attr16(const XmlStartTag& e, std::string_view name) {
-    return text16(e.attribute(name));
-}
-
-std::u16string str(std::u16string_view v) {
-    return std::u16string(v);
-}
-
-// The vocabulary's names are ASCII.
-std::u16string widen(std::string_view ascii) {
-    return std::u16string(ascii.begin(), ascii.end());
+std::string attr(const XmlStartTag& e, std::string_view name) {
+    return std::string(e.attribute(name));
 }
 
 // An attribute that admits only the given values.
-CAttr choice(std::string_view name, std::u16string value, std::u16string_view defaultValue,
-             std::initializer_list<std::u16string_view> allowed) {
-    CAttr a(widen(name), std::move(value), str(defaultValue));
-    for (std::u16string_view v : allowed) a.addAllowedValue(str(v));
+CAttr choice(std::string_view name, std::string value, std::string_view defaultValue,
+             std::initializer_list<std::string_view> allowed) {
+    CAttr a(std::string(name), std::move(value), std::string(defaultValue));
+    for (std::string_view v : allowed) a.addAllowedValue(std::string(v));
     return a;
 }
 
-CAttr flag(const XmlStartTag& e, std::string_view name, std::u16string_view defaultValue) {
-    return choice(name, attr16(e, name), defaultValue,
-                  {CXmlFile::TRUE_VALUE, CXmlFile::FALSE_VALUE});
+CAttr flag(const XmlStartTag& e, std::string_view name, std::string_view defaultValue) {
+    return choice(name, attr(e, name), defaultValue, {CXmlFile::TRUE_VALUE, CXmlFile::FALSE_VALUE});
 }
 
 CAttr clean(const XmlStartTag& e) {
-    return choice(CXmlFile::ms_attrClean, attr16(e, CXmlFile::ms_attrClean), CXmlFile::CLEAN_NONE,
+    return choice(CXmlFile::ms_attrClean, attr(e, CXmlFile::ms_attrClean), CXmlFile::CLEAN_NONE,
                   {CXmlFile::CLEAN_NONE, CXmlFile::CLEAN_LONE, CXmlFile::CLEAN_ALL});
 }
 
 CAttr anyValue(const XmlStartTag& e, std::string_view name) {
-    return CAttr(widen(name), attr16(e, name));
-}
-
-// Standard input as bytes. The last character is appended once more: the
-// reading loop this replaces noticed the end only after storing the read
-// character again, and documents on standard input are known to carry that.
-std::string readStdinBytes() {
-    std::string data;
-    char buf[1 << 16];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) data.append(buf, n);
-    if (!data.empty()) data.append(data, rt::lastCharStart(data), std::string::npos);
-    return data;
+    return CAttr(std::string(name), attr(e, name));
 }
 
 std::string fileNameBytes(const std::u16string& fileName) {
@@ -115,12 +94,6 @@ CXmlFile::CXmlFile(CLog* log, const std::u16string& data, int) : m_log(log), m_s
     if (!m_loaded) *m_log << timestamp << u"Failed to load and parse XML input." << endlog;
 }
 
-std::u16string CXmlFile::getStdin() {
-    std::u16string out;
-    rt::utf8ToUtf16Lenient(readStdinBytes(), out);
-    return out;
-}
-
 bool CXmlFile::load() {
     m_loaded = false;
     try {
@@ -156,12 +129,12 @@ namespace {
 
 // In place and in one pass: line breaks go, tabs become blanks, blank runs
 // one blank, none at either end. The characters involved are ASCII, so this
-// works on UTF-8 as on 16-bit text.
-template <typename Text>
-void normaliseValue(Text& text) {
+// works on UTF-8 byte by byte. Returns the new length.
+size_t normaliseValue(char* text, size_t size) {
     size_t out = 0;
     bool blank = false;  // one is owed before the next character
-    for (auto c : text) {
+    for (size_t i = 0; i < size; ++i) {
+        const char c = text[i];
         if (c == '\r' || c == '\n') continue;
         if (c == '\t' || c == ' ') {
             blank = out > 0;
@@ -171,24 +144,48 @@ void normaliseValue(Text& text) {
         blank = false;
         text[out++] = c;
     }
-    text.resize(out);
+    return out;
+}
+
+// Sorts an instance's entries by key in 16-bit unit order; of entries with
+// the same key the last one stays. Documents mostly list them in order
+// already, which one pass confirms.
+template <typename Entry, typename Key>
+void sortKeepingLast(std::vector<Entry>& entries, Key key) {
+    const auto less = [&](const Entry& a, const Entry& b) {
+        return lessUtf16Order(key(a), key(b));
+    };
+    const auto ordered = [&] {
+        for (size_t i = 1; i < entries.size(); ++i)
+            if (!less(entries[i - 1], entries[i])) return false;
+        return true;
+    };
+    if (ordered()) return;
+    std::stable_sort(entries.begin(), entries.end(), less);
+    size_t out = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (i + 1 < entries.size() && key(entries[i]) == key(entries[i + 1])) continue;
+        entries[out++] = entries[i];
+    }
+    entries.resize(out);
 }
 
 }  // namespace
 
-std::u16string CXmlFile::trimValue(std::u16string_view text) {
-    std::u16string out(text);
-    normaliseValue(out);
+std::string CXmlFile::trimValue(std::string_view text) {
+    std::string out(text);
+    out.resize(normaliseValue(out.data(), out.size()));
     return out;
 }
 
 // Builds the model from the parser's events. Elements are recognised by
 // their depth and name; anything else is passed over with what it holds. A
 // rejected root, group or class stops the building there: what was built
-// stays, and the rest of the input is only read for well-formedness.
+// stays, and the rest of the input is only read for well-formedness. Texts
+// go from the parser's buffers straight into the document's store.
 class CXmlFile::Builder final : public rt::XmlHandler {
 public:
-    explicit Builder(CXmlFile& file) : m_file(file) { m_file.m_body.clear(); }
+    explicit Builder(CXmlFile& file) : m_file(file), m_store(*file.m_store) {}
 
     bool succeeded() const { return m_ok; }
     const std::u16string& errorText() const { return m_errorText; }
@@ -210,24 +207,26 @@ public:
                 break;
             case kInstance:
                 m_inInstance = m_inClass && tag.is(ms_tagInstance);
-                if (m_inInstance) m_instance = CInst(attr16(tag, ms_attrInstId));
+                if (m_inInstance) {
+                    m_id = m_store.texts.keep(tag.attribute(ms_attrInstId));
+                    m_props.clear();
+                    m_refs.clear();
+                }
                 break;
             case kProperty:
                 m_inProperty = m_inInstance && tag.is(ms_tagProperty);
                 if (m_inProperty) {
-                    m_property = CProp(name(tag, ms_attrName));
-                    m_property.setSourceformat(name(tag, ms_attrSourceformat));
+                    m_propName = name(tag, ms_attrName);
+                    m_propFormat = name(tag, ms_attrSourceformat);
+                    m_values.clear();
                 } else if (m_inInstance && tag.is(ms_tagReference)) {
-                    m_instance.addReference(
-                        CRef(name(tag, ms_attrRoleName), name(tag, ms_attrGroupName),
-                             name(tag, ms_attrClassName), attr16(tag, ms_attrInstId)));
+                    m_refs.emplace_back(name(tag, ms_attrRoleName), name(tag, ms_attrGroupName),
+                                        name(tag, ms_attrClassName),
+                                        m_store.texts.keep(tag.attribute(ms_attrInstId)));
                 }
                 break;
             case kValue:
-                if (m_inProperty && tag.is(ms_tagValue)) {
-                    m_valueDepth = m_depth;
-                    m_value.clear();
-                }
+                if (m_inProperty && tag.is(ms_tagValue)) m_valueDepth = m_depth;
                 break;
             default:
                 break;
@@ -240,21 +239,24 @@ public:
         if (m_valueDepth != 0) {
             if (depth != m_valueDepth) return;
             m_valueDepth = 0;
-            normaliseValue(m_value);
-            m_name.clear();
-            rt::utf8ToUtf16Lenient(m_value, m_name);
-            m_property.addValue(m_file.m_texts->keep(m_name));
+            CTextStore& texts = m_store.texts;
+            const std::string_view raw = texts.pending();
+            m_values.push_back(texts.commit(normaliseValue(texts.pendingData(), raw.size())));
             return;
         }
         switch (depth) {
             case kProperty:
-                if (m_inProperty) m_instance.addProperty(std::move(m_property));
+                if (m_inProperty)
+                    m_props.emplace_back(m_propName, m_propFormat,
+                                         m_store.texts.values().keep(m_values));
                 m_inProperty = false;
                 break;
             case kInstance:
                 if (m_inInstance) {
-                    m_instance.compact();
-                    m_class.addInst(std::move(m_instance));
+                    sortKeepingLast(m_props, [](const CProp& p) { return p.getName(); });
+                    sortKeepingLast(m_refs, [](const CRef& r) { return r.getRoleName(); });
+                    m_class.addInst(CInst(m_id, m_store.properties.keep(m_props),
+                                          m_store.references.keep(m_refs)));
                 }
                 m_inInstance = false;
                 break;
@@ -273,7 +275,10 @@ public:
 
     // A value's text is that of the element and everything in it.
     void text(std::string_view utf8) override {
-        if (m_ok && m_valueDepth != 0) m_value.append(utf8);
+        if (!m_ok || m_valueDepth == 0 || utf8.empty()) return;
+        CTextStore& texts = m_store.texts;
+        std::memcpy(texts.reserve(utf8.size()), utf8.data(), utf8.size());
+        texts.wrote(utf8.size());
     }
 
 private:
@@ -283,33 +288,29 @@ private:
         CLog& log = *m_file.m_log;
         log << timestamp << u"Parsing XML document." << endlog;
         if (!tag.is(ms_tagKivInfo)) {
-            m_errorText = u"Invalid XML root element found: " + text16(tag.name());
+            m_errorText = u"Invalid XML root element found: " + utf16(tag.name());
             m_ok = false;
             return;
         }
-        std::u16string name = attr16(tag, ms_attrSupplierName);
+        std::string name = attr(tag, ms_attrSupplierName);
         if (name.empty()) {
             m_errorText = u"Supplier name attribute value missing in root element.";
             m_ok = false;
             return;
         }
         m_file.m_supplierName = std::move(name);
-        m_file.m_supplierVersion = attr16(tag, ms_attrSupplierVersion);
-        m_file.m_supplierVendor = attr16(tag, ms_attrSupplierVendor);
-        m_file.m_modelVersion = attr16(tag, ms_attrModelVersion);
-        log << timestamp << u"Supplier Name: " << m_file.m_supplierName << endlog;
-        log << timestamp << u"Supplier Version: " << m_file.m_supplierVersion << endlog;
-        log << timestamp << u"Supplier Vendor: " << m_file.m_supplierVendor << endlog;
-        log << timestamp << u"CIM Model Version: " << m_file.m_modelVersion << endlog;
+        m_file.m_supplierVersion = attr(tag, ms_attrSupplierVersion);
+        m_file.m_supplierVendor = attr(tag, ms_attrSupplierVendor);
+        m_file.m_modelVersion = attr(tag, ms_attrModelVersion);
+        log << timestamp << u"Supplier Name: " << Utf8(m_file.m_supplierName) << endlog;
+        log << timestamp << u"Supplier Version: " << Utf8(m_file.m_supplierVersion) << endlog;
+        log << timestamp << u"Supplier Vendor: " << Utf8(m_file.m_supplierVendor) << endlog;
+        log << timestamp << u"CIM Model Version: " << Utf8(m_file.m_modelVersion) << endlog;
     }
 
     // An attribute whose values repeat across the document, held once.
-    const std::u16string* name(const XmlStartTag& tag, std::string_view attribute) {
-        std::string_view utf8 = tag.attribute(attribute);
-        if (utf8.empty()) return &CTextStore::none();
-        m_name.clear();
-        rt::utf8ToUtf16Lenient(utf8, m_name);
-        return &m_file.m_texts->intern(m_name);
+    std::string_view name(const XmlStartTag& tag, std::string_view attribute) {
+        return m_store.texts.intern(tag.attribute(attribute));
     }
 
     static bool classType(const XmlStartTag& tag, int& type) {
@@ -325,6 +326,7 @@ private:
     }
 
     CXmlFile& m_file;
+    Store& m_store;
     bool m_ok = true;
     std::u16string m_errorText;
     int m_depth = 0;
@@ -333,10 +335,11 @@ private:
     int m_classType = 0;
     CGroup m_group;
     CClass m_class;
-    CInst m_instance;
-    CProp m_property;
-    std::string m_value;
-    std::u16string m_name;  // reused for each name and value converted
+    // The instance and property being read; reused from one to the next.
+    std::string_view m_id, m_propName, m_propFormat;
+    std::vector<std::string_view> m_values;
+    std::vector<CProp> m_props;
+    std::vector<CRef> m_refs;
 };
 
 bool CXmlFile::loadStream(rt::XmlInputStream& in) {
@@ -377,7 +380,7 @@ bool CXmlFile::loadStream(rt::XmlInputStream& in) {
 }
 
 bool CXmlFile::processGroup(const XmlStartTag& elem, CGroup& group) {
-    std::u16string name = attr16(elem, ms_attrName);
+    std::string name = attr(elem, ms_attrName);
     if (name.empty()) {
         *m_log << timestamp << u"Group name attribut not specified." << endlog;
         return false;
@@ -385,13 +388,13 @@ bool CXmlFile::processGroup(const XmlStartTag& elem, CGroup& group) {
     group = CGroup(std::move(name));
     group.addAttribute(anyValue(elem, ms_attrDataType));
     group.addAttribute(anyValue(elem, ms_attrDataVersion));
-    group.addAttribute(choice(ms_attrGroupType, attr16(elem, ms_attrGroupType), GENERIC_GROUP_TYPE,
+    group.addAttribute(choice(ms_attrGroupType, attr(elem, ms_attrGroupType), GENERIC_GROUP_TYPE,
                               {GENERIC_GROUP_TYPE, SPECIFIC_GROUP_TYPE}));
     return group.validateAttributes(m_log);
 }
 
 bool CXmlFile::processClass(const XmlStartTag& elem, int type, CClass& cls) {
-    std::u16string name = attr16(elem, ms_attrName);
+    std::string name = attr(elem, ms_attrName);
     if (name.empty()) {
         *m_log << timestamp << u"Class attribute name not set." << endlog;
         return false;
@@ -435,14 +438,14 @@ void CXmlFile::addGroup(CGroup&& group) {
     m_groups.push_back(std::move(group));
 }
 
-const CGroup* CXmlFile::findGroup(const std::u16string& name) const {
+const CGroup* CXmlFile::findGroup(std::string_view name) const {
     auto it = m_groupsByName.find(name);
     return it == m_groupsByName.end() ? nullptr : &m_groups[it->second];
 }
 
-bool CXmlFile::hasGroupOfType(const std::u16string& type) const {
+bool CXmlFile::hasGroupOfType(std::string_view type) const {
     for (const CGroup& g : m_groups)
-        if (g.getAttributeValue(u"group_type") == type) return true;
+        if (g.getAttributeValue("group_type") == type) return true;
     return false;
 }
 

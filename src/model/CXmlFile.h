@@ -64,13 +64,13 @@ public:
     static constexpr std::string_view ms_attrTypeId = "typeid";
     static constexpr std::string_view ms_attrVersionId = "versionid";
 
-    static constexpr std::u16string_view GENERIC_GROUP_TYPE = u"GENERIC";
-    static constexpr std::u16string_view SPECIFIC_GROUP_TYPE = u"SPECIFIC";
-    static constexpr std::u16string_view TRUE_VALUE = u"TRUE";
-    static constexpr std::u16string_view FALSE_VALUE = u"FALSE";
-    static constexpr std::u16string_view CLEAN_NONE = u"NONE";
-    static constexpr std::u16string_view CLEAN_LONE = u"LONE";
-    static constexpr std::u16string_view CLEAN_ALL = u"ALL";
+    static constexpr std::string_view GENERIC_GROUP_TYPE = "GENERIC";
+    static constexpr std::string_view SPECIFIC_GROUP_TYPE = "SPECIFIC";
+    static constexpr std::string_view TRUE_VALUE = "TRUE";
+    static constexpr std::string_view FALSE_VALUE = "FALSE";
+    static constexpr std::string_view CLEAN_NONE = "NONE";
+    static constexpr std::string_view CLEAN_LONE = "LONE";
+    static constexpr std::string_view CLEAN_ALL = "ALL";
 
     // Reads standard input.
     explicit CXmlFile(CLog* log);
@@ -84,23 +84,19 @@ public:
     // The whole of standard input; its last character comes out twice.
     static std::u16string getStdin();
     // A value text without line breaks, tabs as blanks, blank runs condensed.
-    static std::u16string trimValue(std::u16string_view text);
+    static std::string trimValue(std::string_view text);
 
     bool isLoaded() const { return m_loaded; }
-    const std::u16string& getSupplierName() const { return m_supplierName; }
-    const std::u16string& getSupplierVersion() const { return m_supplierVersion; }
-    const std::u16string& getSupplierVendor() const { return m_supplierVendor; }
-    const std::u16string& getModelVersion() const { return m_modelVersion; }
+    const std::string& getSupplierName() const { return m_supplierName; }
+    const std::string& getSupplierVersion() const { return m_supplierVersion; }
+    const std::string& getSupplierVendor() const { return m_supplierVendor; }
+    const std::string& getModelVersion() const { return m_modelVersion; }
     const std::u16string& getFileName() const { return m_fileName; }
 
-    GroupList::const_iterator getGroupIterator() const { return m_groups.begin(); }
-    GroupList::const_iterator getGroupEnd() const { return m_groups.end(); }
-    GroupList::iterator getGroupChangeIterator() { return m_groups.begin(); }
-    GroupList::iterator getGroupChangeEnd() { return m_groups.end(); }
     const GroupList& groups() const { return m_groups; }
     // The group a reference to this name resolves to (the last of that name).
-    const CGroup* findGroup(const std::u16string& name) const;
-    bool hasGroupOfType(const std::u16string& type) const;
+    const CGroup* findGroup(std::string_view name) const;
+    bool hasGroupOfType(std::string_view type) const;
 
     void setSymbols(const PSymbols& symbols) { m_symbols = symbols; }
     const PSymbols& getSymbols() const { return m_symbols; }
@@ -111,40 +107,46 @@ public:
 
     void setOldTransferDtd(bool on) { m_oldTransferDtd = on; }
     bool useOldTransferDtd() const { return m_oldTransferDtd; }
-    // The transfer body, built at the first call and kept from then on.
-    const std::u16string& getBody();
-    void createBody();
-    void createBodyOld();
-    // Appends the transfer body in the chosen format to out, rendered
-    // straight into UTF-8 and without keeping a copy; out grows once. False
-    // when a text holds an unpaired surrogate: out then ends where that
-    // text's conversion failed.
-    bool appendBodyUtf8(std::string& out) const;
+    // Appends the transfer body in the chosen format to out, which grows
+    // once, to the exact length.
+    void appendBody(std::string& out) const;
 
     // Writes the whole model to the log.
     void write2File() const;
 
 private:
     class Builder;
+    template <typename Out>
+    void renderBody(Out& out) const;
+    template <typename Out>
+    void renderBodyOld(Out& out) const;
     bool loadStream(rt::XmlInputStream& in);
     bool processGroup(const rt::XmlStartTag& elem, CGroup& group);
     bool processClass(const rt::XmlStartTag& elem, int type, CClass& cls);
     void addGroup(CGroup&& group);
-    template <typename Out>
-    void renderBody(Out& out) const;
 
+    // The records and texts the elements refer to, shared so that a copy of
+    // the file keeps them.
+    struct Store {
+        CTextStore texts;
+        CPool<CProp> properties;
+        CPool<CRef> references;
+    };
     GroupList m_groups;
-    // Shared, so that a copy of the file keeps the texts its elements refer to.
-    std::shared_ptr<CTextStore> m_texts = std::make_shared<CTextStore>();
-    std::unordered_map<std::u16string, size_t> m_groupsByName;  // index into m_groups
+    std::shared_ptr<Store> m_store = std::make_shared<Store>();
+    struct NameHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+    };
+    // Index into m_groups of the last group of each name.
+    std::unordered_map<std::string, size_t, NameHash, std::equal_to<>> m_groupsByName;
     CLog* m_log;
     bool m_loaded = false;
     std::u16string m_fileName;
-    std::u16string m_body;
-    std::u16string m_supplierName;
-    std::u16string m_supplierVersion;
-    std::u16string m_supplierVendor;
-    std::u16string m_modelVersion;
+    std::string m_supplierName;
+    std::string m_supplierVersion;
+    std::string m_supplierVendor;
+    std::string m_modelVersion;
     bool m_oldTransferDtd = false;
     PSymbols m_symbols;
 };

@@ -1,64 +1,244 @@
 // The transfer body in the current format (groups, classes with their kind,
-// instances), in 16-bit text or straight in UTF-8, and the choice between it
-// and the older format.
+// instances) and in the older one, written as UTF-8 straight from the model.
+// Only property values are escaped in the current format; names and
+// attribute values go out exactly as they are held, which the receiving side
+// expects, and the older format escapes nothing at all.
+//
+// Each document is rendered twice by the same code: once into a counter for
+// its exact length, once into a buffer of that length, so that a large body
+// is allocated once and never copied.
 
-#include "model/CClassicXml.h"
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <iterator>
+
 #include "model/CXmlFile.h"
-#include "model/XmlLength.h"
 
 namespace kivreg {
 
-const std::u16string& CXmlFile::getBody() {
-    if (m_body.empty()) {
-        if (m_oldTransferDtd)
-            createBodyOld();
-        else
-            createBody();
+namespace {
+
+// The entity for each byte that needs one, else null.
+constexpr std::array<const char*, 256> kEntities = [] {
+    std::array<const char*, 256> t{};
+    t['&'] = "&amp;";
+    t['<'] = "&lt;";
+    t['>'] = "&gt;";
+    t['"'] = "&quot;";
+    t['\''] = "&apos;";
+    return t;
+}();
+
+// Bytes of UTF-8 never hold an ASCII byte inside a longer character, so a
+// scan byte by byte finds exactly the five characters.
+template <typename Out>
+void putEscaped(Out& out, std::string_view value) {
+    const char* p = value.data();
+    const char* const end = p + value.size();
+    const char* run = p;
+    for (; p != end; ++p) {
+        const char* entity = kEntities[static_cast<unsigned char>(*p)];
+        if (entity == nullptr) continue;
+        out.put(std::string_view(run, static_cast<size_t>(p - run)));
+        out.put(std::string_view(entity));
+        run = p + 1;
     }
-    return m_body;
+    out.put(std::string_view(run, static_cast<size_t>(end - run)));
+}
+
+// Counts what Writer writes.
+struct Counter {
+    size_t bytes = 0;
+    void put(std::string_view s) { bytes += s.size(); }
+};
+
+struct Writer {
+    char* at;
+    void put(std::string_view s) {
+        // Empty texts of the model may have no storage at all.
+        if (s.empty()) return;
+        std::memcpy(at, s.data(), s.size());
+        at += s.size();
+    }
+};
+
+// An attribute whose opening (blank, name, '="') is given, its value and
+// the closing quote.
+template <typename Out>
+void putAttribute(Out& out, std::string_view opening, std::string_view value) {
+    out.put(opening);
+    out.put(value);
+    out.put("\"");
+}
+
+template <typename Out>
+void putAttributeIfSet(Out& out, std::string_view opening, std::string_view value) {
+    if (!value.empty()) putAttribute(out, opening, value);
+}
+
+template <typename Out>
+void putAttributes(Out& out, const CBaseElem& elem) {
+    for (const CAttr& a : elem.attributes()) {
+        out.put(" ");
+        out.put(a.getName());
+        putAttribute(out, "=\"", a.getValue());
+    }
+}
+
+// Element tag and readable name of each class kind, indexed by its code.
+struct ClassKind {
+    std::string_view tag;
+    const char16_t* name;
+};
+constexpr ClassKind kClassKinds[] = {
+    {"class", u"Class"}, {"rootclass", u"Root class"}, {"memberclass", u"Member class"}};
+
+static_assert(CClass::TYPE_CLASS == 0 && CClass::TYPE_ROOT_CLASS == 1 &&
+              CClass::TYPE_MEMBER_CLASS == 2);
+
+const ClassKind* classKind(int type) {
+    return type >= 0 && type < static_cast<int>(std::size(kClassKinds)) ? &kClassKinds[type]
+                                                                        : nullptr;
+}
+
+template <typename Out>
+void putInstance(Out& out, const CInst& inst) {
+    out.put("<instance");
+    putAttributeIfSet(out, " inst_id=\"", inst.getId());
+    out.put(">");
+    for (const CProp& prop : inst.properties()) {
+        putAttribute(out, "<property name=\"", prop.getName());
+        putAttributeIfSet(out, " sourceformat=\"", prop.getSourceformat());
+        out.put(">");
+        for (std::string_view v : prop.values()) {
+            out.put("<value>");
+            putEscaped(out, v);
+            out.put("</value>");
+        }
+        out.put("</property>");
+    }
+    for (const CRef& ref : inst.references()) {
+        putAttribute(out, "<reference rolename=\"", ref.getRoleName());
+        putAttribute(out, " groupname=\"", ref.getGroupName());
+        putAttribute(out, " classname=\"", ref.getClassName());
+        putAttributeIfSet(out, " inst_id=\"", ref.getInstId());
+        out.put("/>");
+    }
+    out.put("</instance>");
+}
+
+template <typename Out>
+void putClass(Out& out, const CClass& cls) {
+    const ClassKind* kind = classKind(cls.getTypeCode());
+    // A kind outside the three is made visible in the document rather than
+    // silently mapped to one of them.
+    if (kind != nullptr) {
+        out.put("<");
+        out.put(kind->tag);
+    } else {
+        out.put("INVALID CLASS TYPE");
+    }
+    putAttribute(out, " name=\"", cls.getName());
+    putAttributes(out, cls);
+    out.put(">");
+    for (const CInst& inst : cls.instances()) putInstance(out, inst);
+    if (kind != nullptr) {
+        out.put("</");
+        out.put(kind->tag);
+        out.put(">");
+    }
+}
+
+// The older format: each instance under its class name; the target id of a
+// reference is written even when empty, and no value is escaped.
+template <typename Out>
+void putInstanceOld(Out& out, const CClass& c, const CInst& inst) {
+    putAttribute(out, "<instance classname=\"", c.getName());
+    putAttributeIfSet(out, " inst_id=\"", inst.getId());
+    out.put(">");
+    for (const CProp& prop : inst.properties()) {
+        putAttribute(out, "<property name=\"", prop.getName());
+        out.put(">");
+        for (std::string_view v : prop.values()) {
+            out.put("<value>");
+            out.put(v);
+            out.put("</value>");
+        }
+        out.put("</property>");
+    }
+    for (const CRef& ref : inst.references()) {
+        putAttribute(out, "<reference rolename=\"", ref.getRoleName());
+        putAttribute(out, " classname=\"", ref.getClassName());
+        putAttribute(out, " inst_id=\"", ref.getInstId());
+        out.put("/>");
+    }
+    out.put("</instance>");
+}
+
+}  // namespace
+
+const char16_t* CClass::getType() const {
+    const ClassKind* kind = classKind(m_type);
+    return kind != nullptr ? kind->name : u"";
+}
+
+const CClass* CGroup::getClass(std::string_view name) const {
+    auto it = std::find_if(m_classes.begin(), m_classes.end(),
+                           [&](const CClass& c) { return c.getName() == name; });
+    return it == m_classes.end() ? nullptr : &*it;
+}
+
+std::string CProp::escapeXML(std::string_view value) {
+    Counter n;
+    putEscaped(n, value);
+    std::string out(n.bytes, '\0');
+    Writer w{out.data()};
+    putEscaped(w, value);
+    return out;
 }
 
 template <typename Out>
 void CXmlFile::renderBody(Out& out) const {
-    putAttribute(out, u"<kivinfo supplier_name=\"", m_supplierName);
-    putAttributeIfSet(out, u" supplier_version=\"", m_supplierVersion);
-    putAttributeIfSet(out, u" supplier_vendor=\"", m_supplierVendor);
-    putAttributeIfSet(out, u" model_version=\"", m_modelVersion);
-    out += u'>';
-    for (const CGroup& g : m_groups) g.render(out);
-    out += u"</kivinfo>";
+    putAttribute(out, "<kivinfo supplier_name=\"", m_supplierName);
+    putAttributeIfSet(out, " supplier_version=\"", m_supplierVersion);
+    putAttributeIfSet(out, " supplier_vendor=\"", m_supplierVendor);
+    putAttributeIfSet(out, " model_version=\"", m_modelVersion);
+    out.put(">");
+    for (const CGroup& g : m_groups) {
+        putAttribute(out, "<group name=\"", g.getName());
+        putAttributes(out, g);
+        out.put(">");
+        for (const CClass& c : g.classes()) putClass(out, c);
+        out.put("</group>");
+    }
+    out.put("</kivinfo>");
 }
 
-void CXmlFile::createBody() {
-    m_body.clear();
-    if (m_oldTransferDtd) return;
-    // Measured first, so that a large body is allocated once and never copied.
-    XmlLength length;
-    renderBody(length);
-    m_body.reserve(length.units);
-    renderBody(m_body);
+template <typename Out>
+void CXmlFile::renderBodyOld(Out& out) const {
+    putAttribute(out, "<qordata type=\"", m_supplierName);
+    putAttribute(out, " version=\"", m_supplierVersion);
+    out.put(">");
+    for (const CGroup& g : m_groups)
+        for (const CClass& c : g.classes())
+            for (const CInst& inst : c.instances()) putInstanceOld(out, c, inst);
+    out.put("</qordata>");
 }
 
-bool CXmlFile::appendBodyUtf8(std::string& out) const {
+void CXmlFile::appendBody(std::string& out) const {
     const auto render = [&](auto& sink) {
         if (m_oldTransferDtd)
-            CClassicXml(m_supplierName, m_supplierVersion, this).render(sink);
+            renderBodyOld(sink);
         else
             renderBody(sink);
     };
-    Utf8Length length;
+    Counter length;
     render(length);
-    out.reserve(out.size() + length.bytes);
-    Utf8Out bytes{out};
-    render(bytes);
-    return !bytes.malformed;
-}
-
-void CXmlFile::createBodyOld() {
-    m_body.clear();
-    if (!m_oldTransferDtd) return;
-    CClassicXml classic(m_supplierName, m_supplierVersion, this);
-    m_body = std::move(classic).takeXml();
+    const size_t base = out.size();
+    out.resize(base + length.bytes);
+    Writer writer{out.data() + base};
+    render(writer);
 }
 
 }  // namespace kivreg

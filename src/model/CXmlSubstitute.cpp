@@ -3,7 +3,7 @@
 // property values.
 
 #include "model/CXmlFile.h"
-#include "support/CCConv.h"
+#include "model/Utf8Log.h"
 #include "support/CLog.h"
 
 namespace kivreg {
@@ -22,54 +22,53 @@ bool CXmlFile::replaceSymbols() {
         } else {
             *m_log << u"the document would grow by more than " << PSymbols::MAX_DOCUMENT_GROWTH;
         }
-        *m_log << u" units in " << where() << u"." << endlog;
+        *m_log << u" units in " << Utf8(where()) << u"." << endlog;
         return true;
     };
-    const std::pair<std::u16string*, std::string_view> header[] = {
+    const std::pair<std::string*, std::string_view> header[] = {
         {&m_supplierName, ms_attrSupplierName},
         {&m_supplierVendor, ms_attrSupplierVendor},
         {&m_supplierVersion, ms_attrSupplierVersion},
         {&m_modelVersion, ms_attrModelVersion}};
     for (const auto& [text, name] : header) {
         sym.replaceSymbolsInPlace(*text, budget);
-        if (stopped([&] { return u"the supplier header, " + CCConv::fromUTF8Str(name); }))
-            return false;
+        if (stopped([&] { return "the supplier header, " + std::string(name); })) return false;
     }
 
     // A text is copied only when it holds a placeholder, and handed back only
     // when that changed it; so a default that holds one becomes a value.
-    auto replaceCopy = [&](std::u16string_view text, auto set) {
-        if (text.find(PSymbols::symbol_start) == std::u16string::npos) return;
-        std::u16string v(text);
-        if (sym.replaceSymbolsInPlace(v, budget)) set(std::move(v));
+    std::string work;
+    auto replaceCopy = [&](std::string_view text, auto set) {
+        if (text.find(PSymbols::symbol_start) == std::string_view::npos) return;
+        work.assign(text);
+        if (sym.replaceSymbolsInPlace(work, budget)) set(work);
     };
-    auto quoted = [](const std::u16string& s) { return u"\"" + s + u"\""; };
-    auto replaceAttributes = [&](CBaseElem& elem, const std::u16string& owner) {
+    auto quoted = [](std::string_view s) { return "\"" + std::string(s) + "\""; };
+    auto replaceAttributes = [&](CBaseElem& elem, const std::string& owner) {
         for (CAttr& a : elem.attributes()) {
-            replaceCopy(a.getValue(), [&](std::u16string v) { a.setValue(std::move(v)); });
-            if (stopped([&] { return owner + u", attribute " + quoted(a.getName()); }))
-                return false;
+            replaceCopy(a.getValue(), [&](const std::string& v) { a.setValue(v); });
+            if (stopped([&] { return owner + ", attribute " + quoted(a.getName()); })) return false;
         }
         return true;
     };
+    CTextStore& texts = m_store->texts;
     for (CGroup& g : m_groups) {
-        const std::u16string group = u"group " + quoted(g.getName());
+        const std::string group = "group " + quoted(g.getName());
         if (!replaceAttributes(g, group)) return false;
         for (CClass& c : g.classes()) {
-            const std::u16string cls = group + u", class " + quoted(c.getName());
+            const std::string cls = group + ", class " + quoted(c.getName());
             if (!replaceAttributes(c, cls)) return false;
             for (CInst& inst : c.instances()) {
                 for (CProp& prop : inst.properties()) {
-                    replaceCopy(prop.getSourceformat(), [&](std::u16string v) {
-                        prop.setSourceformat(&m_texts->intern(v));
+                    replaceCopy(prop.getSourceformat(), [&](const std::string& v) {
+                        prop.setSourceformat(texts.intern(v));
                     });
-                    for (auto v = prop.getValueChangeIterator();
-                         v != prop.getValueChangeEnd() &&
-                         budget.stopped == PSymbols::Budget::Stop::None;
-                         ++v)
-                        replaceCopy(*v, [&](std::u16string text) { *v = m_texts->keep(text); });
+                    for (std::string_view& v : prop.values()) {
+                        if (budget.stopped != PSymbols::Budget::Stop::None) break;
+                        replaceCopy(v, [&](const std::string& text) { v = texts.keep(text); });
+                    }
                     if (stopped([&] {
-                            return cls + u", instance " + quoted(inst.getId()) + u", property " +
+                            return cls + ", instance " + quoted(inst.getId()) + ", property " +
                                    quoted(prop.getName());
                         }))
                         return false;

@@ -7,10 +7,9 @@
 #include <memory>
 #include <new>
 
+#include "model/Utf8Log.h"
 #include "runtime/textconv.h"
-#include "support/CCConv.h"
 #include "support/CLog.h"
-#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -35,11 +34,14 @@ std::string fileNameBytes(const std::u16string& fileName) {
     return out;
 }
 
-// Equality of long texts in one memcmp; the generic 16-bit compare goes unit
-// by unit, and substitution compares whole texts after every pass.
-bool sameText(const std::u16string& a, const std::u16string& b) {
-    return a.size() == b.size() &&
-           std::memcmp(a.data(), b.data(), a.size() * sizeof(char16_t)) == 0;
+bool sameText(const std::string& a, const std::string& b) {
+    return a == b;
+}
+
+std::string utf8(std::u16string_view text) {
+    std::string out;
+    rt::utf16ToUtf8Lenient(text, out);
+    return out;
 }
 
 struct FileCloser {
@@ -55,12 +57,14 @@ struct LineBuffer {
 
 }  // namespace
 
-void PSymbols::PSymbol::makePlaceholder() {
-    m_placeholder.clear();
+PSymbols::PSymbol::PSymbol(std::string name, std::string value)
+    : m_name(std::move(name)), m_value(std::move(value)) {
     m_placeholder.reserve(m_name.size() + 3);
     m_placeholder += symbol_start;
     m_placeholder += m_name;
     m_placeholder += symbol_end;
+    m_valueUnits = rt::utf16Length(m_value);
+    m_placeholderUnits = rt::utf16Length(m_placeholder);
 }
 
 int PSymbols::addSymbols(const std::u16string& fileName) {
@@ -127,17 +131,18 @@ int PSymbols::addSymbol(std::u16string_view line) {
 
 void PSymbols::addSymbol(const std::u16string& name, const std::u16string& value) {
     removeSymbol(name);
-    m_symbols.emplace_back(name, value);
+    m_symbols.emplace_back(utf8(name), utf8(value));
 }
 
 void PSymbols::removeSymbol(const std::u16string& name) {
-    std::erase_if(m_symbols, [&](const PSymbol& s) { return s.getName() == name; });
+    const std::string key = utf8(name);
+    std::erase_if(m_symbols, [&](const PSymbol& s) { return s.getName() == key; });
     m_placeholders.reset();
 }
 
 const PatternSet& PSymbols::placeholders() const {
     if (!m_placeholders) {
-        std::vector<std::u16string_view> all;
+        std::vector<std::string_view> all;
         all.reserve(m_symbols.size());
         for (const PSymbol& s : m_symbols) all.emplace_back(s.getPlaceholder());
         m_placeholders = std::make_shared<const PatternSet>(all);
@@ -145,41 +150,9 @@ const PatternSet& PSymbols::placeholders() const {
     return *m_placeholders;
 }
 
-std::u16string PSymbols::getSymbolValue(const std::u16string& name) const {
-    for (const PSymbol& s : m_symbols)
-        if (s.getName() == name) return s.getValue();
-    return {};
-}
-
-std::u16string PSymbols::getSymbolValueIgnCase(std::u16string name) const {
-    auto sameIgnCase = [](const std::u16string& a, const std::u16string& b) {
-        return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
-            return convertToLower(x) == convertToLower(y);
-        });
-    };
-    for (const PSymbol& s : m_symbols)
-        if (sameIgnCase(s.getName(), name)) return s.getValue();
-    return {};
-}
-
 bool PSymbols::checkSymbolFile(const std::u16string& fileName) {
     FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "r"));
     return file != nullptr;
-}
-
-const char16_t* PSymbols::maskLeadingBlanks(const char16_t* s) {
-    while (*s != u'\0' && isLeadingBlank(*s)) ++s;
-    return s;
-}
-
-void PSymbols::trimTrailingBlanks(char16_t* s) {
-    char16_t* end = s + std::char_traits<char16_t>::length(s);
-    while (end > s && isTrailingBlank(end[-1])) --end;
-    *end = u'\0';
-}
-
-char16_t PSymbols::convertToLower(char16_t c) {
-    return toLowerLatin1(c);
 }
 
 void PSymbols::printSymbols() const {
@@ -188,21 +161,14 @@ void PSymbols::printSymbols() const {
     *m_log << timestamp << u"### Table of Symbols ###" << endlog;
     *m_log << timestamp << kRule << endlog;
     for (const PSymbol& s : m_symbols)
-        *m_log << timestamp << u"### " << s.getName() << u" = \"" << s.getValue() << u"\""
-               << endlog;
+        *m_log << timestamp << u"### " << Utf8(s.getName()) << u" = \"" << Utf8(s.getValue())
+               << u"\"" << endlog;
     *m_log << timestamp << kRule << endlog;
 }
 
-std::u16string PSymbols::replaceSymbols(const std::u16string& text) const {
-    std::u16string result = text;
-    Budget budget;
-    replaceSymbolsInPlace(result, budget);
-    return result;
-}
-
-bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const {
+bool PSymbols::replaceSymbolsInPlace(std::string& text, Budget& budget) const {
     // Every placeholder starts with "${": most texts have none and are done.
-    if (text.find(symbol_start) == std::u16string::npos) return false;
+    if (text.find(symbol_start) == std::string::npos) return false;
     using Match = PatternSet::Match;
     const PatternSet& index = placeholders();
     // Every placeholder of the text, by position. A replacement moves those
@@ -216,11 +182,15 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     for (const Match& m : matches) ++counts[m.pattern];
 
     original = text;
+    // The bounds count 16-bit units: the text's are counted once and then
+    // followed through each replacement.
+    const size_t originalUnits = rt::utf16Length(text);
+    size_t units = originalUnits;
     // The size a replacement would give, checked before it is built.
     auto withinBounds = [&](size_t size) {
         if (size > MAX_TEXT_UNITS) {
             budget.stopped = Budget::Stop::Text;
-        } else if (size > original.size() && size - original.size() > budget.growthLeft) {
+        } else if (size > originalUnits && size - originalUnits > budget.growthLeft) {
             budget.stopped = Budget::Stop::Document;
         }
         return budget.stopped == Budget::Stop::None;
@@ -228,16 +198,18 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     // Replaces every occurrence of placeholder i that does not overlap an
     // earlier one, left to right, into `next`; false when a bound stops it.
     auto replace = [&](uint32_t i) {
-        const size_t ph = m_symbols[i].getPlaceholder().size();
-        const std::u16string& value = m_symbols[i].getValue();
+        const PSymbol& sym = m_symbols[i];
+        const size_t ph = sym.getPlaceholder().size();
+        const std::string& value = sym.getValue();
         replacedAt.clear();
         for (const Match& m : matches)
             if (m.pattern == i && (replacedAt.empty() || m.at >= replacedAt.back() + ph))
                 replacedAt.push_back(m.at);
         const size_t hits = replacedAt.size();
         // Only growth is bounded: a text read longer than the bound may shrink.
-        if (value.size() > ph && !withinBounds(text.size() - hits * ph + hits * value.size()))
-            return false;
+        const size_t newUnits = units - hits * sym.placeholderUnits() + hits * sym.valueUnits();
+        if (sym.valueUnits() > sym.placeholderUnits() && !withinBounds(newUnits)) return false;
+        units = newUnits;
         next.clear();
         next.reserve(text.size() - hits * ph + hits * value.size());
         // New placeholders can only overlap a value put in, or span the place
@@ -248,9 +220,8 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
         size_t from = 0, windowStart = 0, windowEnd = 0;
         auto searchWindow = [&] {
             if (windowEnd > windowStart)
-                index.findAll(
-                    std::u16string_view(next).substr(windowStart, windowEnd - windowStart),
-                    windowStart, found);
+                index.findAll(std::string_view(next).substr(windowStart, windowEnd - windowStart),
+                              windowStart, found);
         };
         for (const uint32_t at : replacedAt) {
             next.append(text, from, at - from);
@@ -291,8 +262,8 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
     // Each pass is a function of the text alone: once a text comes round
     // again, the passes repeat, and the passes left come down to the rest of
     // a period. Brent's method finds the period keeping one earlier text.
-    const std::u16string* earlier = &original;
-    std::u16string kept;
+    const std::string* earlier = &original;
+    std::string kept;
     int earlierPass = 0, power = 1;
     bool periodic = false;
     for (int pass = 0; pass < MAX_PASSES && budget.stopped == Budget::Stop::None; ++pass) {
@@ -321,7 +292,7 @@ bool PSymbols::replaceSymbolsInPlace(std::u16string& text, Budget& budget) const
             power *= 2;
         }
     }
-    if (text.size() > original.size()) budget.growthLeft -= text.size() - original.size();
+    if (units > originalUnits) budget.growthLeft -= units - originalUnits;
     return !sameText(text, original);
 }
 

@@ -15,40 +15,36 @@ class CLog;
 
 class PSymbols {
 public:
+    // A symbol's name and value in UTF-8, with the lengths in 16-bit units
+    // that the bounds count.
     class PSymbol {
     public:
-        PSymbol(std::u16string name, std::u16string value)
-            : m_name(std::move(name)), m_value(std::move(value)) {
-            makePlaceholder();
-        }
-        explicit PSymbol(const PSymbol* other) : PSymbol(*other) {}
+        PSymbol(std::string name, std::string value);
 
-        const std::u16string& getName() const { return m_name; }
-        const std::u16string& getValue() const { return m_value; }
+        const std::string& getName() const { return m_name; }
+        const std::string& getValue() const { return m_value; }
         // "${name}", kept so that replacing in many texts builds it once.
-        const std::u16string& getPlaceholder() const { return m_placeholder; }
-        void setName(std::u16string name) {
-            m_name = std::move(name);
-            makePlaceholder();
-        }
-        void setValue(std::u16string value) { m_value = std::move(value); }
+        const std::string& getPlaceholder() const { return m_placeholder; }
+        size_t valueUnits() const { return m_valueUnits; }
+        size_t placeholderUnits() const { return m_placeholderUnits; }
 
     private:
-        void makePlaceholder();
-
-        std::u16string m_name;
-        std::u16string m_value;
-        std::u16string m_placeholder;
+        std::string m_name;
+        std::string m_value;
+        std::string m_placeholder;
+        size_t m_valueUnits;
+        size_t m_placeholderUnits;
     };
 
-    static constexpr std::u16string_view symbol_start = u"${";
-    static constexpr std::u16string_view symbol_end = u"}";
+    static constexpr std::string_view symbol_start = "${";
+    static constexpr std::string_view symbol_end = "}";
     // A value may name other symbols; resolution stops after this many passes.
     static constexpr int MAX_PASSES = 100;
     // Longer lines of a symbol file are taken in pieces of this many units.
     static constexpr size_t MAX_LINE = 65535;
     // A value that names its own symbol twice doubles a text with every pass;
-    // these bound what substitution may make of one text and of a document.
+    // these bound what substitution may make of one text and of a document,
+    // counted in 16-bit units.
     static constexpr size_t MAX_TEXT_UNITS = size_t{1} << 20;
     static constexpr size_t MAX_DOCUMENT_GROWTH = size_t{1} << 28;
 
@@ -62,7 +58,7 @@ public:
         struct Room {
             std::vector<PatternSet::Match> matches, moved, found;
             std::vector<uint32_t> counts, replacedAt;
-            std::u16string original, next, before;
+            std::string original, next, before;
         } room;
     };
 
@@ -85,22 +81,16 @@ public:
     void addSymbol(const std::u16string& name, const std::u16string& value);
     void removeSymbol(const std::u16string& name);
 
-    std::u16string getSymbolValue(const std::u16string& name) const;
-    std::u16string getSymbolValueIgnCase(std::u16string name) const;
     size_t getSymbolCount() const { return m_symbols.size(); }
     const std::vector<PSymbol>& symbols() const { return m_symbols; }
 
     static bool checkSymbolFile(const std::u16string& fileName);
-    static const char16_t* maskLeadingBlanks(const char16_t* s);
-    static void trimTrailingBlanks(char16_t* s);
-    static char16_t convertToLower(char16_t c);
 
     void printSymbols() const;
-    // The text as far as substitution got; a bound stops it unnoticed here.
-    std::u16string replaceSymbols(const std::u16string& text) const;
-    // Replaces in place; false when nothing changed. A replacement that would
-    // break a bound is not made: substitution stops and budget.stopped says why.
-    bool replaceSymbolsInPlace(std::u16string& text, Budget& budget) const;
+    // Replaces in the UTF-8 text in place; false when nothing changed. A
+    // replacement that would break a bound is not made: substitution stops
+    // and budget.stopped says why.
+    bool replaceSymbolsInPlace(std::string& text, Budget& budget) const;
 
 private:
     // Built at the first replacement after the table changed.

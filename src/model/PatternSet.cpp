@@ -1,12 +1,12 @@
 #include "model/PatternSet.h"
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 
 namespace kivreg {
 
-PatternSet::PatternSet(const std::vector<std::u16string_view>& patterns)
-    : m_lengths(patterns.size()) {
+PatternSet::PatternSet(const std::vector<std::string_view>& patterns) : m_lengths(patterns.size()) {
     for (size_t i = 0; i < patterns.size(); ++i) {
         m_lengths[i] = static_cast<uint32_t>(patterns[i].size());
         m_longest = std::max(m_longest, patterns[i].size());
@@ -30,9 +30,9 @@ PatternSet::PatternSet(const std::vector<std::u16string_view>& patterns)
         if (lo < hi && patterns[order[lo]].size() == depth) m_nodes[node].pattern = order[lo++];
         m_nodes[node].firstEdge = static_cast<uint32_t>(m_edges.size());
         while (lo < hi) {
-            const char16_t c = patterns[order[lo]][depth];
+            const auto c = static_cast<unsigned char>(patterns[order[lo]][depth]);
             size_t end = lo + 1;
-            while (end < hi && patterns[order[end]][depth] == c) ++end;
+            while (end < hi && static_cast<unsigned char>(patterns[order[end]][depth]) == c) ++end;
             const auto made = static_cast<uint32_t>(m_nodes.size());
             Node n;
             if (node != 0) {
@@ -55,33 +55,34 @@ PatternSet::PatternSet(const std::vector<std::u16string_view>& patterns)
     }
 }
 
-uint32_t PatternSet::child(uint32_t node, char16_t c) const {
+uint32_t PatternSet::child(uint32_t node, unsigned char c) const {
     const Node& n = m_nodes[node];
     const Edge* first = m_edges.data() + n.firstEdge;
     const Edge* last = first + n.edgeCount;
     if (n.edgeCount > 8)
-        first = std::lower_bound(first, last, c, [](const Edge& e, char16_t u) { return e.c < u; });
+        first = std::lower_bound(first, last, c,
+                                 [](const Edge& e, unsigned char u) { return e.c < u; });
     else
         while (first != last && first->c < c) ++first;
     return first != last && first->c == c ? first->to : kNone;
 }
 
-void PatternSet::findAll(std::u16string_view text, size_t offset, std::vector<Match>& out) const {
+void PatternSet::findAll(std::string_view text, size_t offset, std::vector<Match>& out) const {
     const Node* const nodes = m_nodes.data();
     const Edge* const edges = m_edges.data();
     // Outside any partial match only a pattern's first unit matters; when all
     // patterns share it, as placeholders do, the scan jumps from one to the next.
     const bool oneStart = nodes[0].edgeCount == 1;
-    const char16_t start = oneStart ? edges[nodes[0].firstEdge].c : u'\0';
-    const char16_t* const begin = text.data();
-    const char16_t* const end = begin + text.size();
+    const char start = oneStart ? static_cast<char>(edges[nodes[0].firstEdge].c) : '\0';
+    const char* const begin = text.data();
+    const char* const end = begin + text.size();
     uint32_t state = 0;
-    for (const char16_t* p = begin; p != end; ++p) {
+    for (const char* p = begin; p != end; ++p) {
         if (state == 0 && oneStart) {
-            p = std::char_traits<char16_t>::find(p, static_cast<size_t>(end - p), start);
+            p = static_cast<const char*>(std::memchr(p, start, static_cast<size_t>(end - p)));
             if (p == nullptr) break;
         }
-        const char16_t c = *p;
+        const auto c = static_cast<unsigned char>(*p);
         for (;;) {
             if (const uint32_t t = child(state, c); t != kNone) {
                 state = t;

@@ -14,7 +14,7 @@ namespace kivreg {
 class PatternSet {
 public:
     // The patterns must be distinct and not empty; they are not kept.
-    explicit PatternSet(const std::vector<std::u16string_view>& patterns);
+    explicit PatternSet(const std::vector<std::string_view>& patterns);
 
     struct Match {
         uint32_t at;  // where the pattern starts
@@ -24,7 +24,7 @@ public:
     // Appends every occurrence, overlapping ones too, of every pattern in
     // text, which starts at offset `offset` of the whole; in the order the
     // occurrences end.
-    void findAll(std::u16string_view text, size_t offset, std::vector<Match>& out) const;
+    void findAll(std::string_view text, size_t offset, std::vector<Match>& out) const;
     size_t length(uint32_t pattern) const { return m_lengths[pattern]; }
     size_t longest() const { return m_longest; }
 
@@ -38,13 +38,13 @@ private:
         uint32_t pattern = kNone;
     };
     struct Edge {
-        char16_t c;
+        unsigned char c;
         uint32_t to;
     };
-    uint32_t child(uint32_t node, char16_t c) const;
+    uint32_t child(uint32_t node, unsigned char c) const;
 
     std::vector<Node> m_nodes;
-    std::vector<Edge> m_edges;  // each node's edges together, ordered by unit
+    std::vector<Edge> m_edges;  // each node's edges together, ordered by byte
     std::vector<uint32_t> m_lengths;
     size_t m_longest = 0;
 };

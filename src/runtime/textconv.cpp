@@ -59,11 +59,13 @@ size_t asciiPrefix(const unsigned char* p, size_t n) {
     return i;
 }
 
+}  // namespace
+
 // Output sizes, so that a large text is sized once and not at its worst case:
 // fresh memory is paid for by the page, and three bytes per unit reserved for
 // mostly-ASCII text would triple that. Both are exact for well-formed input
 // and upper bounds for what the strict converters write before a fault.
-size_t utf16UnitsFor(std::string_view in) {
+size_t utf16Length(std::string_view in) {
     size_t units = 0;
     for (unsigned char b : in) {
         units += (b & 0xC0) != 0x80 ? 1 : 0;  // one unit per lead byte
@@ -71,6 +73,8 @@ size_t utf16UnitsFor(std::string_view in) {
     }
     return units;
 }
+
+namespace {
 
 inline char* putUtf8(char* o, char32_t cp) {
     if (cp < 0x80) {
@@ -91,7 +95,7 @@ inline char* putUtf8(char* o, char32_t cp) {
     return o;
 }
 
-// Shared decoder loop for UTF-8 input; Unit is char16_t or char32_t.
+// The decoder loop for UTF-8 input.
 template <typename Unit>
 int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
@@ -100,7 +104,7 @@ int fromUtf8(std::string_view in, std::basic_string<Unit>& out, bool lenient) {
     // Lenient decoding turns each stray byte into a unit of its own, which
     // only the byte count bounds.
     const bool counted = sizeof(Unit) == 2 && !lenient;
-    out.resize(base + (counted ? utf16UnitsFor(in) : in.size()));
+    out.resize(base + (counted ? utf16Length(in) : in.size()));
     Unit* o = out.data() + base;
     int rc = CONV_OK;
     while (p < end) {
@@ -185,9 +189,6 @@ int fromUtf16(std::u16string_view in, std::string& out, bool lenient) {
 int utf8ToUtf16(std::string_view in, std::u16string& out) {
     return fromUtf8(in, out, false);
 }
-int utf8ToUtf32(std::string_view in, std::u32string& out) {
-    return fromUtf8(in, out, false);
-}
 void utf8ToUtf16Lenient(std::string_view in, std::u16string& out) {
     fromUtf8(in, out, true);
 }
@@ -196,26 +197,6 @@ int utf16ToUtf8(std::u16string_view in, std::string& out) {
 }
 void utf16ToUtf8Lenient(std::u16string_view in, std::string& out) {
     fromUtf16(in, out, true);
-}
-
-int utf32ToUtf8(std::u32string_view in, std::string& out) {
-    const size_t base = out.size();
-    out.resize(base + in.size() * 4);
-    char* o = out.data() + base;
-    int rc = CONV_OK;
-    for (char32_t cp : in) {
-        if (cp > 0x10FFFF) {
-            rc = CONV_TOO_LARGE;
-            break;
-        }
-        if (cp >= 0xD800 && cp <= 0xDFFF) {
-            rc = CONV_SURROGATE;
-            break;
-        }
-        o = putUtf8(o, cp);
-    }
-    out.resize(static_cast<size_t>(o - out.data()));
-    return rc;
 }
 
 size_t utf8SizeBound(std::u16string_view in) {

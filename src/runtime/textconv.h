@@ -1,5 +1,5 @@
 #pragma once
-// The conversion service beneath CCConv: UTF-8, UTF-16 and UTF-32 in one pass
+// The conversion service beneath CCConv: UTF-8 and UTF-16 in one pass
 // each, strict about malformed input. Results are appended to `out`; on a
 // failure `out` holds what was converted before the fault.
 //
@@ -24,13 +24,15 @@ enum ConvRc : int {
 
 int utf8ToUtf16(std::string_view in, std::u16string& out);
 int utf16ToUtf8(std::u16string_view in, std::string& out);
-int utf8ToUtf32(std::string_view in, std::u32string& out);
-int utf32ToUtf8(std::u32string_view in, std::string& out);
 
 // At least the bytes utf16ToUtf8 appends for this text (exact without pairs,
 // which it counts two bytes high); a buffer reserved to the sum over the
 // pieces of a text never grows while they are appended one by one.
 size_t utf8SizeBound(std::u16string_view in);
+
+// The 16-bit units of a UTF-8 text: exact for well-formed text, and at least
+// what utf8ToUtf16 appends for any text.
+size_t utf16Length(std::string_view in);
 
 // For text that must always come out (log lines): malformed parts become U+FFFD.
 void utf16ToUtf8Lenient(std::u16string_view in, std::string& out);

@@ -38,12 +38,6 @@ std::u16string CCConv::trim(std::u16string_view s) {
     return std::u16string(s.substr(first, last - first + 1));
 }
 
-std::u16string CCConv::trim(std::u16string_view s, std::u16string_view pattern) {
-    if (!pattern.empty() && s.starts_with(pattern)) s.remove_prefix(pattern.size());
-    if (!pattern.empty() && s.ends_with(pattern)) s.remove_suffix(pattern.size());
-    return std::u16string(s);
-}
-
 std::u16string CCConv::stringSubstituteAll(std::u16string_view s, std::u16string_view search,
                                            std::u16string_view replacement) {
     if (s == search) return std::u16string(replacement);

@@ -21,8 +21,6 @@ public:
 
     // Blanks (U+0020 only) off both ends.
     static std::u16string trim(std::u16string_view s);
-    // One copy of pattern off the start, then one off the end.
-    static std::u16string trim(std::u16string_view s, std::u16string_view pattern);
     // Every search replaced left to right; an inserted replacement is not rescanned.
     static std::u16string stringSubstituteAll(std::u16string_view s, std::u16string_view search,
                                               std::u16string_view replacement);

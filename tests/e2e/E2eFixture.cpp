@@ -28,6 +28,7 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
         "--store",      m_store.string(), "--status",    std::to_string(options.status)};
     if (!options.first.empty()) argv.insert(argv.end(), {"--first", options.first});
     if (!options.retryAfter.empty()) argv.insert(argv.end(), {"--retry-after", options.retryAfter});
+    if (!options.delay.empty()) argv.insert(argv.end(), {"--delay", options.delay});
     if (options.https)
         argv.insert(argv.end(),
                     {"--cert", testCert("server.pem"), "--key", testCert("server.key")});
@@ -51,15 +52,31 @@ std::vector<std::string> DirServer::stored() const {
     return out;
 }
 
-RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) {
+namespace {
+
+std::vector<std::string> programArgv(const std::vector<std::string>& args) {
     std::vector<std::string> argv = {kProgram};
     argv.insert(argv.end(), args.begin(), args.end());
-    if (options.cwd.empty()) options.cwd = m_dir.path().string();
+    return argv;
+}
+
+RunOptions programOptions(RunOptions options, const std::filesystem::path& dir) {
+    if (options.cwd.empty()) options.cwd = dir.string();
     // The proxy settings of whoever runs the tests stay out: empty is unset.
     for (const char* name : {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy", "ALL_PROXY",
                              "no_proxy", "NO_PROXY"})
         options.env.try_emplace(name, "");
-    return run(argv, options);
+    return options;
+}
+
+}  // namespace
+
+RunResult E2e::kivreg(const std::vector<std::string>& args, RunOptions options) {
+    return run(programArgv(args), programOptions(std::move(options), m_dir.path()));
+}
+
+std::unique_ptr<Child> E2e::startKivreg(const std::vector<std::string>& args) {
+    return std::make_unique<Child>(programArgv(args), programOptions({}, m_dir.path()));
 }
 
 std::vector<std::string> E2e::connect(const std::string& port, std::vector<std::string> more) {

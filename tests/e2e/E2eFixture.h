@@ -27,6 +27,7 @@ struct ServerOptions {
     int status = 200;
     std::string first = "";       // statuses answered before `status`, such as "503,503"
     std::string retryAfter = "";  // sent with every status other than 200
+    std::string delay = "";       // seconds before each answer
     bool https = false;
 };
 
@@ -49,6 +50,8 @@ class E2e : public testing::Test {
 protected:
     // Runs kivreg with the arguments in the test's directory.
     RunResult kivreg(const std::vector<std::string>& args, RunOptions options = {});
+    // The same started, for runs that overlap.
+    std::unique_ptr<Child> startKivreg(const std::vector<std::string>& args);
     std::string writeDoc(const std::string& name, const std::string& xml);
     std::string path(const std::string& name) const { return (m_dir / name).string(); }
     // Registers kDocument (as doc.xml) with the server's user and password, then `more`.

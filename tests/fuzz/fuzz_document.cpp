@@ -25,8 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     file.setSymbols(symbols);
     file.replaceSymbols();
     file.write2File();
-    file.getBody();
+    std::string body;
+    file.appendBody(body);
     file.setOldTransferDtd(true);
-    file.createBodyOld();
+    file.appendBody(body);
     return 0;
 }

@@ -22,6 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CXmlFile file(&log, document, 0);
     file.setSymbols(symbols);
     file.replaceSymbols();
-    file.getBody();
+    std::string body;
+    file.appendBody(body);
     return 0;
 }

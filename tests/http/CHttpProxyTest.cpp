@@ -11,6 +11,7 @@
 #include "http/IIPConnection.h"
 #include "http/ProxyConfig.h"
 #include "model/CXmlFile.h"
+#include "model/ModelTestUtil.h"
 #include "runtime/NetRc.h"
 #include "support/ERegExcept.h"
 #include "testutil/TestUtil.h"
@@ -45,7 +46,7 @@ protected:
 
     std::unique_ptr<CHttpProxy> proxy(const std::string& port, bool openNow = true,
                                       bool https = false) {
-        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, m_doc, u"u",
+        return std::make_unique<CHttpProxy>(m_log, CHttpProxy::TRANSFER_ENCODING_UTF8, &m_doc, u"u",
                                             u"p", u"127.0.0.1", u16(port), 420, 420, 420, openNow,
                                             https);
     }
@@ -57,15 +58,13 @@ protected:
         p->setProgress(
             [&](size_t written, size_t total) { m_progress.emplace_back(written, total); });
         EXPECT_TRUE(p->isOpen());
-        p->createBodyFromXML();
+        p->createBodyFromXML(CHttpProxy::renderBody(m_doc, CHttpProxy::TRANSFER_ENCODING_UTF8));
         EXPECT_EQ(p->send(), 0);
         const int status = p->receive();
         server.join();
         return {status, server.received()};
     }
-    std::string body() {
-        return "<?xml version=\"1.0\" encoding=\"utf-8\"?>" + u8(m_doc.getBody());
-    }
+    std::string body() { return "<?xml version=\"1.0\" encoding=\"utf-8\"?>" + test::body(m_doc); }
 };
 
 TEST_F(CHttpProxyTest, StandardAndOldFormatRequests) {
@@ -82,7 +81,6 @@ TEST_F(CHttpProxyTest, StandardAndOldFormatRequests) {
     EXPECT_EQ(messages[2], "Return code: 200 --- Return message: (OK)");
 
     m_doc.setOldTransferDtd(true);
-    m_doc.createBodyOld();
     EXPECT_NE(body().find("<qordata "), std::string::npos);
     EXPECT_EQ(run(kOk).second, request("Content-type: text/xml; charset=\"utf-8\"", body()));
 }

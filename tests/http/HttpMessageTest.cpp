@@ -51,7 +51,7 @@ struct Fixture {
         url.setHuser(u"u");
         url.setHpass(u"p");
         url.setUrl(u16(std::string(text)).c_str());
-        req->setIURL(url);
+        req->setIURL(&url);
     }
 };
 
@@ -82,7 +82,7 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         f.req->setCmd(IHttpRequest::POST);
         f.req->addHeaderline(u"X-Name: M\u00fcller \u20ac");  // 7-bit on the wire
         f.req->setBody(std::string("hello"));
-        ASSERT_EQ(f.req->connect(&f.rc, IHttpRequest::UNCHUNKED, IHttpRequest::TRANSIENT), 10);
+        ASSERT_EQ(f.req->connect(&f.rc), 10);
         EXPECT_EQ(u8(f.conn.host) + ":" + u8(f.conn.service), c.hostPort) << c.url;
         EXPECT_EQ(f.conn.tls, c.secure) << c.url;
         EXPECT_EQ(f.conn.tunnel, c.tunnel) << c.url;

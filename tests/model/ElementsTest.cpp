@@ -7,49 +7,57 @@ namespace {
 
 TEST(CAttr, ValueValidityAndReport) {
     struct Case {
-        const char16_t* name;
-        const char16_t* value;
-        const char16_t* def;
-        std::vector<std::u16string> allowed;
-        std::u16string shown;
+        const char* name;
+        const char* value;
+        const char* def;
+        std::vector<std::string> allowed;
+        std::string shown;
         bool valid;
     };
-    const std::vector<std::u16string> flag = {u"TRUE", u"FALSE"};
+    const std::vector<std::string> flag = {"TRUE", "FALSE"};
     const Case cases[] = {
-        {u"a", u"MAYBE", u"TRUE", flag, u"MAYBE", true},  // a given value is not checked
-        {u"b", u"", u"TRUE", flag, u"TRUE", true},
-        {u"c", u"", u"YES", flag, u"YES", false},
-        {u"d", u"", u"true", {u"TRUE"}, u"true", false},  // compared with case
-        {u"e", u"", u"", {u"A", u""}, u"", true},
-        {u"f", u"", u"", {u"A"}, u"", false},
-        {u"g", u"", u"", {}, u"", true},    // any value
-        {u"", u"v", u"", {}, u"v", false},  // no name
-        {u"Gr\u00FC\u00DFe", u"v", u"", {}, u"v", true},
+        {"a", "MAYBE", "TRUE", flag, "MAYBE", true},  // a given value is not checked
+        {"b", "", "TRUE", flag, "TRUE", true},
+        {"c", "", "YES", flag, "YES", false},
+        {"d", "", "true", {"TRUE"}, "true", false},  // compared with case
+        {"e", "", "", {"A", ""}, "", true},
+        {"f", "", "", {"A"}, "", false},
+        {"g", "", "", {}, "", true},    // any value
+        {"", "v", "", {}, "v", false},  // no name
+        {"Gr\xC3\xBC\xC3\x9F"
+         "e",
+         "v",
+         "",
+         {},
+         "v",
+         true},
     };
-    CClass all(u"All", 0);
+    CClass all("All", 0);
     std::vector<std::string> reports;
     for (const Case& c : cases) {
-        SCOPED_TRACE(test::u8(c.name));
+        SCOPED_TRACE(c.name);
         CAttr a(c.name, c.value, c.def);
-        for (const std::u16string& v : c.allowed) a.addAllowedValue(v);
+        for (const std::string& v : c.allowed) a.addAllowedValue(v);
         EXPECT_EQ(a.getValue(), c.shown);
         EXPECT_EQ(a.isValid(), c.valid);
         all.addAttribute(a);
         if (!c.valid)
-            reports.push_back("Attribute '" + test::u8(c.name) + "' has invalid value '" +
-                              test::u8(c.shown) + "' assigned.");
+            reports.push_back("Attribute '" + std::string(c.name) + "' has invalid value '" +
+                              c.shown + "' assigned.");
     }
     LogCapture cap;  // every invalid attribute is reported, in order
     EXPECT_FALSE(all.validateAttributes(cap));
     EXPECT_EQ(cap.messages(), reports);
     // Attribute names match ignoring case, Latin capitals included; class names do not.
-    EXPECT_EQ(all.getAttributeValue(u"B"), u"TRUE");
-    EXPECT_EQ(all.getAttributeValue(u"GR\u00DC\u00DFE"), u"v");
-    EXPECT_EQ(all.getAttributeValue(u"bx"), u"");
-    CGroup g(u"G");
-    g.addClass(&all);
-    EXPECT_EQ(g.getClass(u"all"), g.getClassEnd());
-    EXPECT_NE(g.getClass(u"All"), g.getClassEnd());
+    EXPECT_EQ(all.getAttributeValue("B"), "TRUE");
+    EXPECT_EQ(all.getAttributeValue("GR\xC3\x9C\xC3\x9F"
+                                    "E"),
+              "v");
+    EXPECT_EQ(all.getAttributeValue("bx"), "");
+    CGroup g("G");
+    g.addClass(all);
+    EXPECT_EQ(g.getClass("all"), nullptr);
+    EXPECT_NE(g.getClass("All"), nullptr);
 }
 
 const std::string kIntro = "On validating associations specified in XML input:\n";
@@ -139,40 +147,93 @@ TEST(TransferBody, GoldenDocuments) {
                 EXPECT_TRUE(file.replaceSymbols()) << cap.text();
             }
             file.setOldTransferDtd(old);
-            EXPECT_EQ(u8(file.getBody()),
+            EXPECT_EQ(test::body(file),
                       test::readFile(modelData(name + (old ? ".old.xml" : ".body.xml"))));
         }
     }
 }
 
 // Property names and roles order by 16-bit units, which puts a character
-// above U+FFFF before one from U+E000, and the last of a name or role wins;
-// the UTF-8 body is the 16-bit one converted, in both formats.
-TEST(TransferBody, OrderBySixteenBitUnitsAndUtf8) {
-    const std::string privateUse = "\xEE\x80\x80", astral = "\xF0\x9F\x98\x80";
-    LogCapture cap;
+// above U+FFFF before one from U+E000 (the reverse of UTF-8 byte order), and
+// the last of a name or role wins; in both formats.
+TEST(TransferBody, OrderBySixteenBitUnits) {
+    const std::string privateUse = "\xEE\x80\x80", astral = "\xF0\x9F\x98\x80",
+                      special = "\xEF\xBF\xBD", twoByte = "\xC3\xA9", cjk = "\xE6\xBC\xA2";
+    // In 16-bit unit order, each name a one of its own and one after "a".
+    std::vector<std::string> order;
+    for (const std::string& n :
+         {std::string("Z"), std::string("a"), twoByte, cjk, astral, privateUse, special})
+        for (const std::string& name : {n, "a" + n}) order.push_back(name);
+    std::sort(order.begin(), order.end(),
+              [](const std::string& x, const std::string& y) { return u16(x) < u16(y); });
     std::string doc =
-        "<kivinfo supplier_name='S\xC3\xBC'><group name='G'><class name='C'><instance>"
-        "<property name='z'><value>first</value></property><reference rolename='z' "
-        "classname='first'/>";
-    for (const std::string& n : {privateUse, astral, std::string("z")})
-        doc += "<property name='" + n + "'><value>" + n +
-               "</value></property><reference rolename='" + n + "'/>";
+        "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance>"
+        "<property name='" +
+        astral +
+        "'><value>first</value></property>"
+        "<reference rolename='" +
+        astral + "' classname='first'/>";
+    for (size_t i = order.size(); i-- > 0;)  // written backwards, sorted on reading
+        doc += "<property name='" + order[i] +
+               "'><value>v</value></property><reference rolename='" + order[i] +
+               "' classname='c'/>";
+    LogCapture cap;
     auto file = test::loadText(cap, doc + "</instance></class></group></kivinfo>");
-    const std::string body = u8(file->getBody());
-    const size_t z = body.find("name=\"z\""), a = body.find("name=\"" + astral),
-                 p = body.find("name=\"" + privateUse);
-    EXPECT_TRUE(z < a && a < p) << body;
-    const size_t rz = body.find("rolename=\"z\""), ra = body.find("rolename=\"" + astral),
-                 rp = body.find("rolename=\"" + privateUse);
-    EXPECT_TRUE(rz < ra && ra < rp) << body;
-    EXPECT_EQ(body.find("first"), std::string::npos) << body;
+    ASSERT_TRUE(file->isLoaded()) << cap.text();
     for (const bool old : {false, true}) {
+        SCOPED_TRACE(old ? "old format" : "current format");
         file->setOldTransferDtd(old);
-        old ? file->createBodyOld() : file->createBody();
-        std::string utf8 = "<?xml?>";
-        EXPECT_TRUE(file->appendBodyUtf8(utf8));
-        EXPECT_EQ(utf8, "<?xml?>" + u8(file->getBody()));
+        const std::string body = test::body(*file);
+        size_t prop = 0, role = 0;
+        for (const std::string& n : order) {
+            const size_t p = body.find("<property name=\"" + n + "\">");
+            const size_t r = body.find("rolename=\"" + n + "\"");
+            ASSERT_NE(p, std::string::npos) << n;
+            ASSERT_NE(r, std::string::npos) << n;
+            EXPECT_GT(p, prop) << n;
+            EXPECT_GT(r, role) << n;
+            prop = p;
+            role = r;
+        }
+        EXPECT_EQ(body.find("first"), std::string::npos) << body;
+    }
+}
+
+// The five characters are escaped wherever they stand in a value, beside
+// characters of two, three and four bytes too; the older format copies them.
+TEST(TransferBody, EscapesTheFiveCharactersAnywhereInAValue) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"&x<", "&amp;x&lt;"},
+        {"'\xC3\xA9\"", "&apos;\xC3\xA9&quot;"},
+        {"\xE6\xBC\xA2>\xF0\x9F\x98\x80&\xC3\xA9", "\xE6\xBC\xA2&gt;\xF0\x9F\x98\x80&amp;\xC3\xA9"},
+        {"\xF0\x9F\x98\x80<>&\"'", "\xF0\x9F\x98\x80&lt;&gt;&amp;&quot;&apos;"},
+        {"a&amp;b", "a&amp;amp;b"},
+    };
+    for (const auto& [value, escaped] : cases) {
+        SCOPED_TRACE(value);
+        std::string text;
+        for (char c : value) {
+            switch (c) {
+                case '&':
+                    text += "&amp;";
+                    break;
+                case '<':
+                    text += "&lt;";
+                    break;
+                default:
+                    text += c;
+            }
+        }
+        LogCapture cap;
+        auto file =
+            test::loadText(cap,
+                           "<kivinfo supplier_name='S'><group name='G'><class name='C'>"
+                           "<instance><property name='p'><value>" +
+                               text + "</value></property></instance></class></group></kivinfo>");
+        ASSERT_TRUE(file->isLoaded()) << cap.text();
+        EXPECT_NE(test::body(*file).find("<value>" + escaped + "</value>"), std::string::npos);
+        file->setOldTransferDtd(true);
+        EXPECT_NE(test::body(*file).find("<value>" + value + "</value>"), std::string::npos);
     }
 }
 

@@ -22,6 +22,13 @@ inline std::unique_ptr<CXmlFile> loadText(LogCapture& cap, const std::string& ut
     return std::make_unique<CXmlFile>(cap, u16(utf8), 0);
 }
 
+// The transfer body of the document in its chosen format.
+inline std::string body(const CXmlFile& file) {
+    std::string out;
+    file.appendBody(out);
+    return out;
+}
+
 // The log text (lines joined by "\n") from message number `first` on.
 inline std::string loggedSince(const LogCapture& cap, size_t first) {
     const std::vector<std::string> all = cap.messages();

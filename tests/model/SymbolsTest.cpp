@@ -20,9 +20,17 @@ using Defined = std::vector<std::pair<std::u16string, std::u16string>>;
 void expectDefined(const PSymbols& s, const Defined& defined) {
     ASSERT_EQ(s.getSymbolCount(), defined.size());
     for (size_t i = 0; i < defined.size(); ++i) {
-        EXPECT_EQ(s.symbols()[i].getName(), defined[i].first);
-        EXPECT_EQ(s.symbols()[i].getValue(), defined[i].second);
+        EXPECT_EQ(s.symbols()[i].getName(), u8(defined[i].first));
+        EXPECT_EQ(s.symbols()[i].getValue(), u8(defined[i].second));
     }
+}
+
+// The text with the table's placeholders replaced, as far as the bounds let it go.
+std::u16string replaced(const PSymbols& s, const std::u16string& text) {
+    std::string utf8 = u8(text);
+    PSymbols::Budget budget;
+    s.replaceSymbolsInPlace(utf8, budget);
+    return u16(utf8);
 }
 
 TEST(PSymbols, LineRules) {
@@ -115,7 +123,7 @@ TEST(PSymbols, Replacement) {
     };
     for (const auto& [in, out] : cases) {
         SCOPED_TRACE(u8(in));
-        EXPECT_EQ(s.replaceSymbols(in), out);
+        EXPECT_EQ(replaced(s, in), out);
     }
 }
 
@@ -129,7 +137,8 @@ TEST(PSymbols, ReplacementAgreesWithPassAfterPass) {
         for (int pass = 0; pass < PSymbols::MAX_PASSES; ++pass) {
             const std::u16string before = text;
             for (const PSymbols::PSymbol& sym : s.symbols())
-                text = CCConv::stringSubstituteAll(text, sym.getPlaceholder(), sym.getValue());
+                text = CCConv::stringSubstituteAll(text, u16(sym.getPlaceholder()),
+                                                   u16(sym.getValue()));
             if (text.size() > 4000) return std::nullopt;  // far below the bounds
             if (text == before) break;
         }
@@ -163,7 +172,7 @@ TEST(PSymbols, ReplacementAgreesWithPassAfterPass) {
     for (const auto& [table, in] : cycles) {
         PSymbols s(cap);
         for (const auto& [name, value] : table) s.addSymbol(name, value);
-        EXPECT_EQ(s.replaceSymbols(in), passAfterPass(s, in)) << u8(in);
+        EXPECT_EQ(replaced(s, in), passAfterPass(s, in)) << u8(in);
     }
     int compared = 0;
     for (int round = 0; round < 3000; ++round) {
@@ -175,20 +184,32 @@ TEST(PSymbols, ReplacementAgreesWithPassAfterPass) {
         const auto expected = passAfterPass(s, in);
         if (!expected) continue;
         ++compared;
-        ASSERT_EQ(s.replaceSymbols(in), *expected) << "round " << round;
+        ASSERT_EQ(replaced(s, in), *expected) << "round " << round;
     }
     EXPECT_GT(compared, 2000);
 }
 
+// The bounds count 16-bit units, whatever the bytes of the UTF-8 texts: a
+// character of two or three bytes is one unit, one of four bytes two.
 TEST(PSymbols, SubstitutionStopsAtTheBounds) {
     using Stop = PSymbols::Budget::Stop;
     constexpr size_t kMax = PSymbols::MAX_TEXT_UNITS;
+    const std::u16string acute = u"\u00E9", cjk = u"\u6F22", astral = u"\U0001F600";
+    auto times = [](const std::u16string& unit, size_t n) {
+        std::u16string t;
+        for (size_t i = 0; i < n; ++i) t += unit;
+        return t;
+    };
     LogCapture cap;
     PSymbols s(cap);
     s.addSymbol(u"full", std::u16string(kMax, u'f'));
     s.addSymbol(u"over", std::u16string(kMax + 1, u'o'));
     s.addSymbol(u"twice", u"${twice}${twice}");
     s.addSymbol(u"cut", u"");
+    s.addSymbol(u"wide", times(acute, kMax - 7));         // twice the bytes, within the units
+    s.addSymbol(u"han", times(cjk, kMax - 6));            // three times the bytes
+    s.addSymbol(u"pairs", times(astral, kMax / 2 - 3));   // kMax - 6 units in pairs
+    s.addSymbol(u"pairs1", times(astral, kMax / 2 + 1));  // one pair beyond
     // Each of c0..c29 holds the next twice: 2^30 copies of c30 unless stopped.
     for (int i = 0; i < 30; ++i) {
         const std::u16string next = u"${c" + u16(std::to_string(i + 1)) + u"}";
@@ -198,7 +219,7 @@ TEST(PSymbols, SubstitutionStopsAtTheBounds) {
         std::u16string text;
         size_t growthLeft;
         Stop stop;
-        size_t size;  // of the text afterwards
+        size_t units;  // of the text afterwards
     };
     const size_t fullGrowth = kMax - 7;  // "${full}" is 7 units
     const Case cases[] = {
@@ -211,18 +232,28 @@ TEST(PSymbols, SubstitutionStopsAtTheBounds) {
         // A text read beyond the bound may still shrink.
         {std::u16string(kMax + 1, u'x') + u"${cut}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::None,
          kMax + 1},
+        {u"${wide}${wide}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, 14},
+        {u"${wide}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::None, kMax - 7},
+        {acute + u"${han}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::None, kMax - 5},
+        {acute + u"${han}", kMax - 12, Stop::None, kMax - 5},
+        {acute + u"${han}", kMax - 13, Stop::Document, 7},
+        {times(cjk, 4) + times(acute, 3) + u"${han}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text,
+         13},
+        {astral + u"${pairs}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::None, kMax - 4},
+        {times(astral, 4) + u"${pairs}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, 16},
+        {u"${pairs1}", PSymbols::MAX_DOCUMENT_GROWTH, Stop::Text, 9},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(u8(c.text.substr(0, 10)) + " " + std::to_string(c.growthLeft));
         PSymbols::Budget budget;
         budget.growthLeft = c.growthLeft;
-        std::u16string text = c.text;
+        std::string text = u8(c.text);
         s.replaceSymbolsInPlace(text, budget);
         EXPECT_EQ(budget.stopped, c.stop);
-        EXPECT_EQ(text.size(), c.size);
+        EXPECT_EQ(u16(text).size(), c.units);
         // What a text gives up is not lent to the others.
         EXPECT_EQ(budget.growthLeft,
-                  c.growthLeft - std::max(c.size, c.text.size()) + c.text.size());
+                  c.growthLeft - std::max(c.units, c.text.size()) + c.text.size());
     }
     EXPECT_TRUE(cap.messages().empty());
 }

@@ -90,17 +90,40 @@ docs() {
     done
 }
 
-# systemd accepts the example units. ExecStart must name an existing program,
-# so they are checked with the built kivreg in its place.
+# systemd accepts the four units, and their commands, run as systemd runs
+# them (with the built kivreg and everything under $tmp), keep a registration
+# that found no directory and write the status file only where a textfile
+# collector's directory exists.
 units() {
     command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing"; exit 77; }
-    sed "s#^ExecStart=/usr/bin/kivreg#ExecStart=$bin/kivreg#" \
-        "$src/examples/systemd/kivreg-register.service" >"$tmp/kivreg-register.service"
-    cp "$src/examples/systemd/kivreg-register.timer" "$tmp/"
-    local out
-    out=$(cd "$tmp" && systemd-analyze verify --man=no kivreg-register.service kivreg-register.timer 2>&1) ||
-        fail "systemd-analyze: $out"
+    local units=(kivreg-register.service kivreg-register.timer kivreg-flush.service kivreg-flush.timer)
+    local out unit port status
+    cp "${units[@]/#/$src/systemd/}" "$tmp/"
+    out=$(cd "$tmp" && systemd-analyze verify --man=no "${units[@]}" 2>&1) || fail "systemd-analyze: $out"
     [[ -z $out ]] || fail "systemd-analyze: $out"
+
+    port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+    mkdir -p "$tmp/creds" "$tmp/collector" "$tmp/log" "$tmp/state"
+    "$bin/kivreg" -configure "$tmp/creds/connect" -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
+    command_of() {
+        sed -n '/^ExecStart=/,/[^\\]$/p' "$src/systemd/$1" | sed -e 's/\\$//' | tr -d '\n' |
+            sed -e "s#^ExecStart=/bin/sh -c '##" -e "s#'\$##" -e 's/\$\$/$/g' \
+                -e "s#/usr/bin/kivreg#$bin/kivreg#" -e "s#/var/lib/prometheus/node-exporter#$tmp/collector#" \
+                -e "s#/etc/kivreg/#$src/examples/#g" -e "s#--retry 5#--retry 0#" \
+                -e "s#/var/log/kivreg#$tmp/log#" -e "s#/var/lib/kivreg#$tmp/state#"
+    }
+    for unit in kivreg-register.service kivreg-flush.service; do
+        status=0
+        CREDENTIALS_DIRECTORY=$tmp/creds /bin/sh -c "$(command_of $unit)" >"$tmp/run.log" 2>&1 || status=$?
+        [[ $status == 2 ]] || { cat "$tmp/run.log"; fail "$unit exited $status, not 2 (no connection)"; }
+        grep -qx 'kivreg_last_run_exit_status 2' "$tmp/collector/kivreg.prom" || fail "$unit: no status file"
+        rm "$tmp/collector/kivreg.prom"
+    done
+    grep -q 'Registration kept in spool' "$tmp/log/kivreg.log" || fail "the register unit kept nothing"
+    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 1 ]] || fail "not one spool entry"
+    rmdir "$tmp/collector"
+    CREDENTIALS_DIRECTORY=$tmp/creds /bin/sh -c "$(command_of kivreg-flush.service)" >/dev/null 2>&1 || true
+    [[ ! -e $tmp/collector ]] || fail "a status file without a collector"
 }
 
 case ${1:-} in

@@ -1,0 +1,312 @@
+#include "api/Spool.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+
+#include "runtime/FileIo.h"
+#include "support/CLog.h"
+
+namespace kivreg::api {
+namespace {
+
+constexpr std::string_view kMagic = "kivreg-spool 1";
+constexpr std::string_view kSuffix = ".kiv";
+
+// Header values stay one line whatever a host or supplier name holds.
+std::string escaped(std::string_view text) {
+    std::string out;
+    for (const unsigned char c : text) {
+        if (c == '%' || c < 0x20 || c == 0x7f) {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string unescaped(std::string_view text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned int c = 0;
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &c) == 1) {
+            out += static_cast<char>(c);
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+std::string header(const SpoolEntry& e, uint64_t bodyBytes) {
+    std::string h(kMagic);
+    h += "\nscheme: " + std::string(e.destination.https ? "https" : "http");
+    h += "\nhost: " + escaped(e.destination.host);
+    h += "\nport: " + escaped(e.destination.port);
+    h += "\npath: " + escaped(e.destination.path);
+    h += "\nformat: " + std::string(e.oldFormat ? "old" : "current");
+    h += "\ntime: " + e.time;
+    h += "\nsupplier-name: " + escaped(e.supplierName);
+    h += "\nsupplier-vendor: " + escaped(e.supplierVendor);
+    h += "\nbody-bytes: " + std::to_string(bodyBytes) + "\n\n";
+    return h;
+}
+
+// The header of an entry file; false for anything that is not one. `in` is
+// left at the body, and *bodyBytes holds the length the header announces.
+bool readHeader(std::istream& in, SpoolEntry& e, uint64_t& bodyBytes) {
+    std::string line;
+    if (!std::getline(in, line) || line != kMagic) return false;
+    int fields = 0;
+    while (std::getline(in, line) && !line.empty()) {
+        const size_t colon = line.find(": ");
+        if (colon == std::string::npos) return false;
+        const std::string name = line.substr(0, colon);
+        const std::string value = unescaped(std::string_view(line).substr(colon + 2));
+        ++fields;
+        if (name == "scheme") {
+            e.destination.https = value == "https";
+        } else if (name == "host") {
+            e.destination.host = value;
+        } else if (name == "port") {
+            e.destination.port = value;
+        } else if (name == "path") {
+            e.destination.path = value;
+        } else if (name == "format") {
+            e.oldFormat = value == "old";
+        } else if (name == "time") {
+            e.time = value;
+        } else if (name == "supplier-name") {
+            e.supplierName = value;
+        } else if (name == "supplier-vendor") {
+            e.supplierVendor = value;
+        } else if (name == "body-bytes") {
+            bodyBytes = std::strtoull(value.c_str(), nullptr, 10);
+        } else {
+            --fields;
+        }
+    }
+    return in.good() && fields == 9;
+}
+
+std::string now() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    std::tm tm{};
+    ::gmtime_r(&ts.tv_sec, &tm);
+    char text[48];
+    const size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm);
+    std::snprintf(text + n, sizeof text - n, ".%09ldZ", ts.tv_nsec);
+    return text;
+}
+
+// FNV-1a: names spread over the key; the key inside the entry decides.
+std::string keyHash(const SpoolEntry& e) {
+    uint64_t h = 14695981039346656037ull;
+    for (const std::string* part : {&e.destination.host, &e.destination.port, &e.destination.path,
+                                    &e.supplierName, &e.supplierVendor}) {
+        for (const unsigned char c : *part + '\0') h = (h ^ c) * 1099511628211ull;
+    }
+    if (e.destination.https) h = (h ^ 's') * 1099511628211ull;
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(h));
+    return text;
+}
+
+bool isEntryName(const std::string& name) {
+    return name.size() > kSuffix.size() && name[0] != '.' && name.ends_with(kSuffix);
+}
+
+// What PendingFile leaves when a run is killed: ".<entry>.XXXXXX".
+bool isLeftover(const std::string& name) {
+    return name.size() > 8 && name[0] == '.' &&
+           std::string_view(name).substr(0, name.size() - 7).ends_with(kSuffix) &&
+           name[name.size() - 7] == '.';
+}
+
+std::vector<std::string> names(const std::string& dir) {
+    std::vector<std::string> out;
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (const dirent* e = ::readdir(d)) out.emplace_back(e->d_name);
+        ::closedir(d);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string Destination::url() const {
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return (https ? "https://" : "http://") + (ipv6 ? "[" + host + "]" : host) + ":" + port + path;
+}
+
+Spool::Spool(CLog& log, std::string dir, uint64_t maxBytes)
+    : m_log(log), m_dir(std::move(dir)), m_maxBytes(maxBytes) {
+    if (::mkdir(m_dir.c_str(), 0700) == 0) rt::syncDirectoryOf(m_dir);
+    const std::string lock = m_dir + "/.lock";
+    m_lock = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int rc = m_lock < 0 ? -1 : 0;
+    while (rc == 0 && (rc = ::flock(m_lock, LOCK_EX)) != 0 && errno == EINTR) rc = 0;
+    if (rc != 0) {
+        m_log << timestamp << u"Spool " << m_dir.c_str() << u" cannot be used: "
+              << std::strerror(errno) << endlog;
+        if (m_lock >= 0) ::close(m_lock);
+        m_lock = -1;
+        return;
+    }
+    // Only a run holding the lock writes, so these are from runs that were stopped.
+    for (const std::string& name : names(m_dir))
+        if (isLeftover(name)) ::unlink((m_dir + "/" + name).c_str());
+}
+
+Spool::~Spool() {
+    if (m_lock >= 0) ::close(m_lock);  // releases the lock
+}
+
+std::vector<SpoolEntry> Spool::entries() {
+    std::vector<SpoolEntry> out;
+    for (const std::string& name : names(m_dir)) {
+        if (!isEntryName(name)) continue;
+        SpoolEntry e;
+        e.file = m_dir + "/" + name;
+        std::ifstream in(e.file, std::ios::binary);
+        uint64_t bodyBytes = 0;
+        if (!readHeader(in, e, bodyBytes)) {
+            m_log << timestamp << u"Spool entry unreadable, left alone: " << e.file.c_str()
+                  << endlog;
+            continue;
+        }
+        struct stat st {};
+        if (::stat(e.file.c_str(), &st) == 0) e.fileSize = static_cast<uint64_t>(st.st_size);
+        out.push_back(std::move(e));
+    }
+    std::sort(out.begin(), out.end(), [](const SpoolEntry& a, const SpoolEntry& b) {
+        return a.time != b.time ? a.time < b.time : a.file < b.file;
+    });
+    return out;
+}
+
+void Spool::keep(const SpoolEntry& key, std::string_view body) {
+    SpoolEntry entry = key;
+    entry.time = now();
+    const std::string head = header(entry, body.size());
+    const uint64_t size = head.size() + body.size();
+    if (size > m_maxBytes) {
+        m_log << timestamp << u"Registration not kept in spool: its " << size
+              << u" bytes exceed the limit of " << m_maxBytes << u" bytes." << endlog;
+        return;
+    }
+    std::vector<SpoolEntry> others = entries();
+    const auto same = std::find_if(others.begin(), others.end(),
+                                   [&](const SpoolEntry& e) { return e.sameKey(key); });
+    if (same != others.end()) {
+        entry.file = same->file;  // replaced in one rename: never none, never two
+        others.erase(same);
+    } else {
+        const std::string stem = m_dir + "/" + keyHash(key);
+        entry.file = stem + std::string(kSuffix);
+        for (int n = 2; ::access(entry.file.c_str(), F_OK) == 0; ++n)
+            entry.file = stem + "-" + std::to_string(n) + std::string(kSuffix);
+    }
+    rt::PendingFile file(entry.file, 0600);
+    if (!(file.write(head) && file.write(body) && file.finish() && file.renameTo(entry.file) &&
+          rt::syncDirectoryOf(entry.file))) {
+        const int error = file.error() != 0 ? file.error() : errno;
+        m_log << timestamp << u"Failed to keep the registration in spool: " << entry.file.c_str()
+              << u": " << std::strerror(error) << endlog;
+        return;
+    }
+    m_log << timestamp << u"Registration kept in spool: " << entry.file.c_str() << endlog;
+    // Removed after the new entry is whole, so that a failed write costs nothing.
+    removeOldest(others, m_maxBytes - size);
+}
+
+void Spool::removeOldest(std::vector<SpoolEntry>& others, uint64_t room) {
+    uint64_t used = 0;
+    for (const SpoolEntry& e : others) used += e.fileSize;
+    for (const SpoolEntry& e : others) {
+        if (used <= room) break;
+        if (!remove(e)) continue;
+        used -= e.fileSize;
+        m_log << timestamp << u"Spool limit reached, removed: " << e.file.c_str() << endlog;
+    }
+}
+
+bool Spool::remove(const SpoolEntry& entry) {
+    if (rt::removeFile(entry.file) && rt::syncDirectoryOf(entry.file)) return true;
+    m_log << timestamp << u"Failed to remove spool entry " << entry.file.c_str() << u": "
+          << std::strerror(errno) << endlog;
+    return false;
+}
+
+void Spool::supersede(const SpoolEntry& key) {
+    for (const SpoolEntry& e : entries()) {
+        if (e.sameKey(key) && remove(e))
+            m_log << timestamp << u"Spooled registration superseded: " << e.file.c_str() << endlog;
+    }
+}
+
+std::vector<SpoolEntry> Spool::pending(const Destination& destination) {
+    std::vector<SpoolEntry> all = entries();
+    std::erase_if(all, [&](const SpoolEntry& e) { return !(e.destination == destination); });
+    return all;
+}
+
+bool Spool::readBody(const SpoolEntry& entry, std::string& body) {
+    std::ifstream in(entry.file, std::ios::binary);
+    SpoolEntry e;
+    uint64_t bodyBytes = 0;
+    if (readHeader(in, e, bodyBytes)) {
+        body.resize(bodyBytes);
+        in.read(body.data(), static_cast<std::streamsize>(bodyBytes));
+        if (in.gcount() == static_cast<std::streamsize>(bodyBytes) && in.peek() == EOF) return true;
+    }
+    m_log << timestamp << u"Spool entry unreadable, left alone: " << entry.file.c_str() << endlog;
+    return false;
+}
+
+void Spool::delivered(const SpoolEntry& entry) {
+    if (remove(entry))
+        m_log << timestamp << u"Spooled registration delivered: " << entry.file.c_str() << endlog;
+}
+
+void Spool::rejected(const SpoolEntry& entry, int status) {
+    const std::string dir = m_dir + "/rejected";
+    const std::string target = dir + entry.file.substr(entry.file.rfind('/'));
+    if (::mkdir(dir.c_str(), 0700) == 0) rt::syncDirectoryOf(dir);
+    if (::rename(entry.file.c_str(), target.c_str()) != 0 || !rt::syncDirectoryOf(target) ||
+        !rt::syncDirectoryOf(entry.file)) {
+        m_log << timestamp << u"Failed to move spool entry " << entry.file.c_str() << u" to "
+              << target.c_str() << u": " << std::strerror(errno) << endlog;
+        return;
+    }
+    m_log << timestamp << u"Spooled registration rejected (HTTP status " << status
+          << u"): moved to " << target.c_str() << endlog;
+}
+
+Spool::Totals Spool::totals(const std::string& dir) {
+    Totals t;
+    for (const std::string& name : names(dir)) {
+        struct stat st {};
+        if (!isEntryName(name) || ::stat((dir + "/" + name).c_str(), &st) != 0) continue;
+        ++t.entries;
+        t.bytes += static_cast<uint64_t>(st.st_size);
+    }
+    return t;
+}
+
+}  // namespace kivreg::api

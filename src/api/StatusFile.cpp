@@ -1,0 +1,64 @@
+#include "api/StatusFile.h"
+
+#include <cstdio>
+#include <fstream>
+
+#include "runtime/FileIo.h"
+
+namespace kivreg::api {
+namespace {
+
+constexpr std::string_view kLastSuccess = "kivreg_last_success_timestamp_seconds";
+
+std::string number(double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.3f", value);
+    return text;
+}
+
+double previousSuccess(const std::string& path) {
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with(kLastSuccess) && line.size() > kLastSuccess.size() &&
+            line[kLastSuccess.size()] == ' ')
+            return std::strtod(line.c_str() + kLastSuccess.size() + 1, nullptr);
+    }
+    return 0;  // never
+}
+
+}  // namespace
+
+int writeStatusFile(const std::string& path, const RunStatus& run) {
+    const double lastSuccess = run.success ? run.end : previousSuccess(path);
+    const struct {
+        std::string_view name, help;
+        std::string value;
+    } metrics[] = {
+        {"kivreg_last_run_timestamp_seconds", "When the last kivreg run ended.", number(run.end)},
+        {"kivreg_last_run_exit_status", "Exit status of the last run (0 success).",
+         std::to_string(run.exitStatus)},
+        {kLastSuccess, "When the directory last took a registration (0 never).",
+         number(lastSuccess)},
+        {"kivreg_last_http_status", "HTTP status of the last run's transfer (0 none).",
+         std::to_string(run.httpStatus)},
+        {"kivreg_last_body_bytes", "Bytes of the last run's transfer document.",
+         std::to_string(run.bodyBytes)},
+        {"kivreg_last_duration_seconds", "How long the last run took.",
+         number(run.end - run.start)},
+        {"kivreg_spool_entries", "Registrations waiting in the spool.",
+         std::to_string(run.spoolEntries)},
+        {"kivreg_spool_bytes", "Bytes of the registrations waiting in the spool.",
+         std::to_string(run.spoolBytes)},
+    };
+    std::string text;
+    for (const auto& m : metrics) {
+        const std::string name(m.name);
+        text += "# HELP " + name + " " + std::string(m.help) + "\n";
+        text += "# TYPE " + name + " gauge\n";
+        text += name + " " + m.value + "\n";
+    }
+    // Readable by the exporter, which runs as a user of its own.
+    return rt::replaceFile(path, text, 0644);
+}
+
+}  // namespace kivreg::api

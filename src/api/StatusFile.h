@@ -1,0 +1,24 @@
+#pragma once
+// The status file for monitoring: after every run, the Prometheus text format
+// that the node exporter's textfile collector reads, replaced atomically so
+// that the collector never reads half of it.
+
+#include <cstdint>
+#include <string>
+
+namespace kivreg::api {
+
+struct RunStatus {
+    double start = 0, end = 0;  // seconds since the epoch
+    int exitStatus = 0;
+    bool success = false;  // the directory took a registration in this run
+    int httpStatus = 0;    // 0: no answer
+    uint64_t bodyBytes = 0;
+    uint64_t spoolEntries = 0, spoolBytes = 0;
+};
+
+// The errno of a failure, 0 on success. A run that did not succeed carries
+// the last success over from the file it replaces.
+int writeStatusFile(const std::string& path, const RunStatus& run);
+
+}  // namespace kivreg::api
