@@ -9,9 +9,7 @@
 
 #include "model/Utf8Log.h"
 #include "runtime/textconv.h"
-#include "support/CCConv.h"
 #include "support/CLog.h"
-#include "support/LowerCase.h"
 
 namespace kivreg {
 
@@ -152,43 +150,9 @@ const PatternSet& PSymbols::placeholders() const {
     return *m_placeholders;
 }
 
-std::u16string PSymbols::getSymbolValue(const std::u16string& name) const {
-    const std::string key = utf8(name);
-    for (const PSymbol& s : m_symbols)
-        if (s.getName() == key) return CCConv::fromUTF8Str(s.getValue());
-    return {};
-}
-
-std::u16string PSymbols::getSymbolValueIgnCase(const std::u16string& name) const {
-    auto sameIgnCase = [](const std::u16string& a, const std::u16string& b) {
-        return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
-            return convertToLower(x) == convertToLower(y);
-        });
-    };
-    for (const PSymbol& s : m_symbols)
-        if (sameIgnCase(CCConv::fromUTF8Str(s.getName()), name))
-            return CCConv::fromUTF8Str(s.getValue());
-    return {};
-}
-
 bool PSymbols::checkSymbolFile(const std::u16string& fileName) {
     FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "r"));
     return file != nullptr;
-}
-
-const char16_t* PSymbols::maskLeadingBlanks(const char16_t* s) {
-    while (*s != u'\0' && isLeadingBlank(*s)) ++s;
-    return s;
-}
-
-void PSymbols::trimTrailingBlanks(char16_t* s) {
-    char16_t* end = s + std::char_traits<char16_t>::length(s);
-    while (end > s && isTrailingBlank(end[-1])) --end;
-    *end = u'\0';
-}
-
-char16_t PSymbols::convertToLower(char16_t c) {
-    return toLowerLatin1(c);
 }
 
 void PSymbols::printSymbols() const {

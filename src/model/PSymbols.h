@@ -81,15 +81,10 @@ public:
     void addSymbol(const std::u16string& name, const std::u16string& value);
     void removeSymbol(const std::u16string& name);
 
-    std::u16string getSymbolValue(const std::u16string& name) const;
-    std::u16string getSymbolValueIgnCase(const std::u16string& name) const;
     size_t getSymbolCount() const { return m_symbols.size(); }
     const std::vector<PSymbol>& symbols() const { return m_symbols; }
 
     static bool checkSymbolFile(const std::u16string& fileName);
-    static const char16_t* maskLeadingBlanks(const char16_t* s);
-    static void trimTrailingBlanks(char16_t* s);
-    static char16_t convertToLower(char16_t c);
 
     void printSymbols() const;
     // Replaces in the UTF-8 text in place; false when nothing changed. A
