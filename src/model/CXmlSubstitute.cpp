@@ -2,8 +2,6 @@
 // placeholder: the supplier header, attribute values, source formats and
 // property values.
 
-#include <unordered_map>
-
 #include "model/CXmlFile.h"
 #include "model/Utf8Log.h"
 #include "support/CLog.h"
@@ -55,33 +53,6 @@ bool CXmlFile::replaceSymbols() {
         return true;
     };
     CTextStore& texts = m_store->texts;
-    // Documents repeat the same placeholder value over and over. A text's
-    // result depends on the text alone as long as the document bound cannot
-    // stop it, which no text can do while more than the text bound is left;
-    // then a value seen before takes the result it had, growth and all.
-    struct Result {
-        std::string_view text;
-        size_t growth;
-    };
-    std::unordered_map<std::string_view, Result> seen;  // views into the store
-    auto replaceValue = [&](std::string_view& v) {
-        if (v.find(PSymbols::symbol_start) == std::string_view::npos) return;
-        const size_t left = budget.growthLeft;
-        if (left < PSymbols::MAX_TEXT_UNITS) {
-            replaceCopy(v, [&](const std::string& text) { v = texts.keep(text); });
-            return;
-        }
-        if (const auto it = seen.find(v); it != seen.end()) {
-            budget.growthLeft -= it->second.growth;
-            v = it->second.text;
-            return;
-        }
-        const std::string_view original = v;
-        replaceCopy(v, [&](const std::string& text) { v = texts.keep(text); });
-        if (budget.stopped != PSymbols::Budget::Stop::None) return;
-        if (seen.size() >= 4096) seen.clear();  // a bound on the memory it takes
-        seen.emplace(original, Result{v, left - budget.growthLeft});
-    };
     for (CGroup& g : m_groups) {
         const std::string group = "group " + quoted(g.getName());
         if (!replaceAttributes(g, group)) return false;
@@ -95,7 +66,7 @@ bool CXmlFile::replaceSymbols() {
                     });
                     for (std::string_view& v : prop.values()) {
                         if (budget.stopped != PSymbols::Budget::Stop::None) break;
-                        replaceValue(v);
+                        replaceCopy(v, [&](const std::string& text) { v = texts.keep(text); });
                     }
                     if (stopped([&] {
                             return cls + ", instance " + quoted(inst.getId()) + ", property " +

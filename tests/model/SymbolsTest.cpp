@@ -289,30 +289,5 @@ TEST(CXmlFile, SubstitutionBoundNamesTheText) {
     }
 }
 
-// Values repeated across instances take the result of the first, and each
-// is charged its growth: the document bound stops the 257th exactly.
-TEST(CXmlFile, RepeatedValuesCountTowardsTheDocumentBound) {
-    std::string doc = "<kivinfo supplier_name='S'><group name='G'><class name='C'>";
-    for (int i = 0; i < 300; ++i)
-        doc += "<instance inst_id='i" + std::to_string(i) +
-               "'><property name='P'><value>${big}</value></property></instance>";
-    LogCapture cap;
-    auto file = test::loadText(cap, doc + "</class></group></kivinfo>");
-    ASSERT_TRUE(file->isLoaded()) << cap.text();
-    PSymbols table(cap);
-    const std::u16string big(PSymbols::MAX_TEXT_UNITS - 8, u'x');
-    table.addSymbol(u"big", big);
-    file->setSymbols(table);
-    const size_t before = cap.messages().size();
-    EXPECT_FALSE(file->replaceSymbols());
-    EXPECT_EQ(test::loggedSince(cap, before),
-              "Replacing symbols in XML document.\n"
-              "Symbol substitution stopped: the document would grow by more than 268435456 units "
-              "in group \"G\", class \"C\", instance \"i256\", property \"P\".");
-    const auto& instances = file->groups()[0].classes()[0].instances();
-    EXPECT_EQ(instances[255].properties()[0].values()[0].size(), big.size());
-    EXPECT_EQ(instances[256].properties()[0].values()[0], "${big}");
-}
-
 }  // namespace
 }  // namespace kivreg
