@@ -4,13 +4,14 @@
 #
 #   bench/e2e.sh [build-dir] [sizes in MB ...]      (default: 0.01 1 10 100 300)
 #
-# For each size it prints the best wall time of kivreg (with symbols), of the
+# For each size it prints the median wall time of kivreg (with symbols), of the
 # floor (xmllint --sax --noout, then curl -T posting the file) and of the DOM
 # path (xmllint --noout, then curl --data-binary @file) and of curl alone
 # posting the file, kivreg's ratios to them,
 # kivreg's seconds per MB and its peak RSS over the document size; then
-# kivreg over HTTPS against curl posting the same file at 100 MB (or the
-# largest size asked for below it). Needs xmllint, curl, openssl, python3 and
+# kivreg over HTTPS against kivreg over HTTP and curl over HTTPS posting the
+# same file at 100 MB (or the largest size asked for below it). Medians of 5
+# runs (11 up to 1 MB), the commands taken in turn. Needs xmllint, curl, openssl, python3 and
 # about three times the largest document in free space under TMPDIR.
 set -euo pipefail
 
@@ -35,7 +36,7 @@ start_sink() {  # start_sink <log> [sink options]: echoes the pid; the port goes
     python3 "$here/sink.py" "$@" >"$log" 2>&1 &
     local pid=$!
     for _ in $(seq 100); do
-        grep -q "listening on" "$log" && break
+        grep -qs "listening on" "$log" && break
         sleep 0.05
     done
     echo "$pid"
@@ -47,19 +48,19 @@ url="http://127.0.0.1:$(port_of "$work/sink.log")/kiv/ds"
 port=$(port_of "$work/sink.log")
 
 now() { date +%s%N; }
-# best <runs> <command ...>: the shortest wall time in seconds.
-best() {
-    local runs=$1 shortest="" start took
+# took <file> <command ...>: appends the command's wall time in ns to the file.
+took() {
+    local file=$1 start
     shift
-    for _ in $(seq "$runs"); do
-        start=$(now)
-        "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
-        took=$(($(now) - start))
-        if [ -z "$shortest" ] || [ "$took" -lt "$shortest" ]; then shortest=$took; fi
-    done
-    awk -v ns="$shortest" 'BEGIN { printf "%.4f", ns / 1e9 }'
+    start=$(now)
+    "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
+    echo $(($(now) - start)) >>"$file"
 }
-runs_for() { awk -v mb="$1" 'BEGIN { print (mb <= 1 ? 10 : mb <= 10 ? 5 : 3) }'; }
+# median <file>: the median of the times in it, in seconds.
+median() {
+    sort -n "$1" | awk '{ t[NR] = $1 } END { printf "%.4f", (NR % 2 ? t[(NR + 1) / 2] : (t[NR / 2] + t[NR / 2 + 1]) / 2) / 1e9 }'
+}
+runs_for() { awk -v mb="$1" 'BEGIN { print (mb <= 1 ? 11 : 5) }'; }
 
 kivreg() {  # kivreg <doc> <symbols> [options]: one registration
     local doc=$1 sym=$2
@@ -78,10 +79,15 @@ for mb in "${sizes[@]}"; do
     "$build/kivreg_gen_documents" "$mb" "$doc" "$sym" >/dev/null
     bytes=$(stat -c %s "$doc")
     runs=$(runs_for "$mb")
-    k=$(best "$runs" kivreg "$doc" "$sym" -port "$port")
-    f=$(best "$runs" floor "$doc" "$url")
-    d=$(best "$runs" dom "$doc" "$url")
-    c=$(best "$runs" post "$doc" "$url")
+    rm -f "$work"/t.*
+    # Taken in turn, so that the load of the moment weighs on all alike.
+    for _ in $(seq "$runs"); do
+        took "$work/t.k" kivreg "$doc" "$sym" -port "$port"
+        took "$work/t.f" floor "$doc" "$url"
+        took "$work/t.d" dom "$doc" "$url"
+        took "$work/t.c" post "$doc" "$url"
+    done
+    k=$(median "$work/t.k") f=$(median "$work/t.f") d=$(median "$work/t.d") c=$(median "$work/t.c")
     /usr/bin/time -f %M -o "$work/rss" "$build/kivreg" -file "$doc" -symbolfile "$sym" \
         -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
     awk -v mb="$mb" -v k="$k" -v f="$f" -v d="$d" -v c="$c" -v b="$bytes" -v rss="$(cat "$work/rss")" \
@@ -109,7 +115,12 @@ tls_port=$(port_of "$work/tls.log")
 doc="$work/doc.xml" sym="$work/sym.properties"
 "$build/kivreg_gen_documents" "$tls_size" "$doc" "$sym" >/dev/null
 export SECUDIR="$work"
-k=$(best 3 kivreg "$doc" "$sym" -port "$tls_port" -usehttps)
-c=$(best 3 post "$doc" "https://127.0.0.1:$tls_port/kiv/ds" --cacert "$work/ca.pem")
-awk -v mb="$tls_size" -v k="$k" -v c="$c" \
-    'BEGIN { printf "HTTPS %s MB: kivreg %.4f s, curl %.4f s, kivreg/curl %.2f\n", mb, k, c, k / c }'
+rm -f "$work"/t.*
+for _ in $(seq 5); do
+    took "$work/t.k" kivreg "$doc" "$sym" -port "$tls_port" -usehttps
+    took "$work/t.h" kivreg "$doc" "$sym" -port "$port"
+    took "$work/t.c" post "$doc" "https://127.0.0.1:$tls_port/kiv/ds" --cacert "$work/ca.pem"
+done
+k=$(median "$work/t.k") h=$(median "$work/t.h") c=$(median "$work/t.c")
+awk -v mb="$tls_size" -v k="$k" -v h="$h" -v c="$c" \
+    'BEGIN { printf "HTTPS %s MB: kivreg %.4f s, over HTTP %.4f s, HTTPS/HTTP %.2f; curl %.4f s, kivreg/curl %.2f\n", mb, k, h, k / h, c, k / c }'

@@ -196,14 +196,17 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::strin
         log << timestamp << u"Failed to open HTTP connection!" << endlog;
         return {-2, u"connection failed", {}};
     }
-    if (s.progress) {
-        s.progress(0, body.size());  // the rate counts from here
-        proxy.setProgress(s.progress);
-    }
-    if (document) {
-        proxy.createBodyFromXML(std::move(body));
-    } else {
+    // An empty body of the document is rendered from it as it is sent.
+    if (!document) {
         proxy.setPreparedBody(std::move(body), oldFormat);
+    } else if (body.empty()) {
+        proxy.createBodyFromXML();
+    } else {
+        proxy.createBodyFromXML(std::move(body));
+    }
+    if (s.progress) {
+        s.progress(0, proxy.bodySize());  // the rate counts from here
+        proxy.setProgress(s.progress);
     }
     const int rc = proxy.send();
     body = proxy.takeBody();
@@ -350,8 +353,7 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
 
 // After the transfer: a failure that may pass later keeps the document; a
 // success makes the supplier's older entry moot and sends the others.
-void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Attempt& a,
-                std::string_view body) {
+void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Attempt& a) {
     const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
     if (dir.empty() || (a.result != 0 && a.reason.empty())) return;
     const CXmlFile& doc = *s.gpXmlFile;
@@ -363,7 +365,7 @@ void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Atte
     Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
     if (!spool.ok()) return;
     if (a.result != 0) {
-        spool.keep(key, body);
+        spool.keep(key, renderBody(s));
         return;
     }
     spool.supersede(key);
@@ -379,13 +381,15 @@ int transfer(ApiState& s, const ConnectData& c) {
     logTimeout(log, u"HTTP send timeout     = ", u"infinite", t.send);
     logTimeout(log, u"HTTP response timeout = ", u"infinite", t.receive);
 
-    std::string body = renderBody(s);
-    if (!writeOutput(s, body)) return -1;
-    s.lastBodyBytes = body.size();
+    // Only --output and the spool need the bytes whole. The model does not
+    // change from here, so each attempt renders the same bytes as it sends.
+    if (s.gArgs.isSwitchSet(CMDARG_OUTPUT) && !writeOutput(s, renderBody(s))) return -1;
+    s.lastBodyBytes = CHttpProxy::renderedSize(*s.gpXmlFile, CHttpProxy::TRANSFER_ENCODING_UTF8);
+    std::string body;
     const Attempt a = sendWithRetries(s, c, t, body);
     s.lastHttpStatus = a.answerCode;
     s.delivered = a.result == 0;
-    spoolAfter(s, c, t, a, body);
+    spoolAfter(s, c, t, a);
     return a.result;
 }
 

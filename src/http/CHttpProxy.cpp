@@ -118,16 +118,36 @@ void CHttpProxy::handleSecEnv() {
         *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
 }
 
-std::string CHttpProxy::renderBody(const CXmlFile& xmlFile, std::u16string_view encoding) {
+std::string CHttpProxy::declaration(std::u16string_view encoding) {
     std::string bytes = "<?xml version=\"1.0\" encoding=\"";
     rt::utf16ToUtf8Lenient(encoding, bytes);
     bytes += "\"?>";
+    return bytes;
+}
+
+std::string CHttpProxy::renderBody(const CXmlFile& xmlFile, std::u16string_view encoding) {
+    std::string bytes = declaration(encoding);
     xmlFile.appendBody(bytes);
     return bytes;
 }
 
+size_t CHttpProxy::renderedSize(const CXmlFile& xmlFile, std::u16string_view encoding) {
+    return declaration(encoding).size() + xmlFile.bodySize();
+}
+
 void CHttpProxy::createBodyFromXML(std::string bytes) {
     setPreparedBody(std::move(bytes), m_xmlFile->useOldTransferDtd());
+}
+
+void CHttpProxy::createBodyFromXML() {
+    setPreparedBody({}, m_xmlFile->useOldTransferDtd());
+    std::string head = declaration(m_encoding);
+    m_bodySize = head.size() + m_xmlFile->bodySize();
+    m_streamed = true;
+    m_request->setBodyWriter(
+        m_bodySize, [this, head = std::move(head)](size_t piece, const IHttpRequest::Piece& write) {
+            m_xmlFile->writeBody(head, piece, write);
+        });
 }
 
 void CHttpProxy::setPreparedBody(std::string bytes, bool oldFormat) {
@@ -135,6 +155,8 @@ void CHttpProxy::setPreparedBody(std::string bytes, bool oldFormat) {
     // replaces the header set at construction. The old format keeps it.
     if (!oldFormat) m_request->setHeaderline(DATA_SUPPLIER_XML_VERSION);
     m_request->addHeaderline(USER_AGENT);
+    m_streamed = false;
+    m_bodySize = bytes.size();
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
 }
 
@@ -149,7 +171,10 @@ void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> p
 int CHttpProxy::send() {
     if (m_trace) {
         *m_log << timestamp << u">>> BEGIN HTTP MESSAGE BODY >>>" << endlog;
-        *m_log << timestamp << Utf8(m_request->body()) << endlog;
+        if (m_streamed)
+            *m_log << timestamp << Utf8(renderBody(*m_xmlFile, m_encoding)) << endlog;
+        else
+            *m_log << timestamp << Utf8(m_request->body()) << endlog;
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);

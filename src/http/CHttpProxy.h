@@ -53,6 +53,11 @@ public:
     // Sets the header lines and takes the request body: bytes rendered by
     // renderBody, now or earlier, sent exactly as they are.
     void createBodyFromXML(std::string body);
+    // The same, but the body is rendered from the document as it is sent, a
+    // piece at a time: renderBody's bytes, never held whole beside the model.
+    void createBodyFromXML();
+    // The length of the body set, in bytes.
+    size_t bodySize() const { return m_bodySize; }
     // The same for bytes of either format kept from any earlier run.
     void setPreparedBody(std::string body, bool oldFormat);
     // Hands the request body back after send, for another attempt.
@@ -82,6 +87,10 @@ public:
     // into one buffer. The one place that yields them; createBodyFromXML
     // sends them, and sends bytes kept from an earlier rendering alike.
     static std::string renderBody(const CXmlFile& xmlFile, std::u16string_view encoding);
+    // What renderBody puts before the document.
+    static std::string declaration(std::u16string_view encoding);
+    // The length of what renderBody would give.
+    static size_t renderedSize(const CXmlFile& xmlFile, std::u16string_view encoding);
 
     int getNiRc() const { return m_niRc; }
     void setTrace() { m_trace = true; }
@@ -109,6 +118,8 @@ private:
     bool m_proxyUnusable = false;  // a proxy was named that cannot be used
     std::u16string m_encoding;
     bool m_trace = false;
+    bool m_streamed = false;  // the body is rendered from m_xmlFile as it is sent
+    size_t m_bodySize = 0;
     std::u16string m_retryAfter;
     int m_answerCode = -1;
 };

@@ -128,11 +128,11 @@ void HttpRequest::completeHeader() {
     }
     // A length line of the caller's own is not looked for: this one is
     // always added for a body.
-    if (!m_body.empty()) {
+    if (m_bodySize != 0) {
         addHeaderline(u"Content-Length: " +
-                      CGetStr<long long>::get(static_cast<long long>(m_body.size())));
+                      CGetStr<long long>::get(static_cast<long long>(m_bodySize)));
         Trace::instance().t(LEVEL, "HttpRequest::completeHeader",
-                            static_cast<long long>(m_body.size()));
+                            static_cast<long long>(m_bodySize));
     }
     addHeaderline(u"");
 }
@@ -148,22 +148,26 @@ int HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
 int HttpRequest::writeBody(int* rc) {
     int code = 0;
     int written = 0;
-    if (!m_body.empty()) {
-        if (!m_progress) {
+    // Each piece reports progress as it goes, and the first that fails ends the body.
+    const auto writePiece = [&](std::string_view piece) {
+        const int n = writeBuffer(piece, &code);
+        written += n;
+        if (m_progress) m_progress(static_cast<size_t>(written), m_bodySize);
+        return code == 0 && n == static_cast<int>(piece.size());
+    };
+    if (m_bodySize != 0) {
+        if (m_writer) {
+            m_writer(PROGRESS_STEP, writePiece);
+        } else if (!m_progress) {
             written = writeBuffer(m_body, &code);
         } else {
             const std::string_view body = m_body;
-            while (static_cast<size_t>(written) < body.size()) {
-                const std::string_view piece = body.substr(written, PROGRESS_STEP);
-                const int n = writeBuffer(piece, &code);
-                written += n;
-                m_progress(static_cast<size_t>(written), body.size());
-                if (code != 0 || n != static_cast<int>(piece.size())) break;
+            while (static_cast<size_t>(written) < body.size() &&
+                   writePiece(body.substr(written, PROGRESS_STEP))) {
             }
         }
         ++m_sendCount;
-        Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_body.size(),
-                            written);
+        Trace::instance().t(LEVEL, "HttpRequest::sendBody", m_sendCount, code, m_bodySize, written);
     }
     if (rc != nullptr) *rc = code;
     return written;
@@ -195,7 +199,21 @@ int HttpRequest::addHeaderline(std::u16string_view text) {
 
 int HttpRequest::setBody(std::string&& bytes) {
     m_body = std::move(bytes);
+    m_writer = nullptr;
+    m_bodySize = m_body.size();
     return static_cast<int>(m_body.size());
+}
+
+void HttpRequest::setBodyWriter(size_t size, BodyWriter writer) {
+    m_body.clear();
+    m_writer = std::move(writer);
+    m_bodySize = size;
+}
+
+std::string HttpRequest::takeBody() {
+    m_writer = nullptr;
+    m_bodySize = 0;
+    return std::exchange(m_body, {});
 }
 
 }  // namespace kivreg

@@ -18,8 +18,9 @@ public:
     int setHeaderline(std::u16string_view line) override;
     int addHeaderline(std::u16string_view line) override;
     int setBody(std::string&& bytes) override;
-    std::string takeBody() override { return std::exchange(m_body, {}); }
+    std::string takeBody() override;
     std::string_view body() const override { return m_body; }
+    void setBodyWriter(size_t size, BodyWriter writer) override;
     void setProgress(Progress progress) override { m_progress = std::move(progress); }
 
 private:
@@ -35,6 +36,8 @@ private:
     IIPConnection* m_connection;
     std::string m_header;
     std::string m_body;
+    BodyWriter m_writer;    // set instead of m_body for a rendered body
+    size_t m_bodySize = 0;  // of either
     int m_sendCount = 0;
     bool m_viaProxy = false;
     Progress m_progress;

@@ -38,6 +38,13 @@ public:
     virtual int setBody(std::string&& bytes) = 0;
     virtual std::string takeBody() = 0;  // gives them back, leaving the body empty
     virtual std::string_view body() const = 0;
+    // Instead of bytes held whole, a body of `size` bytes that the writer
+    // renders as it is sent, handing each piece (PROGRESS_STEP bytes but the
+    // last) to the function it is given and stopping when that says false.
+    // It is rendered again for each send, and must give the same bytes.
+    using Piece = std::function<bool(std::string_view)>;
+    using BodyWriter = std::function<void(size_t piece, const Piece& write)>;
+    virtual void setBodyWriter(size_t size, BodyWriter writer) = 0;
 
     // Told the bytes of the body written so far and their total, after each
     // piece of at most PROGRESS_STEP bytes; without it the body goes out in

@@ -6,14 +6,15 @@
 // references. Elements keep views and spans into the store, which lives as
 // long as the file that filled it; nothing in it moves or is freed before.
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
 #include <type_traits>
-#include <unordered_set>
 #include <vector>
 
 namespace kivreg {
@@ -60,8 +61,18 @@ public:
     // The store's one copy of name; it never moves.
     std::string_view intern(std::string_view name) {
         if (name.empty()) return {};
-        auto it = m_names.find(name);
-        return it != m_names.end() ? *it : *m_names.insert(keep(name)).first;
+        // Open addressing over a table at most half full: the names are few
+        // and short, and looked up for nearly every element.
+        if (m_namesHeld * 2 >= m_names.size()) growNames();
+        const size_t mask = m_names.size() - 1;
+        for (size_t i = hashOf(name) & mask;; i = (i + 1) & mask) {
+            std::string_view& slot = m_names[i];
+            if (slot.data() == nullptr) {
+                ++m_namesHeld;
+                return slot = keep(name);
+            }
+            if (slot == name) return slot;
+        }
     }
 
     // A lasting copy of text.
@@ -103,7 +114,25 @@ public:
 private:
     static constexpr size_t kBlockBytes = size_t(1) << 20;
 
-    std::unordered_set<std::string_view> m_names;
+    static size_t hashOf(std::string_view s) {
+        uint64_t h = 0xcbf29ce484222325u;  // FNV-1a
+        for (const char c : s) h = (h ^ static_cast<unsigned char>(c)) * 0x100000001b3u;
+        return static_cast<size_t>(h ^ (h >> 29));
+    }
+    void growNames() {
+        std::vector<std::string_view> old(std::max<size_t>(64, m_names.size() * 2));
+        old.swap(m_names);
+        const size_t mask = m_names.size() - 1;
+        for (const std::string_view name : old) {
+            if (name.data() == nullptr) continue;
+            size_t i = hashOf(name) & mask;
+            while (m_names[i].data() != nullptr) i = (i + 1) & mask;
+            m_names[i] = name;
+        }
+    }
+
+    std::vector<std::string_view> m_names;  // empty slots have no data
+    size_t m_namesHeld = 0;
     std::vector<std::unique_ptr<char[]>> m_blocks;
     char* m_free = nullptr;
     size_t m_left = 0;

@@ -343,6 +343,7 @@ private:
 };
 
 bool CXmlFile::loadStream(rt::XmlInputStream& in) {
+    forgetBodySizes();
     Builder builder(*this);
     rt::XmlParser parser;
     // Should the parse or the handler throw, what was said stays said.

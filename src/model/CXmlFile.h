@@ -3,6 +3,7 @@
 // file, a string or standard input, symbol replacement, reference
 // validation, the transfer bodies and the data trace dump.
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -110,12 +111,23 @@ public:
     // Appends the transfer body in the chosen format to out, which grows
     // once, to the exact length.
     void appendBody(std::string& out) const;
+    // The length of the body appendBody would append; counted once for each
+    // format until the model changes.
+    size_t bodySize() const;
+    // head and then the body, handed to write in pieces of exactly `piece`
+    // bytes (the last one shorter) from a buffer of that size; the model does
+    // not change after substitution, so every call gives the same bytes.
+    // False when write refused a piece: none are handed on after it.
+    bool writeBody(std::string_view head, size_t piece,
+                   const std::function<bool(std::string_view)>& write) const;
 
     // Writes the whole model to the log.
     void write2File() const;
 
 private:
     class Builder;
+    template <typename Out>
+    void render(Out& out) const;
     template <typename Out>
     void renderBody(Out& out) const;
     template <typename Out>
@@ -148,6 +160,9 @@ private:
     std::string m_supplierVendor;
     std::string m_modelVersion;
     bool m_oldTransferDtd = false;
+    static constexpr size_t kUncounted = ~size_t{0};
+    mutable size_t m_bodySizes[2] = {kUncounted, kUncounted};  // by m_oldTransferDtd
+    void forgetBodySizes() { m_bodySizes[0] = m_bodySizes[1] = kUncounted; }
     PSymbols m_symbols;
 };
 

@@ -6,12 +6,16 @@
 //
 // Each document is rendered twice by the same code: once into a counter for
 // its exact length, once into a buffer of that length, so that a large body
-// is allocated once and never copied.
+// is allocated once and never copied; or, for sending, into pieces of one
+// small buffer, so that the body and the model are never held side by side.
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
 #include <iterator>
+#include <memory>
+#include <span>
 
 #include "model/CXmlFile.h"
 
@@ -60,6 +64,32 @@ struct Writer {
         if (s.empty()) return;
         std::memcpy(at, s.data(), s.size());
         at += s.size();
+    }
+};
+
+// Fills the buffer to the brim before handing it on, so that the pieces are
+// the same whatever the texts' sizes; after a refused piece it only counts.
+struct Chunker {
+    std::span<char> buffer;
+    const std::function<bool(std::string_view)>& write;
+    size_t used = 0;
+    bool failed = false;
+
+    void put(std::string_view s) {
+        while (s.size() > buffer.size() - used) {
+            const size_t n = buffer.size() - used;
+            std::memcpy(buffer.data() + used, s.data(), n);
+            used = buffer.size();
+            s.remove_prefix(n);
+            flush();
+        }
+        if (s.empty()) return;
+        std::memcpy(buffer.data() + used, s.data(), s.size());
+        used += s.size();
+    }
+    void flush() {
+        if (!failed && used != 0) failed = !write(std::string_view(buffer.data(), used));
+        used = 0;
     }
 };
 
@@ -226,13 +256,35 @@ void CXmlFile::renderBodyOld(Out& out) const {
     out.put("</qordata>");
 }
 
+template <typename Out>
+void CXmlFile::render(Out& out) const {
+    if (m_oldTransferDtd)
+        renderBodyOld(out);
+    else
+        renderBody(out);
+}
+
+size_t CXmlFile::bodySize() const {
+    size_t& size = m_bodySizes[m_oldTransferDtd ? 1 : 0];
+    if (size == kUncounted) {
+        Counter length;
+        render(length);
+        size = length.bytes;
+    }
+    return size;
+}
+
+bool CXmlFile::writeBody(std::string_view head, size_t piece,
+                         const std::function<bool(std::string_view)>& write) const {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(piece);
+    Chunker out{{buffer.get(), piece}, write};
+    out.put(head);
+    render(out);
+    out.flush();
+    return !out.failed;
+}
+
 void CXmlFile::appendBody(std::string& out) const {
-    const auto render = [&](auto& sink) {
-        if (m_oldTransferDtd)
-            renderBodyOld(sink);
-        else
-            renderBody(sink);
-    };
     Counter length;
     render(length);
     const size_t base = out.size();

@@ -9,6 +9,7 @@
 namespace kivreg {
 
 bool CXmlFile::replaceSymbols() {
+    forgetBodySizes();
     *m_log << timestamp << u"Replacing symbols in XML document." << endlog;
     if (m_symbols.getSymbolCount() == 0) return true;
     const PSymbols& sym = m_symbols;

@@ -53,12 +53,23 @@ private:
 
 // True when a name written with this prefix (or none) and this local part
 // reads exactly as qname.
+// Most names asked for differ from the one written in their first bytes, so
+// the comparison stops there instead of measuring the name first.
+bool startsWithRest(const xmlChar*& text, std::string_view part) {
+    for (const char c : part)
+        if (*text++ != static_cast<xmlChar>(c)) return false;
+    return true;
+}
+
 bool sameQName(const xmlChar* prefixName, const xmlChar* name, std::string_view qname) {
-    std::string_view local = cs(name);
-    if (prefixName == nullptr) return local == qname;
-    std::string_view prefix = cs(prefixName);
-    return qname.size() == prefix.size() + 1 + local.size() && qname.starts_with(prefix) &&
-           qname[prefix.size()] == ':' && qname.ends_with(local);
+    if (prefixName != nullptr) {
+        const size_t colon = qname.find(':');
+        if (colon == std::string_view::npos ||
+            !startsWithRest(prefixName, qname.substr(0, colon)) || *prefixName != 0)
+            return false;
+        qname.remove_prefix(colon + 1);
+    }
+    return startsWithRest(name, qname) && *name == 0;
 }
 
 }  // namespace
