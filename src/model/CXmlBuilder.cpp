@@ -346,15 +346,14 @@ bool CXmlFile::loadStream(rt::XmlInputStream& in) {
     forgetBodySizes();
     Builder builder(*this);
     rt::XmlParser parser;
-    // Should the parse or the handler throw, what was said stays said.
+    // Should the parse or the handler throw, what was said stays said; after a
+    // failed parse has dropped the held lines, this release finds none.
     struct Hold {
         CLog& log;
-        bool write = true;
-        ~Hold() { log.releaseHeld(write); }
+        ~Hold() { log.releaseHeld(true); }
     } hold{*m_log};
     m_log->holdBack();
     if (!parser.parse(in, builder)) {
-        hold.write = false;
         m_log->releaseHeld(false);
         // A document that is not well-formed gives no model at all.
         m_groups.clear();
