@@ -127,9 +127,9 @@ constexpr ClassKind kClassKinds[] = {
 static_assert(CClass::TYPE_CLASS == 0 && CClass::TYPE_ROOT_CLASS == 1 &&
               CClass::TYPE_MEMBER_CLASS == 2);
 
-const ClassKind* classKind(int type) {
-    return type >= 0 && type < static_cast<int>(std::size(kClassKinds)) ? &kClassKinds[type]
-                                                                        : nullptr;
+// The builder makes classes of these three kinds only.
+const ClassKind& classKind(int type) {
+    return kClassKinds[type];
 }
 
 template <typename Out>
@@ -160,24 +160,16 @@ void putInstance(Out& out, const CInst& inst) {
 
 template <typename Out>
 void putClass(Out& out, const CClass& cls) {
-    const ClassKind* kind = classKind(cls.getTypeCode());
-    // A kind outside the three is made visible in the document rather than
-    // silently mapped to one of them.
-    if (kind != nullptr) {
-        out.put("<");
-        out.put(kind->tag);
-    } else {
-        out.put("INVALID CLASS TYPE");
-    }
+    const std::string_view tag = classKind(cls.getTypeCode()).tag;
+    out.put("<");
+    out.put(tag);
     putAttribute(out, " name=\"", cls.getName());
     putAttributes(out, cls);
     out.put(">");
     for (const CInst& inst : cls.instances()) putInstance(out, inst);
-    if (kind != nullptr) {
-        out.put("</");
-        out.put(kind->tag);
-        out.put(">");
-    }
+    out.put("</");
+    out.put(tag);
+    out.put(">");
 }
 
 // The older format: each instance under its class name; the target id of a
@@ -209,8 +201,7 @@ void putInstanceOld(Out& out, const CClass& c, const CInst& inst) {
 }  // namespace
 
 const char16_t* CClass::getType() const {
-    const ClassKind* kind = classKind(m_type);
-    return kind != nullptr ? kind->name : u"";
+    return classKind(m_type).name;
 }
 
 const CClass* CGroup::getClass(std::string_view name) const {
