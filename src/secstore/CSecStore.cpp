@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -154,16 +153,7 @@ void CSecStore::unsetKeyFile() {
 
 void CSecStore::generateKey() {
     std::array<unsigned char, ms_keyLen> key;
-    size_t got = 0;
-    while (got < key.size()) {
-        const ssize_t n = ::getrandom(key.data() + got, key.size() - got, 0);
-        if (n > 0) {
-            got += static_cast<size_t>(n);
-        } else if (n < 0 && errno != EINTR) {
-            break;
-        }
-    }
-    if (got < key.size() && RAND_bytes(key.data(), static_cast<int>(key.size())) != 1)
+    if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1)
         throw std::system_error(errno, std::generic_category(), "no random source for the key");
     setRandKeyBinary(key.data());
     OPENSSL_cleanse(key.data(), key.size());

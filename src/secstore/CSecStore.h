@@ -78,7 +78,7 @@ public:
     const std::u16string& getFileName() const { return m_fileName; }
     std::u16string getKeyFileName() const { return m_fileName + u".key"; }
 
-    // The random key: from the operating system's random source.
+    // The random key: from OpenSSL's generator, seeded by the operating system.
     void generateKey();
     // The old text form of the key: one 16-bit unit per key byte. Empty when
     // no random key is held.

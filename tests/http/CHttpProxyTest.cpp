@@ -238,6 +238,23 @@ TEST(ProxyConfig, EnvironmentAndOptionsChooseTheProxy) {
         {{{"all_proxy", "p:1?q"}}, {}, false, "dir", kInvalid},
         {{{"all_proxy", "p:1#f"}}, {}, false, "dir", kInvalid},
         {{{"all_proxy", "p:1/"}}, {}, false, "dir", "http://p:1"},
+        // Credentials %-decoded: hex digits of either case at the bounds of their ranges, UTF-8; a
+        // "%" without two hex digits behind it stays. The last "@" ends them.
+        {{{"all_proxy", "HTTP://%30%39%2a%2f%2A%2F:%3g%g3%:0%`0%@0%G0%4@[::1]"}}, {}, false,
+         "dir", "http://[::1]:1080 09*/*/:%3g%g3%:0%`0%@0%G0%4"},
+        {{{"all_proxy", "%C3%A4%e2%82%ac:p@x@p:1"}}, {}, false, "dir", "http://p:1 \xC3\xA4\xE2\x82\xAC:p@x"},
+        {{{"all_proxy", "http://[::1"}}, {}, false, "dir", "http://[::1]:1080"},
+        {{{"all_proxy", "http://[::1]x:1"}}, {}, false, "dir", "http://[::1]:1080"},
+        // Scheme characters: a letter, then also digits, "+", "-" and "."; "a:b" has no
+        // authority; text with "://" but no scheme names none.
+        {{{"all_proxy", "Zz09+-.://h"}}, {}, false, "dir", "Unsupported proxy scheme: Zz09+-."},
+        {{{"all_proxy", "a:b://h"}}, {}, false, "dir", "Unsupported proxy scheme: a"},
+        {{{"all_proxy", "1a://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
+        {{{"all_proxy", "@a://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
+        {{{"all_proxy", "{a://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
+        {{{"all_proxy", "a@://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
+        {{{"all_proxy", "a[://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
+        {{{"all_proxy", "a/://h"}}, {}, false, "dir", "Unsupported proxy scheme: "},
         {{{"all_proxy", "http://:1"}}, {}, false, "dir", kInvalid},
         {{{"all_proxy", "p:1/path"}}, {}, false, "dir", kInvalid},
         // clang-format on
