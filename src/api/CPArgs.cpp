@@ -1,11 +1,9 @@
 #include "api/CPArgs.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <optional>
 
 #include "api/Vocabulary.h"
-#include "support/CLog.h"
 #include "support/LowerCase.h"
 
 namespace kivreg {
@@ -114,37 +112,6 @@ int32_t CPArgs::getNumber(std::u16string_view text) {
     }
     if (negative) return static_cast<int32_t>(std::max(-value, -kMax - 1));
     return static_cast<int32_t>(std::min(value, kMax));
-}
-
-char16_t CPArgs::convertToLower(char16_t c) {
-    return toLowerLatin1(c);
-}
-
-void CPArgs::printArgs(CLog& log) const {
-    for (const CPArg& a : m_args) {
-        log << timestamp << a.getName();
-        if (a.hasValue()) log << u' ' << a.getValue();
-        log << endlog;
-    }
-}
-
-void CPArgs::printArgs() const {
-    std::u16string lines;
-    for (const CPArg& a : m_args) {
-        lines += a.getName();
-        if (a.hasValue()) lines += u' ' + a.getValue();
-        lines += u'\n';
-    }
-    writeText(stdout, lines);
-}
-
-std::u16string CPArgs::concatString(char16_t** argv, std::u16string_view prefix) const {
-    std::u16string out(prefix);
-    for (char16_t** p = argv; p != nullptr && *p != nullptr; ++p) {
-        if (p != argv) out += u' ';
-        out += *p;
-    }
-    return out;
 }
 
 }  // namespace kivreg

@@ -10,8 +10,6 @@
 
 namespace kivreg {
 
-class CLog;
-
 class CPArgs {
 public:
     class CPArg {
@@ -67,12 +65,6 @@ public:
     // The value of a numeric text; 2147483647 for one that is not numeric.
     // Beyond the 32-bit range the result sticks at the nearer limit.
     static int32_t getNumber(std::u16string_view text);
-    static char16_t convertToLower(char16_t c);
-
-    void printArgs(CLog& log) const;
-    void printArgs() const;
-    std::u16string concatString(char16_t** argv) const { return concatString(argv, u""); }
-    std::u16string concatString(char16_t** argv, std::u16string_view prefix) const;
 
     const std::vector<CPArg>& entries() const { return m_args; }
 

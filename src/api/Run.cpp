@@ -311,8 +311,9 @@ Destination destinationOf(const ConnectData& c) {
     std::transform(host.begin(), host.end(), host.begin(), [](char ch) {
         return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + 32) : ch;
     });
-    return {c.useHttps, host, std::to_string(CPArgs::getNumber(c.port)),
-            "/" + CCConv::toUTF8Str(CHttpProxy::ms_dsServletUrl)};
+    std::string path(1, '/');
+    path += CCConv::toUTF8Str(CHttpProxy::ms_dsServletUrl);
+    return {c.useHttps, host, std::to_string(CPArgs::getNumber(c.port)), path};
 }
 
 // Sends the entries kept for c's destination, oldest first, one attempt each.

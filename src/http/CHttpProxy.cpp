@@ -103,10 +103,6 @@ int CHttpProxy::connect() {
     return m_niRc;
 }
 
-int CHttpProxy::openFile() {
-    return connect();
-}
-
 void CHttpProxy::handleSecEnv() {
     if (std::getenv("SECUDIR") != nullptr) return;
     char dir[PATH_MAX];

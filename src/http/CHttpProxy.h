@@ -47,8 +47,6 @@ public:
     CHttpProxy(const CHttpProxy&) = delete;
     CHttpProxy& operator=(const CHttpProxy&) = delete;
 
-    // Connects; returns the open flag as 0 or 1.
-    int openFile();
     bool isOpen() const { return m_open; }
     // Sets the header lines and takes the request body: bytes rendered by
     // renderBody, now or earlier, sent exactly as they are.

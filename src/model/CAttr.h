@@ -25,8 +25,6 @@ public:
     const std::string& getValue() const { return m_value.empty() ? m_default : m_value; }
 
     bool isValid() const;
-    // Attribute names match ignoring case.
-    bool operator==(std::string_view name) const;
 
 private:
     std::string m_name;

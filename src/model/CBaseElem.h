@@ -17,11 +17,6 @@ public:
 
     void addAttribute(CAttr attr) { m_attributes.push_back(std::move(attr)); }
 
-    // First attribute whose name matches ignoring case, or attributes().end().
-    AttrList::const_iterator getAttribute(std::string_view name) const;
-    // Its value (or default); empty when there is no such attribute.
-    std::string getAttributeValue(std::string_view name) const;
-
     const AttrList& attributes() const { return m_attributes; }
     AttrList& attributes() { return m_attributes; }
 

@@ -20,8 +20,6 @@ public:
     const std::string& getName() const { return m_name; }
 
     void addClass(CClass cls) { m_classes.push_back(std::move(cls)); }
-    // First class of exactly this name (case counts), or null.
-    const CClass* getClass(std::string_view name) const;
     const ClassList& classes() const { return m_classes; }
     ClassList& classes() { return m_classes; }
 

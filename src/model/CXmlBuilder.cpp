@@ -172,12 +172,6 @@ void sortKeepingLast(std::vector<Entry>& entries, Key key) {
 
 }  // namespace
 
-std::string CXmlFile::trimValue(std::string_view text) {
-    std::string out(text);
-    out.resize(normaliseValue(out.data(), out.size()));
-    return out;
-}
-
 // Builds the model from the parser's events. Elements are recognised by
 // their depth and name; anything else is passed over with what it holds. A
 // rejected root, group or class stops the building there: what was built
@@ -436,17 +430,6 @@ void CXmlFile::addGroup(CGroup&& group) {
     // References resolve against the last group of a name; all are kept in order.
     m_groupsByName.insert_or_assign(group.getName(), m_groups.size());
     m_groups.push_back(std::move(group));
-}
-
-const CGroup* CXmlFile::findGroup(std::string_view name) const {
-    auto it = m_groupsByName.find(name);
-    return it == m_groupsByName.end() ? nullptr : &m_groups[it->second];
-}
-
-bool CXmlFile::hasGroupOfType(std::string_view type) const {
-    for (const CGroup& g : m_groups)
-        if (g.getAttributeValue("group_type") == type) return true;
-    return false;
 }
 
 }  // namespace kivreg

@@ -82,10 +82,6 @@ public:
 
     bool load();
     bool load(const std::u16string& data);
-    // The whole of standard input; its last character comes out twice.
-    static std::u16string getStdin();
-    // A value text without line breaks, tabs as blanks, blank runs condensed.
-    static std::string trimValue(std::string_view text);
 
     bool isLoaded() const { return m_loaded; }
     const std::string& getSupplierName() const { return m_supplierName; }
@@ -95,9 +91,6 @@ public:
     const std::u16string& getFileName() const { return m_fileName; }
 
     const GroupList& groups() const { return m_groups; }
-    // The group a reference to this name resolves to (the last of that name).
-    const CGroup* findGroup(std::string_view name) const;
-    bool hasGroupOfType(std::string_view type) const;
 
     void setSymbols(const PSymbols& symbols) { m_symbols = symbols; }
     const PSymbols& getSymbols() const { return m_symbols; }

@@ -204,12 +204,6 @@ const char16_t* CClass::getType() const {
     return classKind(m_type).name;
 }
 
-const CClass* CGroup::getClass(std::string_view name) const {
-    auto it = std::find_if(m_classes.begin(), m_classes.end(),
-                           [&](const CClass& c) { return c.getName() == name; });
-    return it == m_classes.end() ? nullptr : &*it;
-}
-
 std::string CProp::escapeXML(std::string_view value) {
     Counter n;
     putEscaped(n, value);

@@ -44,7 +44,11 @@ bool CXmlFile::replaceSymbols() {
         work.assign(text);
         if (sym.replaceSymbolsInPlace(work, budget)) set(work);
     };
-    auto quoted = [](std::string_view s) { return "\"" + std::string(s) + "\""; };
+    auto quoted = [](std::string_view s) {
+        std::string q;
+        q.reserve(s.size() + 2);
+        return q.append(1, '"').append(s).append(1, '"');
+    };
     auto replaceAttributes = [&](CBaseElem& elem, const std::string& owner) {
         for (CAttr& a : elem.attributes()) {
             replaceCopy(a.getValue(), [&](const std::string& v) { a.setValue(v); });

@@ -103,10 +103,6 @@ int PSymbols::addSymbols(const std::u16string& fileName) {
     return rc;
 }
 
-int PSymbols::addSymbol(const char16_t* line) {
-    return addSymbol(line != nullptr ? std::u16string_view(line) : std::u16string_view());
-}
-
 int PSymbols::addSymbol(std::u16string_view line) {
     std::u16string_view text = line;
     while (!text.empty() && isTrailingBlank(text.back())) text.remove_suffix(1);

@@ -75,7 +75,6 @@ public:
     // malformed text), or the first failing line's code.
     int addSymbols(const std::u16string& fileName);
     // One line of a symbol file: 1 (defined or skipped), -1, -2.
-    int addSymbol(const char16_t* line);
     int addSymbol(std::u16string_view line);
     // Replaces every symbol of that name; the new one goes to the end.
     void addSymbol(const std::u16string& name, const std::u16string& value);

@@ -136,10 +136,6 @@ std::u16string CSecStore::get(const std::u16string& key) const {
     return it == m_entries.end() ? std::u16string() : it->second;
 }
 
-void CSecStore::remove(const std::u16string& key) {
-    m_entries.erase(key);
-}
-
 void CSecStore::setKeyFile() {
     if (!m_randKey) generateKey();
     m_useKeyFile = true;
@@ -159,13 +155,6 @@ void CSecStore::generateKey() {
     OPENSSL_cleanse(key.data(), key.size());
 }
 
-std::u16string CSecStore::getRandKeyString() const {
-    std::u16string out;
-    if (m_randKey)
-        for (unsigned char b : *m_randKey) out.push_back(b);
-    return out;
-}
-
 bool CSecStore::setRandKey(const std::u16string& keyText) {
     if (keyText.size() != ms_keyLen) return false;
     std::array<unsigned char, ms_keyLen> key;
@@ -177,10 +166,6 @@ bool CSecStore::setRandKey(const std::u16string& keyText) {
 void CSecStore::setRandKeyBinary(const unsigned char* key) {
     m_randKey.emplace();
     std::memcpy(m_randKey->data(), key, ms_keyLen);
-}
-
-const unsigned char* CSecStore::getRandKeyBinary() const {
-    return m_randKey ? m_randKey->data() : nullptr;
 }
 
 const unsigned char* CSecStore::activeKey() const {
@@ -201,16 +186,6 @@ CSecStore::Bytes CSecStore::decryptBinary(const unsigned char* data, size_t size
     return out;
 }
 
-std::string CSecStore::encodeBytes(const Bytes& bytes) {
-    std::string out(4, ' ');
-    out.reserve(4 + 2 * bytes.size());
-    for (unsigned char b : bytes) {
-        out.push_back(static_cast<char>((b & 0x0F) + 0x20));
-        out.push_back(static_cast<char>((b >> 4) + 0x20));
-    }
-    return out;
-}
-
 std::optional<CSecStore::Bytes> CSecStore::decodeBytes(std::string_view text) {
     if (text.substr(0, 4) != "    ") return std::nullopt;
     Bytes out;
@@ -220,23 +195,6 @@ std::optional<CSecStore::Bytes> CSecStore::decodeBytes(std::string_view text) {
         const unsigned hi = static_cast<unsigned char>(text[pos + 1]);
         out.push_back(static_cast<unsigned char>((16 * hi + lo - 0x20) & 0xFF));
     }
-    return out;
-}
-
-std::u16string CSecStore::encrypt(const std::u16string& text, const unsigned char* key) {
-    if (text.empty()) return {};
-    Bytes bytes;
-    bytes.reserve(2 * text.size());
-    for (char16_t unit : text) {
-        bytes.push_back(static_cast<unsigned char>(unit >> 8));
-        bytes.push_back(static_cast<unsigned char>(unit & 0xFF));
-    }
-    DesCipher(key).encrypt(bytes.data(), bytes.size());
-    const std::string nibbles = encodeBytes(bytes);
-    // Two nibble characters to a unit, in memory order: the unit string's
-    // bytes are the nibble text itself. Its length is always even.
-    std::u16string out(nibbles.size() / 2, u'\0');
-    std::memcpy(out.data(), nibbles.data(), nibbles.size());
     return out;
 }
 
@@ -290,10 +248,6 @@ std::u16string CSecStore::getFileUnifier() {
         std::strftime(text, sizeof text, "%Y%m%d%H%M%S", &local) > 0)
         return std::u16string(text, text + std::strlen(text));
     return CGetStr<unsigned int>::get(std::random_device{}());
-}
-
-bool CSecStore::unifyFile(const std::u16string& path) {
-    return unifyFile(path, getFileUnifier());
 }
 
 bool CSecStore::unifyFile(const std::u16string& path, const std::u16string& stamp,

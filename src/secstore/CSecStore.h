@@ -49,7 +49,6 @@ public:
     void add(const std::u16string& key, const std::u16string& value);
     // Empty when the key is absent.
     std::u16string get(const std::u16string& key) const;
-    void remove(const std::u16string& key);
     const Entries& getAll() const { return m_entries; }
 
     // Writes the connection file (and the key file when one is used) and
@@ -63,7 +62,6 @@ public:
 
     // Keeps `path` also as "<path>.<stamp>" (".1", ".2", ... appended when
     // that name is taken). A file that cannot be opened counts as done.
-    bool unifyFile(const std::u16string& path);
     // made: the backup's name, when one was made.
     bool unifyFile(const std::u16string& path, const std::u16string& stamp,
                    std::u16string* made = nullptr);
@@ -80,25 +78,19 @@ public:
 
     // The random key: from OpenSSL's generator, seeded by the operating system.
     void generateKey();
-    // The old text form of the key: one 16-bit unit per key byte. Empty when
-    // no random key is held.
-    std::u16string getRandKeyString() const;
     // Takes the low byte of each of exactly ms_keyLen units; false otherwise.
     bool setRandKey(const std::u16string& keyText);
     void setRandKeyBinary(const unsigned char* key);
-    // Null when no random key is held.
-    const unsigned char* getRandKeyBinary() const;
 
-    // The old text form: bytes of the 16-bit text (high byte first), encrypted,
-    // written as nibble text and packed two characters to a unit.
-    static std::u16string encrypt(const std::u16string& text, const unsigned char* key);
+    // The old text form, still read: bytes of the 16-bit text (high byte
+    // first), encrypted, written as nibble text and packed two characters to
+    // a unit.
     static std::u16string decrypt(const std::u16string& text, const unsigned char* key);
     // The binary form: a copy of the data, encrypted in place; same length.
     static Bytes encryptBinary(const unsigned char* data, size_t size, const unsigned char* key);
     static Bytes decryptBinary(const unsigned char* data, size_t size, const unsigned char* key);
 
     // Four blanks, then per byte the low and the high nibble plus 0x20.
-    static std::string encodeBytes(const Bytes& bytes);
     // Nothing when the four leading blanks are missing.
     static std::optional<Bytes> decodeBytes(std::string_view text);
 

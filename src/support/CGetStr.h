@@ -11,7 +11,7 @@ template <typename T>
 struct CGetStr {
     static_assert(std::is_integral_v<T>);
     static std::u16string get(const T& value) {
-        char digits[24];
+        char digits[24] = {};
         auto [end, ec] = std::to_chars(digits, digits + sizeof digits, value);
         (void)ec;  // 24 characters hold every 64-bit value
         return std::u16string(digits, end);

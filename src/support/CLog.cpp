@@ -22,10 +22,6 @@ void writeText(std::FILE* stream, std::u16string_view text) {
 
 CLog::CLog() = default;
 
-CLog::CLog(const std::u16string& fileName) : m_fileName(fileName) {
-    openFile();
-}
-
 CLog::~CLog() {
     close();
 }
@@ -116,19 +112,7 @@ CLog& CLog::appendNumber(T value) {
 CLog& CLog::operator<<(int value) {
     return appendNumber(value);
 }
-CLog& CLog::operator<<(unsigned int value) {
-    return appendNumber(value);
-}
-CLog& CLog::operator<<(long value) {
-    return appendNumber(value);
-}
 CLog& CLog::operator<<(unsigned long value) {
-    return appendNumber(value);
-}
-CLog& CLog::operator<<(long long value) {
-    return appendNumber(value);
-}
-CLog& CLog::operator<<(unsigned long long value) {
     return appendNumber(value);
 }
 

@@ -12,7 +12,6 @@ namespace kivreg {
 class CLog {
 public:
     CLog();
-    explicit CLog(const std::u16string& fileName);
     ~CLog();
     CLog(const CLog&) = delete;
     CLog& operator=(const CLog&) = delete;
@@ -42,11 +41,7 @@ public:
     CLog& operator<<(const char* utf8);
     CLog& operator<<(bool value);
     CLog& operator<<(int value);
-    CLog& operator<<(unsigned int value);
-    CLog& operator<<(long value);
     CLog& operator<<(unsigned long value);
-    CLog& operator<<(long long value);
-    CLog& operator<<(unsigned long long value);
     CLog& operator<<(CLog& (*manipulator)(CLog&)) { return manipulator(*this); }
     CLog& operator<<(char) = delete;  // would print as a number
 

@@ -188,18 +188,24 @@ TEST(CXmlFileLoad, LargeDocuments) {
     }
 }
 
-TEST(CXmlFileLoad, ValueTextIsNormalised) {
-    // Line breaks go without a trace, tabs become blanks, blank runs one blank.
-    const std::pair<std::string, std::string> valueCases[] = {
-        {"  a\r\n\tb  ", "a b"}, {"line\nbreak", "linebreak"}, {"\t", ""}};
-    for (const auto& [in, out] : valueCases) EXPECT_EQ(CXmlFile::trimValue(in), out) << in;
-}
-
 std::string inValue(const std::string& text) {
     return "<kivinfo supplier_name='S'><group name='G'><class name='C'><instance><property "
            "name='P'>"
            "<value>" +
            text + "</value></property></instance></class></group></kivinfo>";
+}
+
+TEST(CXmlFileLoad, ValueTextIsNormalised) {
+    // Line breaks go without a trace, tabs become blanks, blank runs one blank.
+    const std::pair<std::string, std::string> valueCases[] = {
+        {"  a\r\n\tb  ", "a b"}, {"line\nbreak", "linebreak"}, {"\t", ""}};
+    for (const auto& [in, out] : valueCases) {
+        LogCapture cap;
+        const CXmlFile file(cap, u16(inValue(in)), 0);
+        ASSERT_TRUE(file.isLoaded()) << cap.text();
+        const CInst& inst = file.groups()[0].classes()[0].instances()[0];
+        EXPECT_EQ(std::string(inst.properties().front().values().front()), out) << in;
+    }
 }
 
 std::string billionLaughs(bool inAttribute) {

@@ -148,15 +148,21 @@ TEST_F(StoreFiles, StoreAndFetchRoundTrip) {
             CSecStore store(log, u16(data), keyFile);
             fillFive(store, password);
             ASSERT_TRUE(store.store());
-            const unsigned char* k = keyFile ? store.getRandKeyBinary() : CSecStore::ms_key;
-            EXPECT_EQ(readFile(data), binaryFile(u8(store.mapToString()), k));
             const fs::perms ownerOnly = fs::perms::owner_read | fs::perms::owner_write;
             EXPECT_EQ(fs::status(data).permissions(), ownerOnly);
-            EXPECT_EQ(fs::exists(key), keyFile);
+            ASSERT_EQ(fs::exists(key), keyFile);
+            std::string randomKey;
             if (keyFile) {
-                EXPECT_EQ(readFile(key), HEADER + std::string(k, k + 8));
+                randomKey = readFile(key);
+                ASSERT_EQ(randomKey.size(), HEADER.size() + 8);
+                EXPECT_EQ(randomKey.substr(0, HEADER.size()), HEADER);
+                randomKey.erase(0, HEADER.size());
+                EXPECT_NE(randomKey, std::string(CSecStore::ms_key, CSecStore::ms_key + 8));
                 EXPECT_EQ(fs::status(key).permissions(), ownerOnly);
             }
+            const auto* k = keyFile ? reinterpret_cast<const unsigned char*>(randomKey.data())
+                                    : CSecStore::ms_key;
+            EXPECT_EQ(readFile(data), binaryFile(u8(store.mapToString()), k));
 
             CSecStore back(log, u16(data));  // the key file beside the data decides
             ASSERT_TRUE(back.fetch());

@@ -103,7 +103,8 @@ TEST(CLog, EntriesGoToStdoutAndFileInTheSameOrder) {
     TempDir dir;
     testing::internal::CaptureStdout();
     {
-        CLog log(u16(dir / "run.log"));
+        CLog log;
+        log.setFileName(u16(dir / "run.log"));
         log << timestamp << u"first " << (-2147483647 - 1) << u' ' << true << endlog;
         log << timestamp << u"second " << 18446744073709551615UL << u' ' << false << endlog;
         log << timestamp << u"" << endlog;
@@ -125,8 +126,13 @@ TEST(CLog, EntriesGoToStdoutAndFileInTheSameOrder) {
 TEST(CLog, FilesAreAppendedAndSwitched) {
     TempDir dir;
     testing::internal::CaptureStdout();
-    { CLog(u16(dir / "a.log")) << u"run one" << endlog; }
-    CLog log(u16(dir / "a.log"));
+    {
+        CLog first;
+        first.setFileName(u16(dir / "a.log"));
+        first << u"run one" << endlog;
+    }
+    CLog log;
+    log.setFileName(u16(dir / "a.log"));
     log << u"to a" << endlog;
     log.setFileName(u16(dir / "b.log"));
     log << u"to b" << endlog;

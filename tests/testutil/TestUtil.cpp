@@ -55,7 +55,9 @@ std::u16string u16(const std::filesystem::path& path) {
     return u16(path.string());
 }
 
-LogCapture::LogCapture() : m_log(std::make_unique<CLog>(u16(m_dir / "test.log"))) {}
+LogCapture::LogCapture() : m_log(std::make_unique<CLog>()) {
+    m_log->setFileName(u16(m_dir / "test.log"));
+}
 
 std::vector<std::string> LogCapture::lines() const {
     std::vector<std::string> out;
