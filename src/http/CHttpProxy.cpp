@@ -179,7 +179,6 @@ int CHttpProxy::send() {
 
 CHttpProxy::AnswerBody CHttpProxy::readAnswerBody(IHttpResponse& response) {
     AnswerBody body;
-    if (!response.expectsBody()) return body;
     std::string raw;
     int rc = 0;
     while (response.readRawBody(&rc) >= 1) raw += response.getRawBody();

@@ -18,9 +18,6 @@ public:
     int getStatusCode() const override { return m_statusCode; }
     bool isChunked() const override { return m_chunked; }
     long long getContentLength() const override { return m_contentLength; }
-    bool expectsBody() const override {
-        return m_haveStatus && !m_bodyDone && (m_chunked || m_contentLength > 0);
-    }
 
     int getHeaderLen() const override { return static_cast<int>(m_header.size()); }
     int getRawHeaderLen() const override { return static_cast<int>(m_rawHeader.size()); }

@@ -35,8 +35,6 @@ public:
     virtual int getStatusCode() const = 0;
     virtual bool isChunked() const = 0;
     virtual long long getContentLength() const = 0;
-    // Whether the answer announced a body that has not been read yet.
-    virtual bool expectsBody() const = 0;
 
     virtual int getHeaderLen() const = 0;
     virtual int getRawHeaderLen() const = 0;

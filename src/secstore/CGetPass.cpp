@@ -88,12 +88,6 @@ void releaseSignals() {
         ::sigaction(kHandled[i], &g_previous[i], nullptr);
 }
 
-// Syncs standard input with its file. Where the input cannot seek (terminal,
-// pipe) stdio keeps what it has read ahead, so keys typed early are not lost.
-void flushStdin() {
-    std::fflush(stdin);
-}
-
 // One byte, or -1 at the end of the input.
 int byte() {
     for (;;) {
@@ -143,7 +137,6 @@ bool isSurrogatePairEnd(const char16_t* text, size_t len) {
 }  // namespace
 
 bool CGetPass::setTermToRawMode() {
-    flushStdin();
     TermState& t = term();
     if (::tcgetattr(0, &t.saved) != 0) {
         t.savedValid = false;
@@ -171,7 +164,6 @@ void CGetPass::setTermToOrgMode() {
         releaseSignals();
         t.savedValid = false;
     }
-    flushStdin();
 }
 
 void CGetPass::getHiddenInput(char16_t* buffer) {

@@ -188,6 +188,11 @@ TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
         if (line != std::string::npos) {
             EXPECT_NE(r.out.find(" MiB of 1.", line), std::string::npos);
             EXPECT_NE(r.out.find(" MiB/s", line), std::string::npos);
+            // Blanked and returned over before the log goes on: the next
+            // entry's date starts at the line's beginning.
+            const size_t next = r.out.find("HTTP send successful.", line);
+            ASSERT_GT(next, line + 27);
+            EXPECT_EQ(r.out.substr(next - 27, 2), " \r") << r.out.substr(line, next - line);
         }
     }
     EXPECT_EQ(server.stored().size(), 2u);

@@ -51,14 +51,19 @@ protected:
                                             https);
     }
     // One registration against a server that answers `bytes`: the status and the request.
-    std::pair<int, std::string> run(const std::string& bytes, bool trace = false) {
+    // The body is rendered beforehand or, streamed, while it is sent.
+    std::pair<int, std::string> run(const std::string& bytes, bool trace = false,
+                                    bool streamed = false) {
         TestServer server([&](Peer& p) { p.readRequest(), p.send(bytes); });
         auto p = proxy(server.port());
         if (trace) p->setTrace();
         p->setProgress(
             [&](size_t written, size_t total) { m_progress.emplace_back(written, total); });
         EXPECT_TRUE(p->isOpen());
-        p->createBodyFromXML(CHttpProxy::renderBody(m_doc, CHttpProxy::TRANSFER_ENCODING_UTF8));
+        if (streamed)
+            p->createBodyFromXML();
+        else
+            p->createBodyFromXML(CHttpProxy::renderBody(m_doc, CHttpProxy::TRANSFER_ENCODING_UTF8));
         EXPECT_EQ(p->send(), 0);
         const int status = p->receive();
         server.join();
@@ -80,9 +85,13 @@ TEST_F(CHttpProxyTest, StandardAndOldFormatRequests) {
     EXPECT_EQ(messages[1], kOpened);
     EXPECT_EQ(messages[2], "Return code: 200 --- Return message: (OK)");
 
+    EXPECT_EQ(run(kOk, false, true).second, request("dsxmlversion:2.0", body()));
+
     m_doc.setOldTransferDtd(true);
     EXPECT_NE(body().find("<qordata "), std::string::npos);
-    EXPECT_EQ(run(kOk).second, request("Content-type: text/xml; charset=\"utf-8\"", body()));
+    for (const bool streamed : {false, true})
+        EXPECT_EQ(run(kOk, false, streamed).second,
+                  request("Content-type: text/xml; charset=\"utf-8\"", body()));
 }
 
 TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOneOrRaises) {

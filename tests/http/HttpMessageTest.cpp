@@ -133,7 +133,9 @@ Answer readAnswer(const std::string& script, int readBufferSize) {
     r.setReadBufferSize(readBufferSize);
     Answer a;
     a.skipped = r.readHeaderSkip100(&a.headerRc);
-    while (r.expectsBody() && r.readBody(&a.bodyRc) >= 1) a.body += r.getBody();
+    // Up to the first failure: a later call would report the finished body.
+    for (int n = 1; n >= 1 && a.bodyRc == 0;)
+        if ((n = r.readBody(&a.bodyRc)) >= 1) a.body += r.getBody();
     if (r.isChunked() && a.bodyRc >= 0) r.readFooter(&a.bodyRc);  // a trailer may set the status
     if (IHttpStatus* status = r.getIHttpStatus()) a.code = status->getCode();
     return a;
