@@ -35,7 +35,6 @@ void CPArgs::addArgs(char16_t** argv) {
         pending->setValue(value);
         m_args.push_back(std::move(*pending));
         pending.reset();
-        waitsForValue = false;
     };
     for (char16_t** p = argv + 1; *p != nullptr; ++p) {
         const std::u16string_view arg(*p);

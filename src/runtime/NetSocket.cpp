@@ -215,7 +215,6 @@ int netOpen(const char* host, const char* service, int timeoutMs, int* handle) {
 int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written) {
     size_t done = 0;
     int rc = NET_OK;
-    if (handle < 0 || (data == nullptr && size > 0)) rc = NET_ERR_INVALID;
     const NetDeadline deadline(timeoutMs);
     const auto* p = static_cast<const char*>(data);
     while (rc == NET_OK && done < size) {
@@ -236,7 +235,6 @@ int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* w
 
 int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got) {
     if (got != nullptr) *got = 0;
-    if (handle < 0 || data == nullptr) return NET_ERR_INVALID;
     if (size == 0) return NET_OK;
     const NetDeadline deadline(timeoutMs);
     for (;;) {

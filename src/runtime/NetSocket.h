@@ -19,6 +19,7 @@ namespace kivreg::rt {
 // holds the socket, otherwise -1.
 int netOpen(const char* host, const char* service, int timeoutMs, int* handle);
 
+// Both take an open socket and a buffer of `size` bytes.
 // Writes all `size` bytes unless time runs out or the connection fails;
 // *written holds what went out either way.
 int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written);

@@ -214,7 +214,6 @@ int tlsInit(TlsContextPtr& out, std::string& reason) {
 int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int timeoutMs,
                     TlsSessionPtr& out, std::string& reason, std::string early) {
     out.reset();
-    reason.clear();
     if (handle < 0 || host.empty()) return NET_ERR_INVALID;
     ERR_clear_error();
     TlsSessionPtr s(new TlsSession);

@@ -285,5 +285,31 @@ TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
     }
 }
 
+// Without a shell's job control the stop key cannot stop the program: at the
+// password prompt the input stays hidden and is read on; after the prompts
+// the key leaves the terminal's mode alone.
+TEST_F(Configure, StopKeyKeepsThePasswordHiddenAndLaterAnswersEchoed) {
+    RunOptions terminal;
+    terminal.cwd = m_dir.path().string();
+    terminal.terminal = true;
+    Child t({kProgram, "-configure", path("stop.conn")}, terminal);
+    ASSERT_TRUE(t.expect("User Name       : ")) << t.output();
+    termios before{};
+    ASSERT_TRUE(t.terminalMode(before));
+    t.type("u\r");
+    converse(t, {{"Password        : ", "se"}, {"**", "\x1a"}});
+    t.type("cret\r");
+    converse(t, {{"Verify Password : ", "secret\r"}, {"Server Host     : ", "\x1a"}});
+    EXPECT_THAT(t.output(), HasSubstr("Password        : ******\r\n"));
+    t.type("h\r");
+    converse(t, {{"]: ", ""}});
+    termios after{};
+    ASSERT_TRUE(t.terminalMode(after));
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    t.type("8443\r");
+    converse(t, {{"(y/n): ", "n\r"}, {"[y=yes/n=no/q=quit] ", "q\r"}});
+    EXPECT_EQ(t.wait(), 1) << t.output();
+}
+
 }  // namespace
 }  // namespace kivreg::test

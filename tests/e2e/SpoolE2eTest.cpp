@@ -19,10 +19,13 @@ namespace fs = std::filesystem;
 
 class Spool : public E2e {
 protected:
-    // kDocument under another supplier name, with `value` in its one property.
-    std::string document(const std::string& supplier, const std::string& value) {
+    // kDocument under another supplier name (and vendor), with `value` in its one property.
+    std::string document(const std::string& supplier, const std::string& value,
+                         const std::string& vendor = "") {
         std::string xml = kDocument;
         xml.replace(xml.find("E2E Supplier"), 12, supplier);
+        if (!vendor.empty())
+            xml.insert(xml.find(" supplier_version"), " supplier_vendor=\"" + vendor + "\"");
         xml.replace(xml.find("h1 &amp; co"), 11, value);
         return writeDoc(supplier + "-" + std::to_string(++m_docs) + ".xml", xml);
     }
@@ -76,7 +79,7 @@ protected:
 };
 
 TEST_F(Spool, KeptUntilASuccessThenDeliveredWithTheFirstAttemptsBytes) {
-    DirServer server(m_dir.path(), {.user = kUser, .first = "503,503,503"});
+    DirServer server(m_dir.path(), {.user = kUser, .first = "503,503,503,503"});
     const std::string port = server.portText();
     RunResult r = kivreg(registration(document("A", "first"), port));
     EXPECT_EQ(r.exitCode, 1) << r.out;
@@ -89,26 +92,32 @@ TEST_F(Spool, KeptUntilASuccessThenDeliveredWithTheFirstAttemptsBytes) {
     EXPECT_EQ(fs::status(m_spool).permissions() & fs::perms::all, fs::perms::owner_all);
     EXPECT_EQ(bodies(), std::vector<std::string>{server.stored()[0]});
 
-    // A newer document of the same supplier replaces the entry; another supplier's joins it.
+    // A newer document of the same supplier replaces the entry; another
+    // supplier's joins it, as does one of the same name from another vendor.
     r = kivreg(registration(document("A", "second"), port));
     EXPECT_EQ(entries(), std::vector<std::string>{entryA});
     EXPECT_EQ(bodies(), std::vector<std::string>{server.stored()[1]});
     r = kivreg(registration(document("B", "other"), port));
-    ASSERT_EQ(entries().size(), 2u);
-    const std::string entryB = entries()[0] == entryA ? entries()[1] : entries()[0];
+    const std::string entryB = keptBy(r);
     EXPECT_EQ(body(entryB), server.stored()[2]);
+    r = kivreg(registration(document("A", "vendor", "V"), port));
+    const std::string entryV = keptBy(r);
+    EXPECT_EQ(body(entryV), server.stored()[3]);
+    ASSERT_EQ(entries().size(), 3u);
 
     // A's success makes its entry moot, unsent; B's goes after it.
     r = kivreg(registration(document("A", "third"), port));
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("Spooled registration superseded: " + entryA + "\n"));
     EXPECT_THAT(r.out, HasSubstr("Spooled registration delivered: " + entryB + "\n"));
+    EXPECT_THAT(r.out, HasSubstr("Spooled registration delivered: " + entryV + "\n"));
     EXPECT_LT(r.out.find("superseded"), r.out.find("delivered"));
     EXPECT_LT(r.out.find("delivered"), r.out.find("*** End KIV Registration ***"));
     EXPECT_TRUE(entries().empty());
     const std::vector<std::string> stored = server.stored();
-    ASSERT_EQ(stored.size(), 5u);
-    EXPECT_EQ(stored[4], stored[2]);
+    ASSERT_EQ(stored.size(), 7u);
+    EXPECT_EQ(stored[5], stored[2]);  // oldest first
+    EXPECT_EQ(stored[6], stored[3]);
 
     // Final refusals and failures before the transfer keep nothing.
     for (const auto& args : {registration(path("missing.xml"), port),

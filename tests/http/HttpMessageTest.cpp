@@ -179,6 +179,8 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"length not a number", ok + "Content-Length: 12abc\r\n\r\n", {0, NET_ERR_PROTOCOL}},
         {"body above the 64 MiB cap", ok + "Content-Length: 67108865\r\n\r\nabc",
          {0, 0, 200, "", NET_ERR_LIMIT}},
+        {"body at the cap, cut short", ok + "Content-Length: 67108864\r\n\r\nabc",
+         {0, 0, 200, "abc", NET_ERR_CLOSED}},
         {"chunk sizes in hex of either case",
          chunked + "a\r\n0123456789\r\nF\r\nfifteen bytes..\r\n9\r\nnine byte\r\n10\r\n"
          "sixteen bytes...\r\n0\r\n\r\n",

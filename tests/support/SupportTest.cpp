@@ -62,6 +62,7 @@ TEST(CCConv, MalformedInputIsRefused) {
         {"high at end", std::u16string(u"ab") + char16_t(0xD83D), 1},
         {"high before letter", std::u16string(1, char16_t(0xD83D)) + u"x", 7},
         {"low alone", std::u16string(1, char16_t(0xDE00)), 7},
+        {"last low alone", std::u16string(1, char16_t(0xDFFF)), 7},
         {"two highs", std::u16string{char16_t(0xD800), char16_t(0xD800)}, 7},
     };
     for (const auto& row : utf16) {
