@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "TestServer.h"
 #include "api/ApiState.h"
 #include "api/CPArgs.h"
 #include "api/Vocabulary.h"
@@ -309,6 +310,28 @@ TEST_F(Api, RunChecksConnectionDataAndTimeouts) {
         const std::string out = output();
         for (const std::string& m : row.messages) EXPECT_THAT(out, HasSubstr(m));
     }
+}
+
+// Text that cannot be converted, in the answer or in a host's output name,
+// ends the run with the failure's type and message.
+TEST_F(Api, ConversionFailuresInsideARunAreLoggedWithTypeAndMessage) {
+    test::TestServer server([](test::Peer& p) {
+        p.readRequest();
+        p.send("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n\xFF");
+    });
+    ASSERT_EQ(KivRegSetXML(kDoc), 1);
+    ASSERT_EQ(KivRegSetConnectData(u"127.0.0.1", u16(server.port()).c_str(), u"u", u"p"), 1);
+    EXPECT_EQ(KivRegSendReceiveData(), -2);
+    server.join();
+    const std::string failed = "Failed to transfer data (type/msg): 4/CCConv::";
+    EXPECT_THAT(output(), HasSubstr(failed + "Utf8ToUc: Function 'Utf8nToUcnCP' failed. RC=2\n"));
+
+    reset();
+    ASSERT_EQ(KivRegSetXML(kDoc), 1);
+    api::state().gArgs.addSwitch(CMDARG_CHECK);
+    api::state().gArgs.addArg(CMDARG_OUTPUT, u"body" + std::u16string(1, char16_t(0xD800)));
+    EXPECT_EQ(KivRegSendReceiveData(), -1);
+    EXPECT_THAT(output(), HasSubstr(failed + "toUTF8Str: Function 'UcnToUtf8nCP' failed. RC=1\n"));
 }
 
 TEST_F(Api, RunWithoutDocumentOrConnectionData) {
