@@ -191,7 +191,6 @@ int settle(TlsSession& s, int ret, const NetDeadline& deadline) {
 
 int tlsInit(TlsContextPtr& out, std::string& reason) {
     out.reset();
-    reason.clear();
     ERR_clear_error();
     if (OPENSSL_init_ssl(0, nullptr) != 1 || socketMethod() == nullptr) {
         reason = takeErrors("cannot initialise OpenSSL: ");

@@ -36,7 +36,8 @@ using TlsSessionPtr = std::unique_ptr<TlsSession, TlsSessionFree>;
 inline constexpr const char* TLS_TRUST_FILE = "kivreg_trust.pem";
 inline constexpr const char* TLS_CLIENT_FILE = "kivreg_client.pem";
 
-// Builds the client configuration from the current environment.
+// Builds the client configuration from the current environment; on failure
+// `reason` is set to what OpenSSL said.
 int tlsInit(TlsContextPtr& ctx, std::string& reason);
 
 // Runs the handshake on a connected socket, bounded by timeoutMs. `early`
