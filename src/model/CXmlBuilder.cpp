@@ -227,6 +227,8 @@ public:
         }
     }
 
+    // The flags need no reset here: the start of the next element at a depth
+    // sets that depth's flag before anything below it is read.
     void endElement() override {
         const int depth = m_depth--;
         if (!m_ok) return;
@@ -243,7 +245,6 @@ public:
                 if (m_inProperty)
                     m_props.emplace_back(m_propName, m_propFormat,
                                          m_store.texts.values().keep(m_values));
-                m_inProperty = false;
                 break;
             case kInstance:
                 if (m_inInstance) {
@@ -252,15 +253,12 @@ public:
                     m_class.addInst(CInst(m_id, m_store.properties.keep(m_props),
                                           m_store.references.keep(m_refs)));
                 }
-                m_inInstance = false;
                 break;
             case kClass:
                 if (m_inClass) m_group.addClass(std::move(m_class));
-                m_inClass = false;
                 break;
             case kGroup:
                 if (m_inGroup) m_file.addGroup(std::move(m_group));
-                m_inGroup = false;
                 break;
             default:
                 break;
