@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -81,10 +82,26 @@ protected:
 TEST_F(Spool, KeptUntilASuccessThenDeliveredWithTheFirstAttemptsBytes) {
     DirServer server(m_dir.path(), {.user = kUser, .first = "503,503,503,503"});
     const std::string port = server.portText();
+    const auto utcNow = [] {
+        const std::time_t t = std::time(nullptr);
+        std::tm tm{};
+        char text[32];
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime_r(&t, &tm));
+        return std::string(text);
+    };
+    const std::string before = utcNow();
     RunResult r = kivreg(registration(document("A", "first"), port));
+    const std::string after = utcNow();
     EXPECT_EQ(r.exitCode, 1) << r.out;
     ASSERT_EQ(entries().size(), 1u);
     const std::string entryA = entries()[0];
+    // Kept with the time of the run, in UTC to the nanosecond.
+    const std::string head = readFile(entryA);
+    const size_t at = head.find("\ntime: ") + 7;
+    const std::string time = head.substr(at, head.find('\n', at) - at);
+    EXPECT_EQ(time.size(), 30u) << time;
+    EXPECT_GE(time, before);
+    EXPECT_LE(time.substr(0, 19), after);
     EXPECT_THAT(r.out, HasSubstr("HTTP response: Failure. HTTP status code: 503"));
     EXPECT_THAT(r.out, HasSubstr("Registration kept in spool: " + entryA + "\n"));
     EXPECT_EQ(fs::status(entryA).permissions() & fs::perms::all,
