@@ -24,13 +24,6 @@ TEST(CAttr, ValueValidityAndReport) {
         {"f", "", "", {"A"}, "", false},
         {"g", "", "", {}, "", true},    // any value
         {"", "v", "", {}, "v", false},  // no name
-        {"Gr\xC3\xBC\xC3\x9F"
-         "e",
-         "v",
-         "",
-         {},
-         "v",
-         true},
     };
     CClass all("All", 0);
     std::vector<std::string> reports;
