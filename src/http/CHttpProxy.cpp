@@ -181,8 +181,8 @@ CHttpProxy::AnswerBody CHttpProxy::readAnswerBody(IHttpResponse& response) {
     AnswerBody body;
     std::string raw;
     int rc = 0;
-    while (response.readRawBody(&rc) >= 1) raw += response.getRawBody();
-    if (response.isChunked() && rc >= 0) response.readRawFooter(&rc);
+    while (response.readBody(&rc) >= 1) raw += response.getBody();
+    if (response.isChunked() && rc >= 0) response.readFooter(&rc);
     // A malformed or oversized answer is no answer; a body cut short by
     // the server closing still leaves its status standing.
     body.refused = rc == rt::NET_ERR_PROTOCOL || rc == rt::NET_ERR_LIMIT;

@@ -63,8 +63,6 @@ void HttpResponse::reset() {
     m_header.clear();
     m_fields.reset();
     std::string().swap(m_body);
-    m_rawFooter.clear();
-    m_footer.clear();
     std::string().swap(m_buf);
     m_pos = 0;
     Trace::instance().t(LEVEL, "HttpResponse::reset");
@@ -159,13 +157,8 @@ int HttpResponse::readHeader(int* rc) {
     m_haveStatus = false;
     m_contentLength = 0;
     m_chunked = false;
-    m_chunkExt.clear();
-    m_body.clear();
-    m_bodyTotal = 0;
-    m_bodyDone = false;
-    m_lastChunkSeen = false;
-    m_rawFooter.clear();
-    m_footer.clear();
+    // The body's state is first touched after the final header, so interim
+    // answers leave nothing of it to reset.
 
     // The header ends at the first empty line, whether lines end in CR LF or
     // in a bare LF. Only the new bytes are searched on each round.
@@ -288,8 +281,6 @@ int HttpResponse::readChunk(int* rc) {
     if (i == 0) return fail(rc, rt::NET_ERR_PROTOCOL);
     while (i < line->size() && isBlank((*line)[i])) ++i;
     if (i < line->size() && (*line)[i] != ';') return fail(rc, rt::NET_ERR_PROTOCOL);
-    m_chunkExt =
-        i < line->size() ? fromAscii(std::string_view(*line).substr(i + 1)) : std::u16string();
     trace.t(LEVEL, "HttpResponse::readBody Chunk Length is", size);
 
     if (size == 0) {
@@ -312,9 +303,9 @@ int HttpResponse::readChunk(int* rc) {
     return n;
 }
 
-int HttpResponse::readFooter(int* rc) {
+void HttpResponse::readFooter(int* rc) {
     *rc = 0;
-    if (!m_lastChunkSeen || !m_rawFooter.empty()) return 0;
+    if (!m_lastChunkSeen) return;
     Trace& trace = Trace::instance();
     size_t total = 0;
     for (;;) {
@@ -322,11 +313,7 @@ int HttpResponse::readFooter(int* rc) {
         trace.t(LEVEL, "HttpResponse::readFooter Read returns", *rc, line ? line->size() : 0);
         if (!line) break;
         total += line->size() + 2;
-        m_rawFooter += fromAscii(*line);
-        m_rawFooter += u"\r\n";
         if (line->empty()) break;
-        if (!m_footer.empty()) m_footer += u"\r\n";
-        m_footer += fromAscii(*line);
         if (startsWithIgnoreCase(*line, "X-Status:")) {
             std::string_view v = std::string_view(*line).substr(9);
             while (!v.empty() && isBlank(v.front())) v.remove_prefix(1);
@@ -337,7 +324,6 @@ int HttpResponse::readFooter(int* rc) {
             }
         }
     }
-    return static_cast<int>(m_footer.size());
 }
 
 }  // namespace kivreg

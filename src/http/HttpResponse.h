@@ -14,34 +14,20 @@ public:
     void reset() override;
     int close() override;
     IHttpStatus* getIHttpStatus() override;
-    const std::u16string& getHttpVersion() const override { return m_version; }
     int getStatusCode() const override { return m_statusCode; }
     bool isChunked() const override { return m_chunked; }
-    long long getContentLength() const override { return m_contentLength; }
 
-    int getHeaderLen() const override { return static_cast<int>(m_header.size()); }
-    int getRawHeaderLen() const override { return static_cast<int>(m_rawHeader.size()); }
-    int getBodyLen() const override { return static_cast<int>(m_body.size()); }
-    int getRawBodyLen() const override { return static_cast<int>(m_body.size()); }
-    int getFooterLen() const override { return static_cast<int>(m_footer.size()); }
-    int getRawFooterLen() const override { return static_cast<int>(m_rawFooter.size()); }
-
-    int readHeader(int* rc) override;
-    int readRawHeader(int* rc) override { return readHeader(rc); }
+    // One status line and header (a proxy's answer to CONNECT is read so).
+    int readHeader(int* rc);
     int readHeaderSkip100(int* rc) override;
     int readBody(int* rc) override;
-    int readRawBody(int* rc) override { return readBody(rc); }
-    int readFooter(int* rc) override;
-    int readRawFooter(int* rc) override { return readFooter(rc); }
+    void readFooter(int* rc) override;
 
     const std::u16string& getHeader() const override { return m_header; }
     std::u16string getField(std::u16string_view name) const override;
-    const std::u16string& getRawHeader() const override { return m_rawHeader; }
+    // With the status line and the end mark.
+    const std::u16string& getRawHeader() const { return m_rawHeader; }
     const std::string& getBody() const override { return m_body; }
-    const std::string& getRawBody() const override { return m_body; }
-    const std::u16string& getChunkExtPar() const override { return m_chunkExt; }
-    const std::u16string& getFooter() const override { return m_footer; }
-    const std::u16string& getRawFooter() const override { return m_rawFooter; }
 
     // Hands over the bytes received behind what has been read (what a proxy
     // sent after its answer to CONNECT belongs to the tunnel).
@@ -52,7 +38,7 @@ public:
         return rest;
     }
 
-    void setReadBufferSize(int size) override {
+    void setReadBufferSize(int size) {
         if (size > 0) m_readBufferSize = static_cast<size_t>(size);
     }
 
@@ -80,11 +66,8 @@ private:
     size_t m_bodyTotal = 0;
     bool m_bodyDone = false;
     bool m_lastChunkSeen = false;
-    std::u16string m_rawFooter;
-    std::u16string m_footer;
     long long m_contentLength = 0;
     bool m_chunked = false;
-    std::u16string m_chunkExt;
     std::string m_buf;  // bytes received and not yet consumed start at m_pos
     size_t m_pos = 0;
     size_t m_readBufferSize = 65536;

@@ -24,51 +24,30 @@ public:
 
     virtual ~IHttpResponse() = default;
 
-    // Clears header, body, footer and unread bytes; the status stays.
+    // Clears header, body and unread bytes; the status stays.
     virtual void reset() = 0;
     virtual int close() = 0;
     // The status of the last header read, owned by the response (valid until
     // the next call); null when no status line could be had.
     virtual IHttpStatus* getIHttpStatus() = 0;
-    virtual const std::u16string& getHttpVersion() const = 0;
     // The number in the status line (or X-Status trailer); 999 before one was read.
     virtual int getStatusCode() const = 0;
     virtual bool isChunked() const = 0;
-    virtual long long getContentLength() const = 0;
 
-    virtual int getHeaderLen() const = 0;
-    virtual int getRawHeaderLen() const = 0;
-    virtual int getBodyLen() const = 0;
-    virtual int getRawBodyLen() const = 0;
-    virtual int getFooterLen() const = 0;
-    virtual int getRawFooterLen() const = 0;
-
-    // Status line and header; returns the header length (without status line).
-    virtual int readHeader(int* rc) = 0;
-    virtual int readRawHeader(int* rc) = 0;
-    // readHeader, skipping interim answers with status 100; returns how many
-    // were skipped.
+    // The status line and header, skipping interim answers with status 100;
+    // returns how many were skipped.
     virtual int readHeaderSkip100(int* rc) = 0;
     // The whole body of a Content-Length answer, or one chunk of a chunked
     // one; returns the body bytes of this call, 0 once the body has ended.
     virtual int readBody(int* rc) = 0;
-    virtual int readRawBody(int* rc) = 0;
     // The trailer after the last chunk; an "X-Status:" line replaces the status.
-    virtual int readFooter(int* rc) = 0;
-    virtual int readRawFooter(int* rc) = 0;
+    virtual void readFooter(int* rc) = 0;
 
     virtual const std::u16string& getHeader() const = 0;  // without status line
     // The value of the header's first field of that name, any case; empty
     // when there is none.
     virtual std::u16string getField(std::u16string_view name) const = 0;
-    virtual const std::u16string& getRawHeader() const = 0;  // with status line and end mark
-    virtual const std::string& getBody() const = 0;          // bytes of the last body read
-    virtual const std::string& getRawBody() const = 0;
-    virtual const std::u16string& getChunkExtPar() const = 0;  // after ";" in the last chunk line
-    virtual const std::u16string& getFooter() const = 0;
-    virtual const std::u16string& getRawFooter() const = 0;
-
-    virtual void setReadBufferSize(int size) = 0;
+    virtual const std::string& getBody() const = 0;  // bytes of the last body read
 };
 
 // 0 and a response reading from the connection, or -1 for a null connection.

@@ -199,7 +199,6 @@ std::optional<CSecStore::Bytes> CSecStore::decodeBytes(std::string_view text) {
 }
 
 std::u16string CSecStore::decrypt(const std::u16string& text, const unsigned char* key) {
-    if (text.empty()) return {};
     std::string raw(text.size() * 2, '\0');
     std::memcpy(raw.data(), text.data(), raw.size());
     // Without the four blanks the string is the still older form whose
