@@ -45,7 +45,6 @@ bool CXmlFile::validateReferences() const {
             for (const CInst& inst : c.instances()) {
                 for (const CRef& ref : inst.references()) {
                     const char16_t* kind;
-                    target.clear();
                     auto gi = m_groupsByName.find(ref.getGroupName());
                     if (gi == m_groupsByName.end()) {
                         kind =

@@ -232,6 +232,34 @@ TEST_F(Spool, SizeBoundRemovesTheOldestFirst) {
     EXPECT_THAT(r.out, HasSubstr("Option --spool-max-mb 0 refused: a number from 1 to 1048576"));
 }
 
+// An entry spoiled on disk is logged and left as it is: never sent, moved or removed.
+TEST_F(Spool, SpoiledEntriesAreLeftAlone) {
+    DirServer server(m_dir.path(), {.user = kUser, .first = "503"});
+    const std::string entry = keptBy(kivreg(registration(document("U", "u"), server.portText())));
+    ASSERT_FALSE(entry.empty());
+    const std::string whole = readFile(entry);
+    const size_t format = whole.find("format: ");
+    const struct {
+        const char* what;
+        std::string bytes;
+    } cases[] = {
+        {"a header line without a colon", std::string(whole).insert(format, "garbage\n")},
+        {"a field missing",
+         std::string(whole).erase(format, whole.find('\n', format) + 1 - format)},
+        {"another first line", "X" + whole.substr(1)},
+        {"body cut short", whole.substr(0, whole.size() - 1)},
+        {"bytes behind the body", whole + "x"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        writeFile(entry, c.bytes);
+        const RunResult r = kivreg(flush(server.portText()));
+        EXPECT_THAT(r.out, HasSubstr("Spool entry unreadable, left alone: " + entry + "\n"));
+        EXPECT_EQ(readFile(entry), c.bytes);
+    }
+    EXPECT_EQ(server.stored().size(), 1u);  // the first attempt only
+}
+
 TEST_F(Spool, TwoFlushesAtOnceDeliverEachEntryOnce) {
     DirServer server(m_dir.path(), {.user = kUser, .first = "503,503,503,503", .delay = "0.2"});
     for (const char* supplier : {"K", "L", "M", "N"})
