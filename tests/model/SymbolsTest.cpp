@@ -106,6 +106,13 @@ TEST(PSymbols, Files) {
         expectDefined(s, c.defined);
         EXPECT_EQ(cap.messages(), c.message.empty() ? Lines{} : Lines{c.message});
     }
+    // A directory opens but cannot be read.
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    LogCapture cap;
+    PSymbols s(cap);
+    EXPECT_EQ(s.addSymbols(u16(path)), -11);
+    EXPECT_EQ(cap.messages(), Lines{"Read error in symbol file \"" + path + "\", line 0."});
 }
 
 TEST(PSymbols, Replacement) {
