@@ -5,10 +5,12 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <stdexcept>
 
 namespace kivreg::test {
@@ -110,6 +112,25 @@ bool Child::echoOff() {
         usleep(5000);
     }
     return false;
+}
+
+long Child::sleepsInRead(long sleeps) const {
+    const std::string proc = "/proc/" + std::to_string(m_pid);
+    for (int i = 0; i < 4000; ++i) {
+        long call = -1;
+        std::ifstream(proc + "/syscall") >> call;
+        std::ifstream status(proc + "/status");
+        std::string line;
+        char state = 0;
+        long count = -1;
+        while (std::getline(status, line)) {
+            if (line.rfind("State:", 0) == 0) state = line[line.find_first_not_of(" \t", 6)];
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0) count = std::stol(line.substr(24));
+        }
+        if (call == SYS_read && state == 'S' && count > sleeps) return count;
+        usleep(5000);
+    }
+    return -1;
 }
 
 int Child::wait(std::chrono::milliseconds timeout) {

@@ -43,6 +43,11 @@ public:
     void type(const std::string& keys);
     // True once the terminal's echo is off (hidden input waits for a key).
     bool echoOff();
+    // Once the child sleeps in read(2) after more than `sleeps` sleeps (20 s
+    // at most), the number of its sleeps so far; -1 when it does not. A key
+    // that raises a signal wakes the reader: sleeping in read again after it
+    // means the handler has run.
+    long sleepsInRead(long sleeps = -1) const;
     // Reads the output to the end and returns the exit code (-1: killed).
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
     // SIGTERM, then wait().
