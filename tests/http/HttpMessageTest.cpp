@@ -159,6 +159,9 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
     } cases[] = {
         // clang-format off
         {"length", ok + "Content-Length: 5\r\nServer: t\r\n\r\nhello", {0, 0, 200, "hello"}},
+        {"a quoted separator keeps its field whole",
+         ok + "X-Note: \"a;Content-Length: 3\"\r\nContent-Length: 5\r\n\r\nhello",
+         {0, 0, 200, "hello"}},
         {"chunked with extensions and trailers",
          "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n"
          "6 \r\n world\r\n0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n", {0, 0, 201, "hello world"}},
