@@ -332,6 +332,8 @@ XmlParser::XmlParser() {
     sax.startElementNs = XmlEvents::startElement;
     sax.endElementNs = XmlEvents::endElement;
     sax.characters = XmlEvents::characters;
+    // Without a tree libxml2 never finds ignorable blanks; the same callback
+    // spares it the search for them in every run of text.
     sax.ignorableWhitespace = XmlEvents::characters;
     sax.cdataBlock = XmlEvents::cdata;
     sax.comment = XmlEvents::comment;
