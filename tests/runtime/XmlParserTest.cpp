@@ -1,6 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <new>
+
+#include "testutil/TestUtil.h"
 
 #include "runtime/XmlAdapter.h"
 
@@ -22,6 +27,24 @@ TEST(XmlParser, WhatTheHandlerThrowsStopsTheParseAndComesOut) {
     XmlParser parser;
     EXPECT_THROW(parser.parse(in, handler), std::bad_alloc);
     EXPECT_EQ(handler.elements, 2);
+}
+
+// A host that has closed its standard input gets the document as descriptor
+// 0; the stream must give that back too.
+TEST(XmlParser, ADocumentOpenedAsDescriptorZeroIsClosed) {
+    test::TempDir dir;
+    const std::string path = (dir / "d.xml").string();
+    std::ofstream(path) << "<a/>";
+    const int savedStdin = ::dup(0);
+    ::close(0);
+    {
+        XmlInputStream in = XmlInputStream::onFile(path);
+        EXPECT_NE(::fcntl(0, F_GETFD), -1);
+    }
+    const bool closed = ::fcntl(0, F_GETFD) == -1;
+    ::dup2(savedStdin, 0);
+    ::close(savedStdin);
+    EXPECT_TRUE(closed);
 }
 
 }  // namespace
