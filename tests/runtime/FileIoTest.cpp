@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -40,6 +41,17 @@ TEST(FileIo, ReplaceLandsWholeOrNotAtAll) {
     }
     EXPECT_TRUE(fs::is_directory(dir / "dir"));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 2);
+
+    // In a host without standard input the files and the directory open as
+    // descriptor 0.
+    const int savedStdin = ::dup(0);
+    ::close(0);
+    errno = EINTR;  // a failure that sets no errno must not read as success
+    const int result = rt::replaceFile((dir / "file").string(), "newer", 0640);
+    ::dup2(savedStdin, 0);
+    ::close(savedStdin);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(readFile(dir / "file"), "newer");
 }
 
 }  // namespace

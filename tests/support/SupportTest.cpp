@@ -59,7 +59,7 @@ TEST(CCConv, MalformedInputIsRefused) {
         std::u16string input;
         int code;
     } utf16[] = {
-        {"high at end", std::u16string(u"ab") + char16_t(0xD83D), 1},
+        {"last high at end", std::u16string(u"ab") + char16_t(0xDBFF), 1},
         {"high before letter", std::u16string(1, char16_t(0xD83D)) + u"x", 7},
         {"low alone", std::u16string(1, char16_t(0xDE00)), 7},
         {"last low alone", std::u16string(1, char16_t(0xDFFF)), 7},
