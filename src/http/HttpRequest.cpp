@@ -64,7 +64,7 @@ std::string HttpRequest::makeCmdLine() const {
     std::string text = methodWord(m_cmd);
     text += ' ';
     text +=
-        ascii7(m_viaProxy ? m_url->getUrl(false) : std::u16string(orEmpty(m_url->getRawPath())));
+        ascii7(m_viaProxy ? m_url->getUrl() : std::u16string(orEmpty(m_url->getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
     const std::u16string_view host = orEmpty(m_url->getHost());
@@ -96,7 +96,7 @@ int HttpRequest::connect(int* rc) {
         trace.t(LEVEL, "HttpRequest::connect failed, hostname unknown");
         return -11;
     }
-    trace.t(LEVEL, "HttpRequest::connect try URL", m_url->getUrl(false));
+    trace.t(LEVEL, "HttpRequest::connect try URL", m_url->getUrl());
     const int code =
         tunnel ? m_connection->openTunnel(
                      host.c_str(), port.c_str(), m_url->getHost(), pick(m_url->getHport()),

@@ -17,9 +17,8 @@ public:
     virtual const char16_t* getQuery() const = 0;
     virtual const char16_t* getFragment() const = 0;
 
-    // The URL text as set, without any user name or password it carried;
-    // `escaped` applies escape() to it.
-    virtual std::u16string getUrl(bool escaped) const = 0;
+    // The URL text as set, without any user name or password it carried.
+    virtual std::u16string getUrl() const = 0;
     // Splits the text into its parts; false for an empty text. A user name and
     // password in the text go to the host user and password; otherwise those
     // stay as they were set.
@@ -42,11 +41,6 @@ public:
     virtual void setPuser(const char16_t* user) = 0;
     virtual const char16_t* getPpass() const = 0;
     virtual void setPpass(const char16_t* password) = 0;
-
-    // Every character outside the URL-safe set becomes %xx (lower-case hex of
-    // each of its UTF-8 bytes); unescape reverses it.
-    virtual std::u16string escape(std::u16string_view text) const = 0;
-    virtual std::u16string unescape(std::u16string_view text) const = 0;
 };
 
 // 0 and a new empty URL, or -1 when it could not be made.

@@ -47,10 +47,6 @@ bool URL::isSecure() const {
     return m_parts[SERVICE] && equalsIgnoreCase(*m_parts[SERVICE], u"https");
 }
 
-std::u16string URL::getUrl(bool escaped) const {
-    return escaped ? escape(m_url) : m_url;
-}
-
 bool URL::setUrl(const char16_t* url) {
     if (url == nullptr || *url == u'\0') return false;
     std::u16string_view rest(url);
@@ -108,32 +104,7 @@ bool URL::setUrl(const char16_t* url) {
     return true;
 }
 
-std::u16string URL::escape(std::u16string_view text) const {
-    static constexpr char hex[] = "0123456789abcdef";
-    std::u16string out;
-    out.reserve(text.size());
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char16_t c = text[i];
-        if (isIn(c, SAFE_CHARS)) {
-            out += c;
-            continue;
-        }
-        // A surrogate pair is one character: escape its UTF-8 form as a whole.
-        const size_t units = (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) ? 2 : 1;
-        bytes.clear();
-        rt::utf16ToUtf8Lenient(text.substr(i, units), bytes);
-        i += units - 1;
-        for (unsigned char b : bytes) {
-            out += u'%';
-            out += static_cast<char16_t>(hex[b >> 4]);
-            out += static_cast<char16_t>(hex[b & 15]);
-        }
-    }
-    return out;
-}
-
-std::u16string URL::unescape(std::u16string_view text) const {
+std::u16string URL::unescape(std::u16string_view text) {
     if (text.find(u'%') == std::u16string_view::npos) return std::u16string(text);
     std::string bytes;
     rt::utf16ToUtf8Lenient(text, bytes);

@@ -8,14 +8,11 @@ namespace kivreg {
 
 class URL final : public IURL {
 public:
-    static constexpr std::u16string_view SAFE_CHARS =
-        u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_,.!~*'()/?;:@&=+$";
-
     const char16_t* getRawPath() const override { return get(RAW_PATH); }
     const char16_t* getQuery() const override { return get(QUERY); }
     const char16_t* getFragment() const override { return get(FRAGMENT); }
 
-    std::u16string getUrl(bool escaped) const override;
+    std::u16string getUrl() const override { return m_url; }
     bool setUrl(const char16_t* url) override;
 
     const char16_t* getService() const override { return get(SERVICE); }
@@ -36,14 +33,10 @@ public:
     const char16_t* getPpass() const override { return get(PPASS); }
     void setPpass(const char16_t* v) override { set(PPASS, v); }
 
-    std::u16string escape(std::u16string_view text) const override;
-    std::u16string unescape(std::u16string_view text) const override;
-
-    static bool isIn(char16_t c, std::u16string_view set) {
-        return set.find(c) != std::u16string_view::npos;
-    }
-
 private:
+    // %xx sequences back to the UTF-8 bytes they stand for.
+    static std::u16string unescape(std::u16string_view text);
+
     enum Part {
         SERVICE,
         HOST,

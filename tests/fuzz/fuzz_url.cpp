@@ -18,8 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::unique_ptr<IURL> u;
     if (createIURL(u) != 0) return 0;
     u->setUrl(url.c_str());
-    u->getUrl(true);
-    u->unescape(u->escape(url));
+    u->getUrl();
 
     std::unique_ptr<IParValMultilineDictionary> block;
     if (createIParValMultilineDictionary(block, flags & 8 ? u"\n" : u"\r\n", u";", u":=",
