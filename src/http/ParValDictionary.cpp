@@ -52,15 +52,10 @@ public:
           m_nameValueSeparators(nameValueSeparators),
           m_whiteSpace(whiteSpace) {}
 
-    int parseMultiline(std::u16string_view text) override {
+    void parseMultiline(std::u16string_view text) override {
         m_items.clear();
-        int lines = 0;
-        for (std::u16string_view line : split(text, m_lineSeparator, false)) {
-            if (line.empty()) continue;
-            ++lines;
+        for (std::u16string_view line : split(text, m_lineSeparator, false))
             for (std::u16string_view item : split(line, m_itemSeparator, true)) parseItem(item);
-        }
-        return lines;
     }
 
     const char16_t* fetchVal(std::u16string_view name) const override {

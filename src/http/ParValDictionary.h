@@ -18,8 +18,8 @@ namespace kivreg {
 class IParValMultilineDictionary {
 public:
     virtual ~IParValMultilineDictionary() = default;
-    // Replaces the content with the parsed lines; returns the number of lines.
-    virtual int parseMultiline(std::u16string_view text) = 0;
+    // Replaces the content with the parsed lines.
+    virtual void parseMultiline(std::u16string_view text) = 0;
     // The value of the first item with that name, compared without regard to
     // case, looking through the lines in order; null if none.
     virtual const char16_t* fetchVal(std::u16string_view name) const = 0;
