@@ -77,7 +77,6 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
         }
     }
 
-    m_request->setCmd(IHttpRequest::POST);
     m_request->setHeaderline(
         CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
     m_request->setIURL(m_url.get());

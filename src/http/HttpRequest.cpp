@@ -41,28 +41,21 @@ std::u16string encodeUsrPwd(const char16_t* user, const char16_t* password) {
     return Base64::encode(std::u16string_view(joined));
 }
 
-const char* methodWord(IHttpRequest::HttpCmd cmd) {
-    static constexpr const char* words[] = {"OPTIONS", "GET",    "HEAD", "POST",
-                                            "PUT",     "DELETE", "TRACE"};
-    return cmd >= 0 && cmd <= 6 ? words[cmd] : "GET";
-}
-
 }  // namespace
 
 int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out) {
     out.reset();
     if (connection == nullptr) return -1;
-    out.reset(new (std::nothrow) HttpRequest(connection, IHttpRequest::GET, nullptr));
+    out.reset(new (std::nothrow) HttpRequest(connection, nullptr));
     return out ? 0 : -1;
 }
 
-HttpRequest::HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url)
-    : m_cmd(cmd), m_url(url), m_connection(connection) {}
+HttpRequest::HttpRequest(IIPConnection* connection, IURL* url)
+    : m_url(url), m_connection(connection) {}
 
 std::string HttpRequest::makeCmdLine() const {
     if (m_url == nullptr) return {};
-    std::string text = methodWord(m_cmd);
-    text += ' ';
+    std::string text = "POST ";
     text +=
         ascii7(m_viaProxy ? m_url->getUrl() : std::u16string(orEmpty(m_url->getRawPath())));
     text += " HTTP/1.1\r\nHost: ";

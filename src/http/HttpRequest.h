@@ -7,11 +7,10 @@ namespace kivreg {
 
 class HttpRequest final : public IHttpRequest {
 public:
-    HttpRequest(IIPConnection* connection, HttpCmd cmd, IURL* url);
+    HttpRequest(IIPConnection* connection, IURL* url);
 
     int connect(int* rc) override;
     void setIURL(IURL* url) override { m_url = url; }
-    void setCmd(HttpCmd cmd) override { m_cmd = cmd; }
 
     int sendMessage(int* rc) override;
 
@@ -31,7 +30,6 @@ private:
     int writeBuffer(std::string_view buffer, int* rc);
     int writeBody(int* rc);
 
-    HttpCmd m_cmd;
     IURL* m_url;
     IIPConnection* m_connection;
     std::string m_header;

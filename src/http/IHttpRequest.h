@@ -1,5 +1,5 @@
 #pragma once
-// One HTTP/1.1 request on a connection that carries only it: an 8-bit header
+// One HTTP/1.1 POST request on a connection that carries only it: an 8-bit header
 // buffer and a body buffer, written to an IIPConnection. Text lines are converted to 7-bit ASCII
 // (other characters become '?') and stored with CR LF; body bytes are stored as given.
 
@@ -15,7 +15,6 @@ class IURL;
 
 class IHttpRequest {
 public:
-    enum HttpCmd : int { OPTIONS = 0, GET = 1, HEAD = 2, POST = 3, PUT = 4, DELETE = 5, TRACE = 6 };
     virtual ~IHttpRequest() = default;
 
     // Opens the connection to the URL's host (or its proxy) for one request.
@@ -23,7 +22,6 @@ public:
     // failed (the network code is in *rc), -1 without URL or connection.
     virtual int connect(int* rc) = 0;
     virtual void setIURL(IURL* url) = 0;
-    virtual void setCmd(HttpCmd cmd) = 0;
 
     // Header (Content-Length = body length) and body. *rc holds the code of
     // the body write; the result is header plus body bytes written.
@@ -54,7 +52,7 @@ public:
     virtual void setProgress(Progress progress) = 0;
 };
 
-// 0 and a GET request without URL on the connection, or -1 when the
+// 0 and a request without URL on the connection, or -1 when the
 // connection is null or the object could not be made.
 int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out);
 

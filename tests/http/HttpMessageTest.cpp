@@ -79,7 +79,6 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
         f.url.setPport(c.proxyPort);
         f.url.setPuser(c.proxyUser);
         f.url.setPpass(c.proxyUser ? u"pp" : nullptr);
-        f.req->setCmd(IHttpRequest::POST);
         f.req->addHeaderline(u"X-Name: M\u00fcller \u20ac");  // 7-bit on the wire
         f.req->setBody(std::string("hello"));
         ASSERT_EQ(f.req->connect(&f.rc), 10);
