@@ -56,8 +56,7 @@ HttpRequest::HttpRequest(IIPConnection* connection, IURL* url)
 std::string HttpRequest::makeCmdLine() const {
     if (m_url == nullptr) return {};
     std::string text = "POST ";
-    text +=
-        ascii7(m_viaProxy ? m_url->getUrl() : std::u16string(orEmpty(m_url->getRawPath())));
+    text += ascii7(m_viaProxy ? m_url->getUrl() : std::u16string(orEmpty(m_url->getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
     const std::u16string_view host = orEmpty(m_url->getHost());
