@@ -162,6 +162,10 @@ TEST(CLog, UnopenableFileIsReportedOnStderrAndLoggingGoesOn) {
     EXPECT_EQ(err, "*** Failed to open log file " + path + " ***\n");
     EXPECT_EQ(out, "still here\n");
     EXPECT_FALSE(log.isOpen());
+    // Named again once it can be made, the file is opened.
+    std::filesystem::create_directory(dir / "missing-dir");
+    log.setFileName(u16(path));
+    EXPECT_TRUE(log.isOpen());
 }
 
 // An entry left unfinished is written in front of the next.
