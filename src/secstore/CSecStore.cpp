@@ -330,9 +330,9 @@ bool CSecStore::finishPending() {
     if (!openForReading(pendingName()).ok()) {
         // A key written by a store that stopped before its switch belongs to
         // no pair; it must not join the next one.
-        if (::unlink(pendingKey.c_str()) == 0) return rt::syncDirectoryOf(pendingKey);
-        return errno == ENOENT ||
-               failed(*m_log, u"Failed to remove key file ", getKeyFileName() + u".new", errno);
+        if (::unlink(pendingKey.c_str()) == 0 ? rt::syncDirectoryOf(pendingKey) : errno == ENOENT)
+            return true;
+        return failed(*m_log, u"Failed to remove key file ", getKeyFileName() + u".new", errno);
     }
     std::unique_ptr<rt::PendingFile> key;
     if (const std::optional<std::string> keyBytes = readWhole(getKeyFileName() + u".new")) {
@@ -405,7 +405,9 @@ bool CSecStore::store() {
         return failed(*m_log, u"Failed to write secured data file ", m_fileName,
                       data.ok() ? error : data.error());
     }
-    if (!rt::syncDirectoryOf(pending) || !installPending(key.get())) return false;
+    if (!rt::syncDirectoryOf(pending))
+        return failed(*m_log, u"Failed to write secured data file ", m_fileName, errno);
+    if (!installPending(key.get())) return false;
     *m_log << timestamp << u"Writing data to encrypted file '" << m_fileName << u"'" << endlog;
     *m_log << timestamp << u"Data written to secured data file '" << m_fileName << u"'" << endlog;
     if (m_useKeyFile)
