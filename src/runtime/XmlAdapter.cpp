@@ -346,9 +346,6 @@ XmlParser::~XmlParser() {
 }
 
 bool XmlParser::parse(XmlInputStream& in, XmlHandler& handler) {
-    m_errors.clear();
-    m_failure = nullptr;
-    m_textRun = 0;
     if (!in.isOpen()) return false;
     m_handler = &handler;
     GlobalErrorRoute route(m_ctxt);

@@ -105,7 +105,8 @@ public:
 
     // Reads the stream, reporting to the handler; true when the document is
     // well-formed. The errors of the run are available afterwards. What the
-    // handler throws stops the parse and is thrown on from here.
+    // handler throws stops the parse and is thrown on from here. One parse
+    // per parser.
     bool parse(XmlInputStream& in, XmlHandler& handler);
     size_t numErrors(int minSeverity) const;
     const XmlError& getError(size_t index, int minSeverity) const;
