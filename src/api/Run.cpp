@@ -503,7 +503,7 @@ int sendReceiveData() {
             trace.setExternFP(std::fopen("kivreg_http_trace.log", "w"));
             setKernelTraceLevel(3);
         } else {
-            trace.setLogPath(u"-");
+            trace.toggleEcho();
         }
         trace.setVerbosity(0);
         trace.tOn(true);

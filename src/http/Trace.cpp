@@ -21,10 +21,6 @@ Trace::Trace() : m_pid(static_cast<int>(getpid())) {
     if (rt::netMyHostName(m_hostName) != rt::NET_OK) m_hostName.clear();
 }
 
-void Trace::setLogPath(const char16_t* path) {
-    if (path != nullptr && std::u16string_view(path) == u"-") m_echo = !m_echo;
-}
-
 void Trace::setExternFP(std::FILE* fp) {
     m_fp = fp;
     if (fp != nullptr) {

@@ -20,9 +20,8 @@ public:
 
     static Trace& instance();
 
-    // "-" toggles the echo to standard output; the trace keeps no file of its
-    // own, so any other path changes nothing.
-    void setLogPath(const char16_t* path);
+    // Switches the echo to standard output on, or off again.
+    void toggleEcho() { m_echo = !m_echo; }
 
     // Writes to the caller's file from now on (threshold 0, trace on). The
     // caller keeps ownership; null stops the writing to a file.
