@@ -20,7 +20,6 @@ namespace {
 struct TermState {
     termios saved{};
     termios raw{};
-    bool savedValid = false;  // saved must be put back
 };
 
 TermState& term() {
@@ -138,11 +137,7 @@ bool isSurrogatePairEnd(const char16_t* text, size_t len) {
 
 bool CGetPass::setTermToRawMode() {
     TermState& t = term();
-    if (::tcgetattr(0, &t.saved) != 0) {
-        t.savedValid = false;
-        return false;
-    }
-    t.savedValid = true;
+    if (::tcgetattr(0, &t.saved) != 0) return false;
     t.raw = t.saved;
     t.raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     t.raw.c_cc[VMIN] = 1;
@@ -151,19 +146,14 @@ bool CGetPass::setTermToRawMode() {
     if (::tcsetattr(0, TCSANOW, &t.raw) != 0) {
         ::tcsetattr(0, TCSANOW, &t.saved);
         releaseSignals();
-        t.savedValid = false;
         return false;
     }
     return true;
 }
 
 void CGetPass::setTermToOrgMode() {
-    TermState& t = term();
-    if (t.savedValid) {
-        ::tcsetattr(0, TCSANOW, &t.saved);
-        releaseSignals();
-        t.savedValid = false;
-    }
+    ::tcsetattr(0, TCSANOW, &term().saved);
+    releaseSignals();
 }
 
 void CGetPass::getHiddenInput(char16_t* buffer) {
@@ -206,9 +196,9 @@ std::u16string CGetPass::getPasswd() {
     std::array<char16_t, MAX_INPUT_LEN + 1> buffer{};
     // When the terminal cannot be switched the loop still runs; the terminal
     // then echoes the keys itself.
-    setTermToRawMode();
+    const bool raw = setTermToRawMode();
     getHiddenInput(buffer.data());
-    setTermToOrgMode();
+    if (raw) setTermToOrgMode();
     std::u16string out = CCConv::trim(buffer.data());
     OPENSSL_cleanse(buffer.data(), sizeof buffer);
     return out;

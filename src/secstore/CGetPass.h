@@ -23,7 +23,7 @@ public:
     // setTermToOrgMode, SIGINT, SIGTERM, SIGHUP and SIGTSTP put the saved mode
     // back before their default action, and SIGCONT returns to this mode.
     static bool setTermToRawMode();
-    // Back to the attributes in force before setTermToRawMode.
+    // Back to the attributes in force before a successful setTermToRawMode.
     static void setTermToOrgMode();
 };
 
