@@ -178,6 +178,8 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
          ok + "X-Big: " + std::string(IHttpResponse::MAX_HEADER, 'a') + "\r\n\r\n",
          {0, NET_ERR_LIMIT}},
         {"length above 2^31-1", ok + "Content-Length: 2147483648\r\n\r\n", {0, NET_ERR_LIMIT}},
+        {"length 2^31-1: too much body, not a bad header", ok + "Content-Length: 2147483647\r\n\r\n",
+         {0, 0, 200, "", NET_ERR_LIMIT}},
         {"length not a number", ok + "Content-Length: 12abc\r\n\r\n", {0, NET_ERR_PROTOCOL}},
         {"body above the 64 MiB cap", ok + "Content-Length: 67108865\r\n\r\nabc",
          {0, 0, 200, "", NET_ERR_LIMIT}},

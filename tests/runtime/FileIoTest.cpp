@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -44,13 +43,11 @@ TEST(FileIo, ReplaceLandsWholeOrNotAtAll) {
 
     // In a host without standard input the files and the directory open as
     // descriptor 0.
-    const int savedStdin = ::dup(0);
-    ::close(0);
-    errno = EINTR;  // a failure that sets no errno must not read as success
-    const int result = rt::replaceFile((dir / "file").string(), "newer", 0640);
-    ::dup2(savedStdin, 0);
-    ::close(savedStdin);
-    EXPECT_EQ(result, 0);
+    {
+        StdinClosed noStdin;
+        errno = EINTR;  // a failure that sets no errno must not read as success
+        EXPECT_EQ(rt::replaceFile((dir / "file").string(), "newer", 0640), 0);
+    }
     EXPECT_EQ(readFile(dir / "file"), "newer");
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,12 +110,17 @@ TEST(Tls, TrustedServerByNameOrAddressAndWithAClientCertificate) {
     const struct {
         const char* host;
         bool clientCert;  // the server asks for one and the client has it
-    } cases[] = {{"localhost", false}, {"127.0.0.1", false}, {"localhost", true}};
+        bool noStdin;     // the socket is descriptor 0, as in a host that closed it
+    } cases[] = {
+        {"localhost", false, false}, {"127.0.0.1", false, true}, {"localhost", true, false}};
     for (const auto& k : cases) {
         TestServer server([](Peer& p) { p.readRequest(), p.send("answer"); },
                           serverWith("server", k.clientCert));
+        std::optional<test::StdinClosed> noStdin;  // given back after the client's socket
+        if (k.noStdin) noStdin.emplace();
         Client c(true, k.clientCert);
         ASSERT_EQ(c.connect(server, k.host), NET_OK) << k.host << ": " << c.reason;
+        EXPECT_EQ(c.fd == 0, k.noStdin);
         size_t n = 0;
         EXPECT_EQ(tlsWrite(*c.session, "GET x\r\n\r\n", 9, kLongMs, &n), NET_OK);
         EXPECT_EQ(n, 9u);

@@ -101,6 +101,16 @@ std::string closedPort() {
     return port;
 }
 
+StdinClosed::StdinClosed() : m_saved(::dup(0)) {
+    ::close(0);
+}
+
+StdinClosed::~StdinClosed() {
+    if (m_saved < 0) return;
+    ::dup2(m_saved, 0);
+    ::close(m_saved);
+}
+
 ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name) {
     if (const char* old = std::getenv(name)) m_saved = old;
     value != nullptr ? setenv(name, value, 1) : unsetenv(name);

@@ -57,6 +57,19 @@ private:
 int listenOnLoopback(std::string& port, int backlog = 4);
 std::string closedPort();
 
+// Closes standard input while it lives, as a host that runs without one
+// does: the next descriptor opened is 0. A closed state is restored as found.
+class StdinClosed {
+public:
+    StdinClosed();
+    ~StdinClosed();
+    StdinClosed(const StdinClosed&) = delete;
+    StdinClosed& operator=(const StdinClosed&) = delete;
+
+private:
+    int m_saved;
+};
+
 // Sets an environment variable (or unsets it for null) and restores it afterwards.
 class ScopedEnv {
 public:
