@@ -149,6 +149,9 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
     std::string manyInterim;
     for (int i = 0; i <= IHttpResponse::MAX_INTERIM; ++i) manyInterim += cont;
     const std::string big(0x3000000, 'c');
+    const std::string fullHead = ok + "Content-Length: 5\r\nX-Big: ";
+    const std::string atLimit =  // the header, its empty line included, at the limit
+        fullHead + std::string(IHttpResponse::MAX_HEADER - fullHead.size() - 4, 'a') + "\r\n\r\n";
     std::string small, smallBody;  // more chunks than one read holds, lines cut by reads
     for (int i = 0; i < 20000; ++i) small += "3\r\nabc\r\n", smallBody += "abc";
     const struct {
@@ -174,6 +177,7 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"body cut short keeps its status", ok + "Content-Length: 10\r\n\r\nabc",
          {0, 0, 200, "abc", NET_ERR_CLOSED}},
         {"close before the status line", "", {0, NET_ERR_CLOSED}},
+        {"header at the limit", atLimit + "hello", {0, 0, 200, "hello"}},
         {"oversized header",
          ok + "X-Big: " + std::string(IHttpResponse::MAX_HEADER, 'a') + "\r\n\r\n",
          {0, NET_ERR_LIMIT}},
