@@ -346,7 +346,6 @@ XmlParser::~XmlParser() {
 }
 
 bool XmlParser::parse(XmlInputStream& in, XmlHandler& handler) {
-    if (!in.isOpen()) return false;
     m_handler = &handler;
     GlobalErrorRoute route(m_ctxt);
     xmlDocPtr dtdOnly;

@@ -103,8 +103,8 @@ public:
     XmlParser(const XmlParser&) = delete;
     XmlParser& operator=(const XmlParser&) = delete;
 
-    // Reads the stream, reporting to the handler; true when the document is
-    // well-formed. The errors of the run are available afterwards. What the
+    // Reads an open stream, reporting to the handler; true when the document
+    // is well-formed. The errors of the run are available afterwards. What the
     // handler throws stops the parse and is thrown on from here. One parse
     // per parser.
     bool parse(XmlInputStream& in, XmlHandler& handler);

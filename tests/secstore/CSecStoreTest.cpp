@@ -305,6 +305,21 @@ TEST_F(StoreFiles, StoppedStoreIsReadThroughAndFinished) {
     }
 }
 
+// A stale pending key that cannot be removed would join the next pair: the
+// store refuses, says why, and the old pair stays as it was.
+TEST_F(StoreFiles, StalePendingKeyThatCannotGoStopsTheStore) {
+    const std::string oldData = binaryFile("user_param=old;", CSecStore::ms_key);
+    writeFile(data, oldData);
+    fs::create_directory(dir / "conn.dat.key.new");
+    CSecStore store(log, u16(data), true);
+    store.add(u"user_param", u"new");
+    EXPECT_FALSE(store.store());
+    EXPECT_EQ(log.messages().back(),
+              "Failed to remove key file " + data.string() + ".key.new: Is a directory");
+    EXPECT_EQ(readFile(data), oldData);
+    EXPECT_FALSE(fs::exists(key));
+}
+
 // Every bad connection or key file fails with its message and leaves no entries.
 TEST_F(StoreFiles, BadFilesFail) {
     const std::string valid =
