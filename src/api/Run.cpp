@@ -184,10 +184,11 @@ const char16_t* retriedStatusText(int status) {
     }
 }
 
-// The body goes in and comes back out, so that a retry sends it as it is.
-// Without a document it is a spooled one, in the format it was kept with.
-Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::string& body,
-                CXmlFile* document, bool oldFormat = false) {
+// A document's body is rendered from it as it is sent, the same bytes at each
+// attempt. Without a document the body is a spooled one, sent in the format it
+// was kept with.
+Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* document,
+                std::string spooled = {}, bool oldFormat = false) {
     CLog& log = s.gLog;
     CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, document, c.user, c.password, c.host,
                      c.port, t.connect, t.send, t.receive, true, c.useHttps, proxyOptions(s.gArgs));
@@ -196,20 +197,15 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, std::strin
         log << timestamp << u"Failed to open HTTP connection!" << endlog;
         return {-2, u"connection failed", {}};
     }
-    // An empty body of the document is rendered from it as it is sent.
-    if (!document) {
-        proxy.setPreparedBody(std::move(body), oldFormat);
-    } else if (body.empty()) {
+    if (document)
         proxy.createBodyFromXML();
-    } else {
-        proxy.createBodyFromXML(std::move(body));
-    }
+    else
+        proxy.setPreparedBody(std::move(spooled), oldFormat);
     if (s.progress) {
         s.progress(0, proxy.bodySize());  // the rate counts from here
         proxy.setProgress(s.progress);
     }
     const int rc = proxy.send();
-    body = proxy.takeBody();
     if (s.progress) s.progress(0, 0);
     if (rc != 0) {
         log << timestamp << u"HTTP data sending failed. NI RC=" << rc << endlog;
@@ -265,7 +261,7 @@ std::u16string secondsText(Millis wait) {
 }
 
 // The attempts --retry allows; the last one's outcome.
-Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t, std::string& body) {
+Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t) {
     const int retries = boundedNumber(s.gArgs, CMDARG_RETRY, 0, 0, 100);
     const std::chrono::seconds budget(
         boundedNumber(s.gArgs, CMDARG_RETRY_MAX_TIME, 600, 0, 2147483647));
@@ -273,7 +269,7 @@ Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t, st
     std::mt19937 random(std::random_device{}());
     Millis backoff(1000);
     for (int k = 1;; ++k) {
-        Attempt a = attempt(s, c, t, body, s.gpXmlFile.get());
+        Attempt a = attempt(s, c, t, s.gpXmlFile.get());
         if (a.reason.empty() || k > retries) return a;
         Millis wait;
         if (const std::optional<Millis> asked = retryAfterWait(a.retryAfter)) {
@@ -334,7 +330,7 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
         if (report) s.lastBodyBytes = body.size();
         Attempt a;
         try {
-            a = attempt(s, c, t, body, nullptr, e.oldFormat);
+            a = attempt(s, c, t, nullptr, std::move(body), e.oldFormat);
         } catch (const ERegExcept& ex) {
             logFailure(s.gLog, ex);
             return -2;
@@ -386,8 +382,7 @@ int transfer(ApiState& s, const ConnectData& c) {
     // change from here, so each attempt renders the same bytes as it sends.
     if (s.gArgs.isSwitchSet(CMDARG_OUTPUT) && !writeOutput(s, renderBody(s))) return -1;
     s.lastBodyBytes = CHttpProxy::renderedSize(*s.gpXmlFile, CHttpProxy::TRANSFER_ENCODING_UTF8);
-    std::string body;
-    const Attempt a = sendWithRetries(s, c, t, body);
+    const Attempt a = sendWithRetries(s, c, t);
     s.lastHttpStatus = a.answerCode;
     s.delivered = a.result == 0;
     spoolAfter(s, c, t, a);

@@ -130,10 +130,6 @@ size_t CHttpProxy::renderedSize(const CXmlFile& xmlFile, std::u16string_view enc
     return declaration(encoding).size() + xmlFile.bodySize();
 }
 
-void CHttpProxy::createBodyFromXML(std::string bytes) {
-    setPreparedBody(std::move(bytes), m_xmlFile->useOldTransferDtd());
-}
-
 void CHttpProxy::createBodyFromXML() {
     setPreparedBody({}, m_xmlFile->useOldTransferDtd());
     std::string head = declaration(m_encoding);
@@ -153,10 +149,6 @@ void CHttpProxy::setPreparedBody(std::string bytes, bool oldFormat) {
     m_streamed = false;
     m_bodySize = bytes.size();
     if (!bytes.empty()) m_request->setBody(std::move(bytes));
-}
-
-std::string CHttpProxy::takeBody() {
-    return m_request->takeBody();
 }
 
 void CHttpProxy::setProgress(std::function<void(size_t written, size_t total)> progress) {

@@ -48,18 +48,15 @@ public:
     CHttpProxy& operator=(const CHttpProxy&) = delete;
 
     bool isOpen() const { return m_open; }
-    // Sets the header lines and takes the request body: bytes rendered by
-    // renderBody, now or earlier, sent exactly as they are.
-    void createBodyFromXML(std::string body);
-    // The same, but the body is rendered from the document as it is sent, a
-    // piece at a time: renderBody's bytes, never held whole beside the model.
+    // Sets the header lines; the body is rendered from the document as it is
+    // sent, a piece at a time: renderBody's bytes, never held whole beside the
+    // model.
     void createBodyFromXML();
     // The length of the body set, in bytes.
     size_t bodySize() const { return m_bodySize; }
-    // The same for bytes of either format kept from any earlier run.
+    // The same for bytes of either format kept from any earlier run, sent
+    // exactly as they are.
     void setPreparedBody(std::string body, bool oldFormat);
-    // Hands the request body back after send, for another attempt.
-    std::string takeBody();
     // 0 when the body was written, else the network layer's code.
     int send();
     // Reports the body's bytes written and their total as send goes on.
@@ -83,7 +80,7 @@ public:
     // The bytes of the transfer document as they are sent: the XML
     // declaration and the document, UTF-8, rendered straight from the model
     // into one buffer. The one place that yields them; createBodyFromXML
-    // sends them, and sends bytes kept from an earlier rendering alike.
+    // sends them as it renders them, setPreparedBody as they were kept.
     static std::string renderBody(const CXmlFile& xmlFile, std::u16string_view encoding);
     // What renderBody puts before the document.
     static std::string declaration(std::u16string_view encoding);

@@ -202,10 +202,4 @@ void HttpRequest::setBodyWriter(size_t size, BodyWriter writer) {
     m_bodySize = size;
 }
 
-std::string HttpRequest::takeBody() {
-    m_writer = nullptr;
-    m_bodySize = 0;
-    return std::exchange(m_body, {});
-}
-
 }  // namespace kivreg

@@ -34,7 +34,6 @@ public:
     // The body to send, taken without copying: the bytes prepared for the
     // transfer are sent as they are.
     virtual int setBody(std::string&& bytes) = 0;
-    virtual std::string takeBody() = 0;  // gives them back, leaving the body empty
     virtual std::string_view body() const = 0;
     // Instead of bytes held whole, a body of `size` bytes that the writer
     // renders as it is sent, handing each piece (PROGRESS_STEP bytes but the

@@ -19,10 +19,9 @@ public:
 
     // The URL text as set, without any user name or password it carried.
     virtual std::u16string getUrl() const = 0;
-    // Splits the text into its parts; false for an empty text. A user name and
-    // password in the text go to the host user and password; otherwise those
-    // stay as they were set.
-    virtual bool setUrl(const char16_t* url) = 0;
+    // Splits the text into its parts. A user name and password in the text go
+    // to the host user and password; otherwise those stay as they were set.
+    virtual void setUrl(const char16_t* url) = 0;
 
     virtual const char16_t* getService() const = 0;  // the scheme
     virtual bool isSecure() const = 0;               // scheme "https", any case

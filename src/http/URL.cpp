@@ -47,8 +47,7 @@ bool URL::isSecure() const {
     return m_parts[SERVICE] && equalsIgnoreCase(*m_parts[SERVICE], u"https");
 }
 
-bool URL::setUrl(const char16_t* url) {
-    if (url == nullptr || *url == u'\0') return false;
+void URL::setUrl(const char16_t* url) {
     std::u16string_view rest(url);
     for (Part p : {SERVICE, HOST, HPORT, RAW_PATH, QUERY, FRAGMENT}) m_parts[p].reset();
 
@@ -59,7 +58,7 @@ bool URL::setUrl(const char16_t* url) {
         rest.remove_prefix(n + 1);
         if (rest.substr(0, 2) != u"//") {  // mailto:x, urn:y: no authority, no path
             m_url = kept.append(rest);
-            return true;
+            return;
         }
         kept += u"//";
         rest.remove_prefix(2);
@@ -101,7 +100,6 @@ bool URL::setUrl(const char16_t* url) {
     }
     set(RAW_PATH, rest.empty() ? std::u16string_view(u"/") : rest);
     m_url = std::move(kept);
-    return true;
 }
 
 std::u16string URL::unescape(std::u16string_view text) {

@@ -13,7 +13,7 @@ public:
     const char16_t* getFragment() const override { return get(FRAGMENT); }
 
     std::u16string getUrl() const override { return m_url; }
-    bool setUrl(const char16_t* url) override;
+    void setUrl(const char16_t* url) override;
 
     const char16_t* getService() const override { return get(SERVICE); }
     bool isSecure() const override;

@@ -168,25 +168,38 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
 }
 
 TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
-    // A body of about 1.5 MiB.
+    // A body of about 1.9 MiB: two pieces.
     std::string values;
     for (int i = 0; i < 20000; ++i)
         values += "<property name=\"P" + std::to_string(i) + "\"><value>" + std::string(48, 'x') +
                   "</value></property>";
     std::string big = kDocument;
     big.insert(big.find("<reference"), values);
-    DirServer server(m_dir.path(), {});
-    for (const bool terminal : {true, false}) {
-        std::vector<std::string> args = connect(server.portText(), {});
-        args[1] = writeDoc("big.xml", big);
+    DirServer server(m_dir.path(), {.first = "503"});
+    std::vector<std::string> registration = connect(server.portText(), {"--spool", path("spool")});
+    registration[1] = writeDoc("big.xml", big);
+    const std::vector<std::string> flush = {"--flush",   "--spool", path("spool"),    "-user",
+                                            "supplier",  "-pass",   "s3cret-pw",      "-host",
+                                            "127.0.0.1", "-port",   server.portText()};
+    const struct {
+        const char* what;
+        const std::vector<std::string>& args;
+        bool terminal;
+        int exitCode;
+    } cases[] = {{"rendered as it is sent, refused and kept", registration, true, 1},
+                 {"the kept bytes delivered", flush, true, 0},
+                 {"no terminal", registration, false, 0}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
         RunOptions options;
-        options.terminal = terminal;
-        const RunResult r = kivreg(args, options);
-        EXPECT_EQ(r.exitCode, 0) << r.out.substr(0, 2000);
+        options.terminal = k.terminal;
+        const RunResult r = kivreg(k.args, options);
+        EXPECT_EQ(r.exitCode, k.exitCode) << r.out.substr(0, 2000);
         const size_t line = r.out.find("\rkivreg: ");
-        EXPECT_EQ(line != std::string::npos, terminal);
+        EXPECT_EQ(line != std::string::npos, k.terminal);
         if (line != std::string::npos) {
-            EXPECT_NE(r.out.find(" MiB of 1.", line), std::string::npos);
+            // The first piece is always drawn: the clock started before it.
+            EXPECT_EQ(r.out.substr(line, 29), "\rkivreg: 1.0 MiB of 1.9 MiB (");
             EXPECT_NE(r.out.find(" MiB/s", line), std::string::npos);
             // Blanked and returned over before the log goes on: the next
             // entry's date starts at the line's beginning.
@@ -195,7 +208,7 @@ TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
             EXPECT_EQ(r.out.substr(next - 27, 2), " \r") << r.out.substr(line, next - line);
         }
     }
-    EXPECT_EQ(server.stored().size(), 2u);
+    EXPECT_EQ(server.stored().size(), 3u);  // the refused one too
 }
 
 }  // namespace

@@ -63,7 +63,8 @@ protected:
         if (streamed)
             p->createBodyFromXML();
         else
-            p->createBodyFromXML(CHttpProxy::renderBody(m_doc, CHttpProxy::TRANSFER_ENCODING_UTF8));
+            p->setPreparedBody(CHttpProxy::renderBody(m_doc, CHttpProxy::TRANSFER_ENCODING_UTF8),
+                               m_doc.useOldTransferDtd());
         EXPECT_EQ(p->send(), 0);
         const int status = p->receive();
         server.join();

@@ -67,11 +67,13 @@ TEST(CXmlFileLoad, MessagesAndResult) {
          "<kivinfo supplier_name='S'><group name=''/><group name='B'></kivinfo>",
          parseError("Opening and ending tag mismatch: group line 1 and kivinfo", "1, 70") +
              parseError("Premature end of data in tag kivinfo line 1", "1, 70") + noText},
-        {"internal entities are expanded in attributes and values", From::Text,
-         "<!DOCTYPE kivinfo [<!ENTITY e 'hello'>]><kivinfo supplier_name='S-&e;'><group "
-         "name='G'><class name='C'><instance><property name='P'><value>[&e;]</value></property>"
-         "</instance></class></group></kivinfo>",
-         entities, 1, true, "<value>[hello]</value>"},
+        {"internal entities, also nested ones, are expanded in attributes and values at every "
+         "use",
+         From::Text,
+         "<!DOCTYPE kivinfo [<!ENTITY e 'hello'><!ENTITY n '&e;!'>]><kivinfo "
+         "supplier_name='S-&e;'><group name='G'><class name='C'><instance><property "
+         "name='P'><value>[&e;]&n;&n;</value></property></instance></class></group></kivinfo>",
+         entities, 1, true, "<value>[hello]hello!hello!</value>"},
         {"malformed", From::Text, "<kivinfo supplier_name='S'>\n  <group name='A'>\n</kivinfo>",
          parseError("Opening and ending tag mismatch: group line 2 and kivinfo", "3, 11") +
              parseError("Premature end of data in tag kivinfo line 1", "3, 11") + noText},
