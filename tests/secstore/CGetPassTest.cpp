@@ -115,6 +115,10 @@ TEST(CGetPass, HiddenInputThroughATerminal) {
          "\xED\x9F\xBF\xEF\xBF\xBD\xEF\xBF\xBD\xEE\x80\x80\xEF\xBF\xBF\xEF\xBF\xBD\xE0\xA0\x80"
          "\xDF\xBF\xEF\xBF\xBD\xEF\xBF\xBD\xC3\x81\xC2\xA0\xC3\xB5\xC2\x80",
          std::string(14, '*'), ""},
+        // A byte that cuts a sequence is the next key, also a zero byte,
+        // which then ends the text.
+        {"a cut sequence leaves its last byte to the next key",
+         std::string("\xC3\0b\xE2\x82x\r", 8), "\xEF\xBF\xBD", "*****", ""},
         {"a hundred characters end the input", hundred + "Z", hundred, std::string(100, '*'), "Z"},
         {"a pair fills the last two places", hundred.substr(2) + "\xF0\x9F\x98\x80Z",
          hundred.substr(2) + "\xF0\x9F\x98\x80", std::string(99, '*'), "Z"},
