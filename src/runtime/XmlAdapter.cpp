@@ -246,45 +246,21 @@ size_t lastCharStart(std::string_view bytes) {
 // ---- XmlInputStream
 
 XmlInputStream XmlInputStream::onString(std::string utf8) {
-    XmlInputStream in;
-    in.m_data = std::move(utf8);
-    in.m_inMemory = true;
-    in.m_ignoreDeclaredEncoding = true;
-    return in;
+    return XmlInputStream(std::move(utf8), true, false, {}, -1);
 }
 
 XmlInputStream XmlInputStream::onStdin() {
-    XmlInputStream in;
-    in.m_stdin = true;
-    return in;
+    return XmlInputStream({}, false, true, {}, -1);
 }
 
 XmlInputStream XmlInputStream::onFile(const std::string& path) {
-    XmlInputStream in;
-    in.m_path = path;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return in;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    if (fd >= 0 && (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode))) {
         ::close(fd);
-        return in;
+        fd = -1;
     }
-    in.m_fd = fd;
-    return in;
-}
-
-XmlInputStream::XmlInputStream(XmlInputStream&& other) noexcept
-    : m_data(std::move(other.m_data)),
-      m_path(std::move(other.m_path)),
-      m_fd(other.m_fd),
-      m_inMemory(other.m_inMemory),
-      m_ignoreDeclaredEncoding(other.m_ignoreDeclaredEncoding),
-      m_stdin(other.m_stdin),
-      m_tail(std::move(other.m_tail)),
-      m_ended(other.m_ended) {
-    other.m_fd = -1;
-    other.m_inMemory = false;
-    other.m_stdin = false;
+    return XmlInputStream({}, false, false, path, fd);
 }
 
 XmlInputStream::~XmlInputStream() {
@@ -356,12 +332,9 @@ bool XmlParser::parse(XmlInputStream& in, XmlHandler& handler) {
             m_errors.push_back({"Document too large", XML_SEV_FATAL, {}, 0, 0});
             return false;
         }
-        int options = kParseOptions;
-        if (in.m_ignoreDeclaredEncoding) options |= XML_PARSE_IGNORE_ENC;
         // The text is already Unicode; it is handed over as UTF-8.
-        const char* encoding = in.m_ignoreDeclaredEncoding ? "UTF-8" : nullptr;
         dtdOnly = xmlCtxtReadMemory(m_ctxt, in.m_data.data(), static_cast<int>(in.m_data.size()),
-                                    nullptr, encoding, options);
+                                    nullptr, "UTF-8", kParseOptions | XML_PARSE_IGNORE_ENC);
     } else if (in.m_stdin) {
         dtdOnly = xmlCtxtReadIO(m_ctxt, XmlEvents::readStdin, XmlEvents::closeNothing, &in, nullptr,
                                 nullptr, kParseOptions);

@@ -39,8 +39,8 @@ public:
     // A document file, opened at once; see isOpen().
     static XmlInputStream onFile(const std::string& path);
 
-    XmlInputStream(XmlInputStream&& other) noexcept;
-    XmlInputStream& operator=(XmlInputStream&&) = delete;
+    // Made in place by the functions above, never moved: it owns a descriptor.
+    XmlInputStream(XmlInputStream&&) = delete;
     ~XmlInputStream();
 
     bool isOpen() const { return m_fd >= 0 || m_inMemory || m_stdin; }
@@ -48,13 +48,17 @@ public:
 private:
     friend class XmlParser;
     friend struct XmlEvents;
-    XmlInputStream() = default;
+    XmlInputStream(std::string data, bool inMemory, bool fromStdin, std::string path, int fd)
+        : m_data(std::move(data)),
+          m_path(std::move(path)),
+          m_fd(fd),
+          m_inMemory(inMemory),
+          m_stdin(fromStdin) {}
 
     std::string m_data;
     std::string m_path;
     int m_fd = -1;
     bool m_inMemory = false;
-    bool m_ignoreDeclaredEncoding = false;
     bool m_stdin = false;
     // Standard input: its last bytes seen, and whether its end was reached.
     std::string m_tail;

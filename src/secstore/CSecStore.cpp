@@ -120,11 +120,13 @@ CSecStore::CSecStore(CLog* log, const std::u16string& fileName)
 
 CSecStore::CSecStore(CLog* log, const std::u16string& fileName, bool useKeyFile)
     : CSecStore(log, fileName) {
-    if (useKeyFile) setKeyFile();
+    if (!useKeyFile) return;
+    generateKey();
+    m_useKeyFile = true;
 }
 
 CSecStore::~CSecStore() {
-    unsetKeyFile();
+    if (m_randKey) OPENSSL_cleanse(m_randKey->data(), m_randKey->size());
 }
 
 void CSecStore::add(const std::u16string& key, const std::u16string& value) {
@@ -134,17 +136,6 @@ void CSecStore::add(const std::u16string& key, const std::u16string& value) {
 std::u16string CSecStore::get(const std::u16string& key) const {
     const auto it = m_entries.find(key);
     return it == m_entries.end() ? std::u16string() : it->second;
-}
-
-void CSecStore::setKeyFile() {
-    if (!m_randKey) generateKey();
-    m_useKeyFile = true;
-}
-
-void CSecStore::unsetKeyFile() {
-    if (m_randKey) OPENSSL_cleanse(m_randKey->data(), m_randKey->size());
-    m_randKey.reset();
-    m_useKeyFile = false;
 }
 
 void CSecStore::generateKey() {

@@ -69,10 +69,6 @@ public:
     static std::u16string getFileUnifier();
 
     bool usesKeyFile() const { return m_useKeyFile; }
-    // Generates a random key if none is held, then uses a key file.
-    void setKeyFile();
-    // Drops the random key and returns to the built-in key.
-    void unsetKeyFile();
     const std::u16string& getFileName() const { return m_fileName; }
     std::u16string getKeyFileName() const { return m_fileName + u".key"; }
 

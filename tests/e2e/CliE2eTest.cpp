@@ -150,6 +150,14 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
     EXPECT_NE(readFile(m_dir / "log.txt")
                   .find("Document checked: " + std::to_string(sent.size()) + " bytes to send."),
               std::string::npos);
+    r = run({"/bin/sh", "-c",
+             "'" + kProgram + "' --check --output - -file doc.xml >/dev/full 2>log.txt"},
+            inDir);
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_NE(readFile(m_dir / "log.txt")
+                  .find("Failed to write the transfer document to -: No space left on device"),
+              std::string::npos)
+        << readFile(m_dir / "log.txt");
 
     // Nothing partial stays behind, and nothing is sent after a failed copy.
     r = kivreg(connect(server.portText(), {"--output", path("missing/sent.xml")}));

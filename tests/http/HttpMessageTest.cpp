@@ -164,6 +164,9 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"a quoted separator keeps its field whole",
          ok + "X-Note: \"a;Content-Length: 3\"\r\nContent-Length: 5\r\n\r\nhello",
          {0, 0, 200, "hello"}},
+        {"an unclosed quote ends with its line",
+         ok + "X-Note: \"a\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\n\r\n",
+         {0, 0, 200, "ok"}},
         {"chunked with extensions and trailers",
          "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n5;name=val\r\nhello\r\n"
          "6 \r\n world\r\n0\r\nX-Status: 201\r\nX-Other: y\r\n\r\n", {0, 0, 201, "hello world"}},
