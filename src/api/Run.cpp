@@ -444,8 +444,8 @@ int doReg(ApiState& s, const ConnectData& c) {
 }
 
 bool portAccepted(const std::u16string& port) {
-    // 65536 and 0 pass on purpose: the run has always been that lenient.
-    if (!CPArgs::isNumeric(port)) return false;
+    // 65536 and 0 pass on purpose: the run has always been that lenient. A
+    // text that is no number counts as 2147483647.
     const int n = CPArgs::getNumber(port);
     return n >= 0 && n <= 65536;
 }
