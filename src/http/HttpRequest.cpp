@@ -178,26 +178,21 @@ int HttpRequest::sendMessage(int* rc) {
     return header + body;
 }
 
-int HttpRequest::setHeaderline(std::u16string_view text) {
-    m_header.clear();
-    if (text.empty()) return 0;
-    return addHeaderline(text);
+void HttpRequest::setHeaderline(std::u16string_view text) {
+    m_header = line(text);
 }
 
-int HttpRequest::addHeaderline(std::u16string_view text) {
+void HttpRequest::addHeaderline(std::u16string_view text) {
     m_header += line(text);
-    return static_cast<int>(m_header.size());
 }
 
-int HttpRequest::setBody(std::string&& bytes) {
+// A request carries one body: bytes or a writer, set once.
+void HttpRequest::setBody(std::string&& bytes) {
     m_body = std::move(bytes);
-    m_writer = nullptr;
     m_bodySize = m_body.size();
-    return static_cast<int>(m_body.size());
 }
 
 void HttpRequest::setBodyWriter(size_t size, BodyWriter writer) {
-    m_body.clear();
     m_writer = std::move(writer);
     m_bodySize = size;
 }

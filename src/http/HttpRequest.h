@@ -14,9 +14,9 @@ public:
 
     int sendMessage(int* rc) override;
 
-    int setHeaderline(std::u16string_view line) override;
-    int addHeaderline(std::u16string_view line) override;
-    int setBody(std::string&& bytes) override;
+    void setHeaderline(std::u16string_view line) override;
+    void addHeaderline(std::u16string_view line) override;
+    void setBody(std::string&& bytes) override;
     std::string_view body() const override { return m_body; }
     void setBodyWriter(size_t size, BodyWriter writer) override;
     void setProgress(Progress progress) override { m_progress = std::move(progress); }

@@ -27,13 +27,12 @@ public:
     // the body write; the result is header plus body bytes written.
     virtual int sendMessage(int* rc) = 0;
 
-    // Each returns the new length of its buffer. setHeaderline replaces the
-    // whole header with the one line.
-    virtual int setHeaderline(std::u16string_view line) = 0;
-    virtual int addHeaderline(std::u16string_view line) = 0;
+    // setHeaderline replaces the whole header with the one line.
+    virtual void setHeaderline(std::u16string_view line) = 0;
+    virtual void addHeaderline(std::u16string_view line) = 0;
     // The body to send, taken without copying: the bytes prepared for the
     // transfer are sent as they are.
-    virtual int setBody(std::string&& bytes) = 0;
+    virtual void setBody(std::string&& bytes) = 0;
     virtual std::string_view body() const = 0;
     // Instead of bytes held whole, a body of `size` bytes that the writer
     // renders as it is sent, handing each piece (PROGRESS_STEP bytes but the
