@@ -3,10 +3,12 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -155,6 +157,50 @@ TEST(CGetPass, InputThatIsNoTerminalEndsWithIt) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "***\b \b*");
     ::sigaction(SIGHUP, &before, &after);
     EXPECT_EQ(after.sa_handler, host.sa_handler);
+}
+
+int g_handled = -1;  // the child tells through it that its handler ran
+
+// A host's own handler, installed without SA_RESTART, may interrupt the read;
+// the keys after it count, and the end of the input still ends the password.
+TEST(CGetPass, SignalOfTheHostInterruptsTheReadWithoutEndingIt) {
+    int keys[2], handled[2], result[2];
+    ASSERT_EQ(::pipe(keys) | ::pipe(handled) | ::pipe(result), 0);
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        g_handled = handled[1];
+        struct sigaction host {};
+        host.sa_handler = [](int) { (void)!::write(g_handled, "s", 1); };
+        ::sigaction(SIGUSR1, &host, nullptr);
+        ::dup2(keys[0], 0);
+        std::clearerr(stdin);  // an end an earlier test left on it
+        ::close(keys[1]);
+        const std::string typed = CCConv::toUTF8Str(CGetPass::getPasswd());
+        ::_exit(::write(result[1], typed.data(), typed.size()) == ssize_t(typed.size()) ? 0 : 2);
+    }
+    for (int fd : {keys[0], handled[1], result[1]}) ::close(fd);
+    long call = -1;  // what the child waits in: read(2) once it reads the keys
+    for (int i = 0; i < 2000 && call != SYS_read; ++i) {
+        ::usleep(5000);
+        std::ifstream("/proc/" + std::to_string(pid) + "/syscall") >> call;
+    }
+    EXPECT_EQ(call, SYS_read);
+    ::kill(pid, SIGUSR1);
+    char c;
+    pollfd ran{handled[0], POLLIN, 0};
+    EXPECT_TRUE(::poll(&ran, 1, 10000) == 1 && ::read(handled[0], &c, 1) == 1);
+    ASSERT_EQ(::write(keys[1], "ab", 2), 2);
+    ::close(keys[1]);
+    std::string typed;
+    char buf[64];
+    pollfd in{result[0], POLLIN, 0};
+    for (ssize_t n; ::poll(&in, 1, 10000) > 0 && (n = ::read(result[0], buf, sizeof buf)) > 0;)
+        typed.append(buf, static_cast<size_t>(n));
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    for (int fd : {handled[0], result[0]}) ::close(fd);
+    EXPECT_EQ(typed, "ab");
 }
 
 }  // namespace
