@@ -119,7 +119,7 @@ void BM_KivregPost100MB(benchmark::State& state) {
         u.setHuser(u"u");
         u.setHpass(u"p");
         u.setUrl(url.c_str());
-        HttpRequest req(&conn, &u);
+        HttpRequest req(conn, u);
         req.addHeaderline(u"dsxmlversion:2.0");
         req.setBody(std::move(bytes));
         int rc = 0;

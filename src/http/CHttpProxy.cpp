@@ -46,9 +46,9 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
     m_connection->setTimeOutConn(connectTimeout);
     m_connection->setTimeOutSend(sendTimeout);
     m_connection->setTimeOutRead(readTimeout);
-    required(createIHttpRequest(m_connection.get(), m_request));
-    required(createIHttpResponse(m_connection.get(), m_response));
     required(createIURL(m_url));
+    required(createIHttpRequest(*m_connection, *m_url, m_request));
+    required(createIHttpResponse(m_connection.get(), m_response));
 
     std::u16string text = https ? u"https://" : u"http://";
     const bool ipv6 = m_host.find(u':') != std::u16string::npos;
@@ -79,7 +79,6 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
 
     m_request->setHeaderline(
         CCConv::stringSubstituteAll(ms_httpHeaderContentTypeTemplate, ms_placeholder, m_encoding));
-    m_request->setIURL(m_url.get());
 
     if (openNow) {
         // The line reports the code held before the attempt, not the one the

@@ -43,23 +43,20 @@ std::u16string encodeUsrPwd(const char16_t* user, const char16_t* password) {
 
 }  // namespace
 
-int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out) {
-    out.reset();
-    if (connection == nullptr) return -1;
-    out.reset(new (std::nothrow) HttpRequest(connection, nullptr));
+int createIHttpRequest(IIPConnection& connection, IURL& url, std::unique_ptr<IHttpRequest>& out) {
+    out.reset(new (std::nothrow) HttpRequest(connection, url));
     return out ? 0 : -1;
 }
 
-HttpRequest::HttpRequest(IIPConnection* connection, IURL* url)
+HttpRequest::HttpRequest(IIPConnection& connection, IURL& url)
     : m_url(url), m_connection(connection) {}
 
 std::string HttpRequest::makeCmdLine() const {
-    if (m_url == nullptr) return {};
     std::string text = "POST ";
-    text += ascii7(m_viaProxy ? m_url->getUrl() : std::u16string(orEmpty(m_url->getRawPath())));
+    text += ascii7(m_viaProxy ? m_url.getUrl() : std::u16string(orEmpty(m_url.getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
-    const std::u16string_view host = orEmpty(m_url->getHost());
+    const std::u16string_view host = orEmpty(m_url.getHost());
     const bool ipv6 = host.find(u':') != std::u16string_view::npos;
     if (ipv6) text += '[';
     text += ascii7(host);
@@ -69,31 +66,30 @@ std::string HttpRequest::makeCmdLine() const {
 }
 
 int HttpRequest::connect(int* rc) {
-    if (m_url == nullptr || m_connection == nullptr) return -1;
-    const bool secure = m_url->isSecure();
+    const bool secure = m_url.isSecure();
     const char16_t* defaultPort = secure ? u"443" : u"80";
     const auto pick = [&](const char16_t* port) {
         return orEmpty(port).empty() ? defaultPort : port;
     };
     Trace& trace = Trace::instance();
-    const std::u16string_view target = orEmpty(m_url->getHost());
-    const bool viaProxy = !orEmpty(m_url->getProxy()).empty();
+    const std::u16string_view target = orEmpty(m_url.getHost());
+    const bool viaProxy = !orEmpty(m_url.getProxy()).empty();
     // A TLS server is reached through a tunnel and then spoken to as directly;
     // plain HTTP names the whole URL to the proxy.
     const bool tunnel = viaProxy && secure;
     m_viaProxy = viaProxy && !secure;
-    const std::u16string host(viaProxy ? orEmpty(m_url->getProxy()) : target);
-    const std::u16string port(pick(viaProxy ? m_url->getPport() : m_url->getHport()));
+    const std::u16string host(viaProxy ? orEmpty(m_url.getProxy()) : target);
+    const std::u16string port(pick(viaProxy ? m_url.getPport() : m_url.getHport()));
     if (target.empty() && !m_viaProxy) {
         trace.t(LEVEL, "HttpRequest::connect failed, hostname unknown");
         return -11;
     }
-    trace.t(LEVEL, "HttpRequest::connect try URL", m_url->getUrl());
+    trace.t(LEVEL, "HttpRequest::connect try URL", m_url.getUrl());
     const int code =
-        tunnel ? m_connection->openTunnel(
-                     host.c_str(), port.c_str(), m_url->getHost(), pick(m_url->getHport()),
-                     ascii7(encodeUsrPwd(m_url->getPuser(), m_url->getPpass())))
-               : m_connection->open(host.c_str(), port.c_str(), secure);
+        tunnel ? m_connection.openTunnel(host.c_str(), port.c_str(), m_url.getHost(),
+                                         pick(m_url.getHport()),
+                                         ascii7(encodeUsrPwd(m_url.getPuser(), m_url.getPpass())))
+               : m_connection.open(host.c_str(), port.c_str(), secure);
     if (rc != nullptr) *rc = code;
     if (code != rt::NET_OK) {
         trace.t(LEVEL, "HttpRequest::connect FAILED to", host, port);
@@ -106,18 +102,14 @@ int HttpRequest::connect(int* rc) {
 }
 
 void HttpRequest::completeHeader() {
-    if (const std::string cmd = makeCmdLine(); !cmd.empty())
-        m_header.insert(0, cmd + std::string(CRLF));
-    if (m_url != nullptr) {
-        const auto addAuth = [this](const char16_t* prefix, const char16_t* user,
-                                    const char16_t* password) {
-            if (const std::u16string code = encodeUsrPwd(user, password); !code.empty())
-                addHeaderline(prefix + code);
-        };
-        if (m_viaProxy)
-            addAuth(u"Proxy-Authorization: Basic ", m_url->getPuser(), m_url->getPpass());
-        addAuth(u"Authorization: Basic ", m_url->getHuser(), m_url->getHpass());
-    }
+    m_header.insert(0, makeCmdLine() + std::string(CRLF));
+    const auto addAuth = [this](const char16_t* prefix, const char16_t* user,
+                                const char16_t* password) {
+        if (const std::u16string code = encodeUsrPwd(user, password); !code.empty())
+            addHeaderline(prefix + code);
+    };
+    if (m_viaProxy) addAuth(u"Proxy-Authorization: Basic ", m_url.getPuser(), m_url.getPpass());
+    addAuth(u"Authorization: Basic ", m_url.getHuser(), m_url.getHpass());
     // A length line of the caller's own is not looked for: this one is
     // always added for a body.
     if (m_bodySize != 0) {
@@ -130,11 +122,7 @@ void HttpRequest::completeHeader() {
 }
 
 int HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
-    if (m_connection == nullptr) {
-        if (rc != nullptr) *rc = rt::NET_ERR_INVALID;
-        return 0;
-    }
-    return m_connection->write(buffer.data(), static_cast<int>(buffer.size()), rc);
+    return m_connection.write(buffer.data(), static_cast<int>(buffer.size()), rc);
 }
 
 int HttpRequest::writeBody(int* rc) {

@@ -7,10 +7,9 @@ namespace kivreg {
 
 class HttpRequest final : public IHttpRequest {
 public:
-    HttpRequest(IIPConnection* connection, IURL* url);
+    HttpRequest(IIPConnection& connection, IURL& url);
 
     int connect(int* rc) override;
-    void setIURL(IURL* url) override { m_url = url; }
 
     int sendMessage(int* rc) override;
 
@@ -22,15 +21,15 @@ public:
     void setProgress(Progress progress) override { m_progress = std::move(progress); }
 
 private:
-    // "POST /path HTTP/1.1\r\nHost: h\r\nConnection: Close"; empty without URL.
+    // "POST /path HTTP/1.1\r\nHost: h\r\nConnection: Close".
     std::string makeCmdLine() const;
     // Request line in front, credentials, length line, empty line.
     void completeHeader();
     int writeBuffer(std::string_view buffer, int* rc);
     int writeBody(int* rc);
 
-    IURL* m_url;
-    IIPConnection* m_connection;
+    IURL& m_url;
+    IIPConnection& m_connection;
     std::string m_header;
     std::string m_body;
     BodyWriter m_writer;    // set instead of m_body for a rendered body

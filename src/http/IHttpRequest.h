@@ -19,9 +19,8 @@ public:
 
     // Opens the connection to the URL's host (or its proxy) for one request.
     // Returns 10 when connected, -11 when the host is unknown or the open
-    // failed (the network code is in *rc), -1 without URL or connection.
+    // failed (the network code is in *rc).
     virtual int connect(int* rc) = 0;
-    virtual void setIURL(IURL* url) = 0;
 
     // Header (Content-Length = body length) and body. *rc holds the code of
     // the body write; the result is header plus body bytes written.
@@ -52,6 +51,6 @@ public:
 
 // 0 and a request without URL on the connection, or -1 when the
 // connection is null or the object could not be made.
-int createIHttpRequest(IIPConnection* connection, std::unique_ptr<IHttpRequest>& out);
+int createIHttpRequest(IIPConnection& connection, IURL& url, std::unique_ptr<IHttpRequest>& out);
 
 }  // namespace kivreg

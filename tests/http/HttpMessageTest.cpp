@@ -47,11 +47,10 @@ struct Fixture {
     int rc = -99;
 
     explicit Fixture(const char* text) {
-        EXPECT_EQ(createIHttpRequest(&conn, req), 0);
+        EXPECT_EQ(createIHttpRequest(conn, url, req), 0);
         url.setHuser(u"u");
         url.setHpass(u"p");
         url.setUrl(u16(std::string(text)).c_str());
-        req->setIURL(&url);
     }
 };
 
