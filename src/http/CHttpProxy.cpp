@@ -48,7 +48,7 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
     m_connection->setTimeOutRead(readTimeout);
     required(createIURL(m_url));
     required(createIHttpRequest(*m_connection, *m_url, m_request));
-    required(createIHttpResponse(m_connection.get(), m_response));
+    required(createIHttpResponse(*m_connection, m_response));
 
     std::u16string text = https ? u"https://" : u"http://";
     const bool ipv6 = m_host.find(u':') != std::u16string::npos;

@@ -51,10 +51,8 @@ bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
 
 }  // namespace
 
-int createIHttpResponse(IIPConnection* connection, std::unique_ptr<IHttpResponse>& out) {
-    out.reset();
-    if (connection == nullptr) return -1;
-    out.reset(new (std::nothrow) HttpResponse(connection));
+int createIHttpResponse(IIPConnection& connection, std::unique_ptr<IHttpResponse>& out) {
+    out.reset(new (std::nothrow) HttpResponse(&connection));
     return out ? 0 : -1;
 }
 

@@ -51,6 +51,6 @@ public:
 };
 
 // 0 and a response reading from the connection, or -1 for a null connection.
-int createIHttpResponse(IIPConnection* connection, std::unique_ptr<IHttpResponse>& out);
+int createIHttpResponse(IIPConnection& connection, std::unique_ptr<IHttpResponse>& out);
 
 }  // namespace kivreg

@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     MemoryConnection connection(fuzz::bytes(data + 1, size - 1), data[0] + size_t{1});
     std::unique_ptr<IHttpResponse> response;
-    if (createIHttpResponse(&connection, response) != 0) return 0;
+    if (createIHttpResponse(connection, response) != 0) return 0;
     int rc = 0;
     response->readHeaderSkip100(&rc);
     try {
