@@ -49,8 +49,8 @@ public:
     virtual void setProgress(Progress progress) = 0;
 };
 
-// 0 and a request without URL on the connection, or -1 when the
-// connection is null or the object could not be made.
+// 0 and a request for the URL on the connection, or -1 when the object
+// could not be made.
 int createIHttpRequest(IIPConnection& connection, IURL& url, std::unique_ptr<IHttpRequest>& out);
 
 }  // namespace kivreg

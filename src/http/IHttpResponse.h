@@ -50,7 +50,8 @@ public:
     virtual const std::string& getBody() const = 0;  // bytes of the last body read
 };
 
-// 0 and a response reading from the connection, or -1 for a null connection.
+// 0 and a response reading from the connection, or -1 when the object could
+// not be made.
 int createIHttpResponse(IIPConnection& connection, std::unique_ptr<IHttpResponse>& out);
 
 }  // namespace kivreg
