@@ -1,0 +1,147 @@
+// Transfers and their retries.
+
+#include "api/Transfer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <optional>
+#include <random>
+#include <thread>
+
+#include "api/ApiState.h"
+#include "api/Vocabulary.h"
+#include "http/CHttpProxy.h"
+#include "support/CCConv.h"
+
+namespace kivreg::api {
+namespace {
+
+std::u16string decimal(long long n) {
+    const std::string digits = std::to_string(n);
+    return std::u16string(digits.begin(), digits.end());
+}
+
+const char16_t* retriedStatusText(int status) {
+    switch (status) {
+        case 408:
+            return u"Request Timeout";
+        case 429:
+            return u"Too Many Requests";
+        case 500:
+            return u"Internal Server Error";
+        case 502:
+            return u"Bad Gateway";
+        case 503:
+            return u"Service Unavailable";
+        case 504:
+            return u"Gateway Timeout";
+        default:
+            return nullptr;
+    }
+}
+
+using Millis = std::chrono::milliseconds;
+
+// Retry-After as seconds or as an HTTP date; nothing when it is neither.
+std::optional<Millis> retryAfterWait(const std::u16string& value) {
+    if (value.empty()) return std::nullopt;
+    if (std::all_of(value.begin(), value.end(), [](char16_t c) { return c >= u'0' && c <= u'9'; }))
+        return std::chrono::seconds(value.size() > 9 ? 999999999
+                                                     : std::stoi(CCConv::toUTF8Str(value)));
+    std::tm tm{};
+    const std::string date = CCConv::toUTF8Str(value);
+    const char* end = ::strptime(date.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &tm);
+    if (end == nullptr || *end != '\0') return std::nullopt;
+    const auto when = std::chrono::system_clock::from_time_t(::timegm(&tm));
+    return std::max(Millis(0),
+                    std::chrono::duration_cast<Millis>(when - std::chrono::system_clock::now()));
+}
+
+// "2" for whole seconds, "0.7" otherwise.
+std::u16string secondsText(Millis wait) {
+    const long long tenths = (wait.count() + 50) / 100;
+    std::u16string text = decimal(tenths / 10);
+    if (tenths % 10 != 0) text += u"." + decimal(tenths % 10);
+    return text;
+}
+
+}  // namespace
+
+void logFailure(CLog& log, const ERegExcept& e) {
+    log << timestamp << u"Failed to transfer data (type/msg): "
+        << static_cast<int>(e.getExceptionType()) << u"/" << e.getExceptionMsg() << endlog;
+}
+
+std::string renderBody(ApiState& s) {
+    return CHttpProxy::renderBody(*s.gpXmlFile, CHttpProxy::TRANSFER_ENCODING_UTF8);
+}
+
+Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* document,
+                std::string spooled, bool oldFormat) {
+    CLog& log = s.gLog;
+    CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, document, c.user, c.password, c.host,
+                     c.port, t.connect, t.send, t.receive, true, c.useHttps, proxyOptions(s.gArgs));
+    if (s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE)) proxy.setTrace();
+    if (!proxy.isOpen()) {
+        log << timestamp << u"Failed to open HTTP connection!" << endlog;
+        return {-2, u"connection failed", {}};
+    }
+    if (document)
+        proxy.createBodyFromXML();
+    else
+        proxy.setPreparedBody(std::move(spooled), oldFormat);
+    if (s.progress) {
+        s.progress(0, proxy.bodySize());  // the rate counts from here
+        proxy.setProgress(s.progress);
+    }
+    const int rc = proxy.send();
+    if (s.progress) s.progress(0, 0);
+    if (rc != 0) {
+        log << timestamp << u"HTTP data sending failed. NI RC=" << rc << endlog;
+        return {-1, u"send failed", {}};
+    }
+    log << timestamp << u"HTTP send successful." << endlog;
+    const int status = proxy.receive();
+    const int answerCode = std::max(0, proxy.getAnswerCode());
+    if (status == CHttpProxy::HTTP_SUCCESS_CODE) {
+        log << timestamp << u"HTTP response: Success. HTTP status code: " << status << endlog;
+        return {0, {}, {}, answerCode};
+    }
+    log << timestamp << u"HTTP response: Failure. HTTP status code: " << status << endlog;
+    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode};
+    if (status < 0) {
+        failed.reason = u"no answer";
+    } else if (const char16_t* text = retriedStatusText(proxy.getAnswerCode())) {
+        failed.reason = u"HTTP status " + decimal(proxy.getAnswerCode()) + u" (" + text + u")";
+    }
+    return failed;
+}
+
+Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t) {
+    const int retries = boundedNumber(s.gArgs, CMDARG_RETRY, 0, 0, 100);
+    const std::chrono::seconds budget(
+        boundedNumber(s.gArgs, CMDARG_RETRY_MAX_TIME, 600, 0, 2147483647));
+    const auto start = std::chrono::steady_clock::now();
+    std::mt19937 random(std::random_device{}());
+    Millis backoff(1000);
+    for (int k = 1;; ++k) {
+        Attempt a = attempt(s, c, t, s.gpXmlFile.get());
+        if (a.reason.empty() || k > retries) return a;
+        Millis wait;
+        if (const std::optional<Millis> asked = retryAfterWait(a.retryAfter)) {
+            wait = *asked;
+        } else {
+            // Jitter keeps the suppliers of one timer from returning in step.
+            wait = Millis(std::uniform_int_distribution<long long>(backoff.count() / 2,
+                                                                   backoff.count())(random));
+            backoff = std::min(backoff * 2, Millis(60000));
+        }
+        if (std::chrono::steady_clock::now() - start + wait > budget) return a;
+        s.gLog << timestamp << u"Retry " << k << u" of " << retries << u" in " << secondsText(wait)
+               << u" s: " << a.reason << endlog;
+        std::this_thread::sleep_for(wait);
+    }
+}
+
+}  // namespace kivreg::api
