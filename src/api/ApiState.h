@@ -15,6 +15,24 @@
 
 namespace kivreg::api {
 
+// Why the last run failed, for monitoring; each names one place a run can stop.
+enum class FailureReason {
+    None,
+    Document,
+    Symbols,
+    References,
+    ConnectData,
+    Resolve,
+    Connect,
+    Tls,
+    Proxy,
+    Send,
+    Receive,
+    HttpStatus,
+    Output,
+    Spool,
+};
+
 struct ApiState {
     CLog gLog;  // before gArgs and the documents: they log until they are gone
     CPArgs gArgs;
@@ -35,6 +53,7 @@ struct ApiState {
     int lastHttpStatus = 0;
     uint64_t lastBodyBytes = 0;
     bool delivered = false;  // the directory took a registration
+    FailureReason failure = FailureReason::None;
 };
 
 ApiState& state();

@@ -191,6 +191,7 @@ int CHttpProxy::receive() {
                << u". HTTP header: " << m_response->getHeader() << endlog;
 
     m_retryAfter = m_response->getField(u"Retry-After");
+    m_location = m_response->getField(u"Location");
     const AnswerBody body = readAnswerBody(*m_response);
     if (m_trace)
         *m_log << timestamp << u"HTTP body length: " << body.bytes << u" --- HTTP body: "

@@ -68,6 +68,8 @@ public:
     int getAnswerCode() const { return m_answerCode; }
     // The answer's Retry-After value as sent, empty when it had none.
     const std::u16string& getRetryAfter() const { return m_retryAfter; }
+    // The answer's Location value as sent, empty when it had none.
+    const std::u16string& getLocation() const { return m_location; }
     // The body (and trailer) of an answer whose header has been read, as
     // receive takes it: refused when malformed or beyond the bounds.
     struct AnswerBody {
@@ -116,6 +118,7 @@ private:
     bool m_streamed = false;  // the body is rendered from m_xmlFile as it is sent
     size_t m_bodySize = 0;
     std::u16string m_retryAfter;
+    std::u16string m_location;
     int m_answerCode = -1;
 };
 
