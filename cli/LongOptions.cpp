@@ -33,7 +33,8 @@ std::pair<size_t, size_t> proxyPasswordSpan(std::string_view url) {
 
 void blankSecret(char* text, bool proxyUrl) {
     const std::string_view whole(text);
-    const auto [from, to] = proxyUrl ? proxyPasswordSpan(whole) : std::pair{size_t{0}, whole.size()};
+    const auto [from, to] =
+        proxyUrl ? proxyPasswordSpan(whole) : std::pair{size_t{0}, whole.size()};
     std::memset(text + from, ' ', to - from);
 }
 

@@ -208,7 +208,8 @@ int main(int argc, char** argv) {
     }
     cli::SplitArgs split = cli::splitArgs(std::move(args));
     // Copied: from here on the process list shows blanks in their place.
-    for (const cli::Secret& s : split.secrets) cli::blankSecret(argv[s.index] + s.offset, s.proxyUrl);
+    for (const cli::Secret& s : split.secrets)
+        cli::blankSecret(argv[s.index] + s.offset, s.proxyUrl);
     if (!split.error.empty()) {
         writeText(stderr, split.error + u"\n");
         return kExitFailed;

@@ -106,9 +106,9 @@ TEST_F(Secrets, PasswordFileRulesOverPassForRegistrationAndConfigure) {
 // the status file. None holds the password, in clear or as Basic credentials.
 TEST_F(Secrets, NothingARunWritesHoldsThePassword) {
     DirServer server(m_dir / "server", ServerOptions{.status = 503});
-    const RunResult r = kivreg(connect(
-        server, {"-httptrace", "-datatrace", "-logfile", path("kivreg.log"), "--spool",
-                 path("spool"), "--status-file", path("kivreg.prom"), "--proxy", ""}));
+    const RunResult r = kivreg(
+        connect(server, {"-httptrace", "-datatrace", "-logfile", path("kivreg.log"), "--spool",
+                         path("spool"), "--status-file", path("kivreg.prom"), "--proxy", ""}));
     ASSERT_EQ(r.exitCode, 1) << r.out;
     ASSERT_TRUE(std::filesystem::exists(m_dir / "kivreg_http_trace.log"));
     ASSERT_TRUE(std::filesystem::exists(m_dir / "kivreg.prom"));
