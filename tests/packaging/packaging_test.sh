@@ -133,8 +133,7 @@ units() {
     mkdir -p "$tmp/creds" "$tmp/collector" "$tmp/log" "$tmp/state"
     chmod "$(sed -n 's/^StateDirectoryMode=//p' "$src/systemd/kivreg-register.service")" "$tmp/state"
     "$bin/kivreg" -configure "$tmp/creds/connect" -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
-    chmod 0500 "$tmp/creds"
-    chmod 0400 "$tmp/creds/connect"
+    chmod 0400 "$tmp/creds/connect" && chmod 0500 "$tmp/creds"
     if [[ ${#run_as[@]} != 0 ]]; then chown -R 61727:61727 "$tmp/creds" "$tmp/log" "$tmp/state"; fi
     ln -s "$tmp/state/kivreg.prom" "$tmp/collector/kivreg.prom"
     # The command's words, with the paths of this build and of $tmp.
@@ -155,8 +154,7 @@ units() {
             fail "$1: the collector's link shows no status $2"
     }
     run_unit kivreg-register.service 2  # no directory yet
-    grep -q 'Registration kept in spool' "$tmp/log/kivreg.log" || fail "the register unit kept nothing"
-    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 1 ]] || fail "not one spool entry"
+    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 1 ]] || fail "the register unit kept nothing"
 
     python3 "$src/tools/kivreg_dirserver.py" --quiet --port "$port" --user u --password p \
         --store "$tmp/store" >"$tmp/server.out" 2>&1 &
@@ -177,9 +175,6 @@ units() {
     [[ $(stat -c %a "$tmp/state/spool") == 700 ]] || fail "the spool is open to others"
     [[ $(stat -c %a "$tmp/log/kivreg.log") == 600 ]] || fail "the log is open to others"
     "${peek_as[@]}" cat "$tmp/collector/kivreg.prom" >/dev/null || fail "the exporter cannot read the status"
-    if "${peek_as[@]}" ls "$tmp/state/spool" >/dev/null 2>&1 && [[ ${#peek_as[@]} != 0 ]]; then
-        fail "another user can list the spool"
-    fi
 }
 
 case ${1:-} in
