@@ -75,7 +75,7 @@ SplitArgs splitArgs(std::vector<std::u16string> args) {
         const bool proxy = name == CMDARG_PROXY;
         if (eq != std::u16string::npos) {
             value = arg.substr(eq + 1);
-            if (proxy) out.secrets.push_back({i, eq + 1, true});
+            if (proxy) out.secrets.push_back({i, eq + 1, true});  // "--proxy=" is as many bytes
         } else if (i + 1 < args.size()) {
             value = std::move(args[++i]);
             if (proxy) out.secrets.push_back({i, 0, true});
