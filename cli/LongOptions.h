@@ -21,6 +21,7 @@ struct LongOption {
 
 inline constexpr std::u16string_view OPT_HELP = u"--help";
 inline constexpr std::u16string_view OPT_VERSION = u"--version";
+inline constexpr std::u16string_view OPT_PASSWORD_FILE = u"--password-file";
 
 inline constexpr LongOption kLongOptions[] = {
     {OPT_HELP, u"", u"Prints this help information and terminates"},
@@ -36,15 +37,29 @@ inline constexpr LongOption kLongOptions[] = {
     {CMDARG_SPOOL_MAX_MB, u"<n>", u"Bounds the spool to n MiB, oldest removed first (1024)"},
     {CMDARG_FLUSH, u"", u"Delivers the spooled registrations, sends no document"},
     {CMDARG_STATUS_FILE, u"<file>", u"Writes the run's outcome for monitoring (Prometheus)"},
+    {OPT_PASSWORD_FILE, u"<file>", u"Reads the password from the file's first line (- = stdin)"},
+};
+
+// An argument that holds a password: argv[index] from byte `offset` on, the
+// whole of it or, for a proxy URL, the URL's password alone.
+struct Secret {
+    size_t index = 0;
+    size_t offset = 0;
+    bool proxyUrl = false;
 };
 
 struct SplitArgs {
     std::vector<std::u16string> classic;  // the program's name and the classic arguments
     CPArgs longOptions;                   // in the order given, first occurrence first
     std::u16string error;                 // why the command line is refused, if it is
+    std::vector<Secret> secrets;          // the arguments that hold a password
 };
 
 SplitArgs splitArgs(std::vector<std::u16string> args);
+
+// Overwrites the password in an argument's text with blanks, so that the
+// process list (/proc/PID/cmdline) no longer shows it.
+void blankSecret(char* text, bool proxyUrl);
 
 // The classic help text, then the long options under "Extensions:".
 std::u16string extendedUsage();

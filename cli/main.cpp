@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,50 @@ int exitStatusOf(int result) {
     return api::exitStatusOf(result, api::state().lastResultFromSymbols);
 }
 
+// The longest first line taken from a password file: enough for any
+// password, and a bound for a file that is no password file (/dev/zero).
+constexpr size_t kMaxPasswordLine = 4096;
+
+// The password: the first line of --password-file (without its line end) when
+// that is given, else -pass. False, logged, when the file cannot be read.
+// Standard input ("-") is read a byte at a time, so that a document can follow
+// the password line there.
+bool password(const CPArgs& cmd, std::u16string& out) {
+    const CPArgs& settings = api::state().gArgs;
+    if (!settings.isSwitchSet(cli::OPT_PASSWORD_FILE)) {
+        out = cmd.getArg(CMDARG_HTTP_PASS);
+        return true;
+    }
+    const std::u16string name = settings.getArg(cli::OPT_PASSWORD_FILE);
+    const bool fromStdin = name == u"-";
+    const int fd =
+        fromStdin ? STDIN_FILENO : ::open(CCConv::toUTF8Str(name).c_str(), O_RDONLY | O_CLOEXEC);
+    std::string line;
+    int error = fd < 0 ? errno : 0;
+    char c = 0;
+    ssize_t n = 0;
+    while (fd >= 0 && line.size() <= kMaxPasswordLine && (n = ::read(fd, &c, 1)) == 1 && c != '\n')
+        line += c;
+    if (n < 0) error = errno;
+    if (fd >= 0 && !fromStdin) ::close(fd);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    std::u16string why;
+    if (error != 0) {
+        why = CCConv::fromUTF8Str(std::string_view(std::strerror(error)));
+    } else if (line.size() > kMaxPasswordLine) {
+        why = u"its first line is too long";
+    } else {
+        try {
+            out = CCConv::fromUTF8Str(std::string_view(line));
+            return true;
+        } catch (const ERegExcept&) {
+            why = u"its first line is not valid UTF-8";
+        }
+    }
+    log() << timestamp << u"Cannot read the password file " << name << u": " << why << endlog;
+    return false;
+}
+
 int showConnect(const CPArgs& cmd) {
     const std::u16string file = cmd.getArg(CMDARG_SHOWCONFIG);
     const int rc = cmd.isSwitchSet(CMDARG_USEKEYFILE) ? KivRegShowConfigWithKeyFile(file.c_str())
@@ -55,7 +101,8 @@ int configure(const CPArgs& cmd) {
     if (cmd.hasArg(CMDARG_HTTP_USER) && cmd.hasArg(CMDARG_HTTP_HOST) &&
         cmd.hasArg(CMDARG_HTTP_PORT)) {
         const std::u16string user = cmd.getArg(CMDARG_HTTP_USER);
-        const std::u16string pass = cmd.getArg(CMDARG_HTTP_PASS);
+        std::u16string pass;
+        if (!password(cmd, pass)) return kExitFailed;
         const std::u16string host = cmd.getArg(CMDARG_HTTP_HOST);
         const std::u16string port = cmd.getArg(CMDARG_HTTP_PORT);
         return exitStatusOf(KivRegPerformConfigWithArguments(
@@ -103,9 +150,11 @@ int registration(const CPArgs& cmd) {
     }
 
     if (cmd.hasArg(CMDARG_HTTP_USER) || cmd.hasArg(CMDARG_HTTP_PASS) ||
-        cmd.hasArg(CMDARG_HTTP_HOST) || cmd.hasArg(CMDARG_HTTP_PORT)) {
+        cmd.hasArg(CMDARG_HTTP_HOST) || cmd.hasArg(CMDARG_HTTP_PORT) ||
+        settings.isSwitchSet(cli::OPT_PASSWORD_FILE)) {
         const std::u16string user = cmd.getArg(CMDARG_HTTP_USER);
-        const std::u16string pass = cmd.getArg(CMDARG_HTTP_PASS);
+        std::u16string pass;
+        if (!password(cmd, pass)) return kExitFailed;
         const std::u16string host = cmd.getArg(CMDARG_HTTP_HOST);
         const std::u16string port = cmd.getArg(CMDARG_HTTP_PORT);
         if (KivRegSetConnectData(host.c_str(), port.c_str(), user.c_str(), pass.c_str()) != 1) {
@@ -158,6 +207,9 @@ int main(int argc, char** argv) {
         }
     }
     cli::SplitArgs split = cli::splitArgs(std::move(args));
+    // Copied: from here on the process list shows blanks in their place.
+    for (const cli::Secret& s : split.secrets)
+        cli::blankSecret(argv[s.index] + s.offset, s.proxyUrl);
     if (!split.error.empty()) {
         writeText(stderr, split.error + u"\n");
         return kExitFailed;

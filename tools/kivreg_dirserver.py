@@ -5,7 +5,10 @@ It checks Basic authentication against the user and password it was started
 with (401 otherwise), checks that the body is well-formed XML whose root is
 `kivinfo` or `qordata` (400 otherwise), stores every accepted document in the
 store directory and answers the chosen status (200 by default). With --cert
-and --key it serves HTTPS. It prints "listening on <host>:<port>" once it is
+and --key it serves HTTPS. With --redirect it answers a POST to any other
+path than --path with that status and Location, as a reverse proxy in front
+of a moved service does. Every POST is noted in requests.log in the store
+(method, path and whether it carried credentials, never the credentials). It prints "listening on <host>:<port>" once it is
 ready and stops cleanly on SIGTERM or SIGINT.
 
 Only the Python standard library is used.
@@ -37,6 +40,12 @@ class Registry:
         self.lock = threading.Lock()
         self.count = 0
         os.makedirs(directory, exist_ok=True)
+
+    def note(self, method, path, authorization):
+        with self.lock, open(os.path.join(self.directory, "requests.log"), "a",
+                             encoding="utf-8") as out:
+            out.write("%s %s %s\n" % (method, path,
+                                       "with-credentials" if authorization else "no-credentials"))
 
     def store(self, body, headers):
         with self.lock:
@@ -90,8 +99,13 @@ def make_handler(config, registry):
 
         def do_POST(self):
             time.sleep(config.delay)
-            if self.path.split("?", 1)[0] != SERVICE_PATH:
-                self.answer(404, "unknown path")
+            registry.note(self.command, self.path, "Authorization" in self.headers)
+            if self.path.split("?", 1)[0] != config.path:
+                if config.redirect:
+                    self.read_body()  # all of it, so that closing resets nothing
+                    self.answer(config.redirect[0], "moved", {"Location": config.redirect[1]})
+                else:
+                    self.answer(404, "unknown path")
                 return
             if not self.authorized():
                 self.answer(401, "authentication required",
@@ -131,6 +145,9 @@ def parse_args(argv):
     p.add_argument("--password", default="", help="password expected in Basic authentication")
     p.add_argument("--store", required=True, help="directory for the accepted documents")
     p.add_argument("--status", type=int, default=200, help="status answered on success")
+    p.add_argument("--path", default=SERVICE_PATH, help="the path that takes registrations")
+    p.add_argument("--redirect", type=lambda v: (int(v.split("=", 1)[0]), v.split("=", 1)[1]),
+                   help="STATUS=LOCATION answered to a POST on any other path")
     p.add_argument("--first", type=lambda v: [int(s) for s in v.split(",")], default=[],
                    help="statuses answered to the first registrations, comma-separated")
     p.add_argument("--retry-after", help="Retry-After header sent with every other status than 200")

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "api/ApiState.h"
+#include "api/Redirect.h"
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
 #include "support/CCConv.h"
@@ -77,11 +78,15 @@ std::string renderBody(ApiState& s) {
     return CHttpProxy::renderBody(*s.gpXmlFile, CHttpProxy::TRANSFER_ENCODING_UTF8);
 }
 
-Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* document,
-                std::string spooled, bool oldFormat) {
+// One transfer to where the redirects so far lead, and on to the next place
+// they lead when the answer is one to follow.
+static Attempt attemptTo(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* document,
+                         const std::string& spooled, bool oldFormat, Redirects& redirects) {
     CLog& log = s.gLog;
-    CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, document, c.user, c.password, c.host,
-                     c.port, t.connect, t.send, t.receive, true, c.useHttps, proxyOptions(s.gArgs));
+    const Target& to = redirects.target();
+    CHttpProxy proxy(&log, CHttpProxy::TRANSFER_ENCODING_UTF8, document, c.user, c.password,
+                     to.host, to.port, t.connect, t.send, t.receive, true, to.https,
+                     proxyOptions(s.gArgs), to.path);
     if (s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE)) proxy.setTrace();
     if (!proxy.isOpen()) {
         log << timestamp << u"Failed to open HTTP connection!" << endlog;
@@ -90,7 +95,7 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* 
     if (document)
         proxy.createBodyFromXML();
     else
-        proxy.setPreparedBody(std::move(spooled), oldFormat);
+        proxy.setPreparedBody(spooled, oldFormat);  // a copy: a redirect sends it again
     if (s.progress) {
         s.progress(0, proxy.bodySize());  // the rate counts from here
         proxy.setProgress(s.progress);
@@ -103,6 +108,8 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* 
     }
     log << timestamp << u"HTTP send successful." << endlog;
     const int status = proxy.receive();
+    if (redirects.follow(proxy.getAnswerCode(), proxy.getLocation()))
+        return attemptTo(s, c, t, document, spooled, oldFormat, redirects);
     const int answerCode = std::max(0, proxy.getAnswerCode());
     if (status == CHttpProxy::HTTP_SUCCESS_CODE) {
         log << timestamp << u"HTTP response: Success. HTTP status code: " << status << endlog;
@@ -116,6 +123,12 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* 
         failed.reason = u"HTTP status " + decimal(proxy.getAnswerCode()) + u" (" + text + u")";
     }
     return failed;
+}
+
+Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* document,
+                std::string spooled, bool oldFormat) {
+    Redirects redirects(s.gLog, c);
+    return attemptTo(s, c, t, document, spooled, oldFormat, redirects);
 }
 
 Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t) {

@@ -32,7 +32,7 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
                        const std::u16string& user, const std::u16string& password,
                        const std::u16string& host, const std::u16string& port, int connectTimeout,
                        int sendTimeout, int readTimeout, bool openNow, bool https,
-                       const ProxyOptions& proxy)
+                       const ProxyOptions& proxy, std::u16string_view path)
     : m_log(log),
       m_xmlFile(xmlFile),
       m_user(user),
@@ -55,8 +55,12 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
     text += ipv6 ? u"[" + m_host + u"]" : m_host;
     text += u':';
     text += m_port;
-    text += u'/';
-    text += ms_dsServletUrl;
+    if (path.empty()) {
+        text += u'/';
+        text += ms_dsServletUrl;
+    } else {
+        text += path;
+    }
     *m_log << timestamp << u"Used URL: " << text << endlog;
 
     m_url->setHuser(m_user.c_str());

@@ -37,12 +37,13 @@ public:
     // Timeouts in seconds (see IIPConnection for the limits). The document
     // must outlive the object; its body is read, never copied. Without one
     // the body comes prepared (setPreparedBody). The proxy, if any, is
-    // chosen here from the options and the environment.
+    // chosen here from the options and the environment. The request goes to
+    // path on the host, by default the data-supplier path.
     CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFile,
                const std::u16string& user, const std::u16string& password,
                const std::u16string& host, const std::u16string& port, int connectTimeout,
                int sendTimeout, int readTimeout, bool openNow, bool https,
-               const ProxyOptions& proxy = {});
+               const ProxyOptions& proxy = {}, std::u16string_view path = {});
     ~CHttpProxy();
     CHttpProxy(const CHttpProxy&) = delete;
     CHttpProxy& operator=(const CHttpProxy&) = delete;

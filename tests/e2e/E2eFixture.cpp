@@ -29,6 +29,8 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
     if (!options.first.empty()) argv.insert(argv.end(), {"--first", options.first});
     if (!options.retryAfter.empty()) argv.insert(argv.end(), {"--retry-after", options.retryAfter});
     if (!options.delay.empty()) argv.insert(argv.end(), {"--delay", options.delay});
+    if (!options.path.empty()) argv.insert(argv.end(), {"--path", options.path});
+    if (!options.redirect.empty()) argv.insert(argv.end(), {"--redirect", options.redirect});
     if (options.https)
         argv.insert(argv.end(),
                     {"--cert", testCert("server.pem"), "--key", testCert("server.key")});
@@ -37,6 +39,11 @@ DirServer::DirServer(const std::filesystem::path& dir, const ServerOptions& opti
     if (line.empty())
         throw std::runtime_error("directory server did not start: " + m_child->output());
     m_port = std::stoi(line.substr(line.rfind(':') + 1));
+}
+
+std::string DirServer::requests() const {
+    return std::filesystem::exists(m_store / "requests.log") ? readFile(m_store / "requests.log")
+                                                             : std::string();
 }
 
 std::vector<std::string> DirServer::stored() const {

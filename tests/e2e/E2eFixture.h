@@ -29,6 +29,8 @@ struct ServerOptions {
     std::string retryAfter = "";  // sent with every status other than 200
     std::string delay = "";       // seconds before each answer
     bool https = false;
+    std::string path = "";      // where registrations are taken (default /kiv/ds)
+    std::string redirect = "";  // "308=LOCATION" answered on every other path
 };
 
 class DirServer {
@@ -39,6 +41,8 @@ public:
     std::string portText() const { return std::to_string(m_port); }
     // The documents the server accepted, in arrival order.
     std::vector<std::string> stored() const;
+    // The POSTs the server saw, one line each: "POST PATH with-credentials" (or no-credentials).
+    std::string requests() const;
 
 private:
     std::filesystem::path m_store;

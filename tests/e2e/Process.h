@@ -57,6 +57,7 @@ public:
     // The pseudo-terminal's attributes; false when they cannot be read.
     bool terminalMode(termios& mode) const;
     const std::string& output() const { return m_out; }
+    pid_t pid() const { return m_pid; }
 
 private:
     bool readMore(std::chrono::steady_clock::time_point deadline);

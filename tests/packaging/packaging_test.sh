@@ -90,40 +90,91 @@ docs() {
     done
 }
 
-# systemd accepts the four units, and their commands, run as systemd runs
-# them (with the built kivreg and everything under $tmp), keep a registration
-# that found no directory and write the status file only where a textfile
-# collector's directory exists.
+# systemd accepts the four units and rates both services at most 2.0 (OK);
+# their commands, as ExecStart= writes them, run under an unprivileged uid with
+# the directories and the credential systemd would give them (everything under
+# $tmp): a registration that found no directory is spooled, the flush delivers
+# it once the directory is up, and the status file is readable by another
+# unprivileged uid through a link like the one the package makes for the
+# node exporter.
 units() {
     command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing"; exit 77; }
     local units=(kivreg-register.service kivreg-register.timer kivreg-flush.service kivreg-flush.timer)
-    local out unit port status
-    cp "${units[@]/#/$src/systemd/}" "$tmp/"
+    local out unit port score status
+    local -a run_as=() peek_as=()
+    for unit in "${units[@]}"; do
+        sed "s#/usr/bin/kivreg#$bin/kivreg#" "$src/systemd/$unit" >"$tmp/$unit"
+    done
     out=$(cd "$tmp" && systemd-analyze verify --man=no "${units[@]}" 2>&1) || fail "systemd-analyze: $out"
     [[ -z $out ]] || fail "systemd-analyze: $out"
+    for unit in kivreg-register.service kivreg-flush.service; do
+        score=$(systemd-analyze security --offline=yes "$tmp/$unit" 2>&1 |
+            sed -nE 's/.*Overall exposure level for .*: ([0-9.]+) .*/\1/p')
+        [[ -n $score ]] || fail "$unit: no exposure level"
+        awk -v s="$score" 'BEGIN { exit !(s <= 2.0) }' || fail "$unit: exposure $score, above 2.0"
+    done
+    if command -v systemd-sysusers >/dev/null; then
+        mkdir -p "$tmp/root/etc"
+        systemd-sysusers --root "$tmp/root" "$src/systemd/kivreg.sysusers" >/dev/null 2>&1 ||
+            fail "systemd-sysusers refuses kivreg.sysusers"
+        for unit in kivreg-register.service kivreg-flush.service; do
+            grep -q "^$(sed -n 's/^User=//p' "$src/systemd/$unit"):" "$tmp/root/etc/passwd" ||
+                fail "$unit runs as a user that kivreg.sysusers does not make"
+        done
+    fi
 
+    # As root the commands run as uids of no user; otherwise the caller is unprivileged already.
+    if [[ $(id -u) == 0 ]]; then
+        run_as=(setpriv --reuid 61727 --regid 61727 --clear-groups)
+        peek_as=(setpriv --reuid 61728 --regid 61728 --clear-groups)
+        chmod 0755 "$tmp"
+    fi
     port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
     mkdir -p "$tmp/creds" "$tmp/collector" "$tmp/log" "$tmp/state"
+    chmod "$(sed -n 's/^StateDirectoryMode=//p' "$src/systemd/kivreg-register.service")" "$tmp/state"
     "$bin/kivreg" -configure "$tmp/creds/connect" -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
+    chmod 0400 "$tmp/creds/connect" && chmod 0500 "$tmp/creds"
+    if [[ ${#run_as[@]} != 0 ]]; then chown -R 61727:61727 "$tmp/creds" "$tmp/log" "$tmp/state"; fi
+    ln -s "$tmp/state/kivreg.prom" "$tmp/collector/kivreg.prom"
+    # The command's words, with the paths of this build and of $tmp.
     command_of() {
         sed -n '/^ExecStart=/,/[^\\]$/p' "$src/systemd/$1" | sed -e 's/\\$//' | tr -d '\n' |
-            sed -e "s#^ExecStart=/bin/sh -c '##" -e "s#'\$##" -e 's/\$\$/$/g' \
-                -e "s#/usr/bin/kivreg#$bin/kivreg#" -e "s#/var/lib/prometheus/node-exporter#$tmp/collector#" \
-                -e "s#/etc/kivreg/#$src/examples/#g" -e "s#--retry 5#--retry 0#" \
-                -e "s#/var/log/kivreg#$tmp/log#" -e "s#/var/lib/kivreg#$tmp/state#"
+            sed -e 's/^ExecStart=//' -e "s#\${CREDENTIALS_DIRECTORY}#$tmp/creds#" \
+                -e "s#/usr/bin/kivreg#$bin/kivreg#" -e "s#/etc/kivreg/#$src/examples/#g" \
+                -e "s#--retry 5#--retry 0#" \
+                -e "s#/var/log/kivreg#$tmp/log#g" -e "s#/var/lib/kivreg#$tmp/state#g"
     }
-    for unit in kivreg-register.service kivreg-flush.service; do
+    run_unit() {  # unit expected-exit-status
+        local -a words
+        read -ra words <<<"$(command_of "$1")"
         status=0
-        CREDENTIALS_DIRECTORY=$tmp/creds /bin/sh -c "$(command_of $unit)" >"$tmp/run.log" 2>&1 || status=$?
-        [[ $status == 2 ]] || { cat "$tmp/run.log"; fail "$unit exited $status, not 2 (no connection)"; }
-        grep -qx 'kivreg_last_run_exit_status 2' "$tmp/collector/kivreg.prom" || fail "$unit: no status file"
-        rm "$tmp/collector/kivreg.prom"
+        (cd "$tmp/log" && umask 0077 && "${run_as[@]}" "${words[@]}") >"$tmp/run.log" 2>&1 || status=$?
+        [[ $status == "$2" ]] || { cat "$tmp/run.log"; fail "$1 exited $status, not $2"; }
+        grep -qx "kivreg_last_run_exit_status $2" "$tmp/collector/kivreg.prom" ||
+            fail "$1: the collector's link shows no status $2"
+    }
+    run_unit kivreg-register.service 2  # no directory yet
+    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 1 ]] || fail "the register unit kept nothing"
+
+    python3 "$src/tools/kivreg_dirserver.py" --quiet --port "$port" --user u --password p \
+        --store "$tmp/store" >"$tmp/server.out" 2>&1 &
+    local server=$!
+    # shellcheck disable=SC2064
+    trap "kill $server 2>/dev/null; rm -rf '$tmp'" EXIT
+    for _ in $(seq 100); do
+        grep -q '^listening on' "$tmp/server.out" && break
+        sleep 0.1
     done
-    grep -q 'Registration kept in spool' "$tmp/log/kivreg.log" || fail "the register unit kept nothing"
-    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 1 ]] || fail "not one spool entry"
-    rmdir "$tmp/collector"
-    CREDENTIALS_DIRECTORY=$tmp/creds /bin/sh -c "$(command_of kivreg-flush.service)" >/dev/null 2>&1 || true
-    [[ ! -e $tmp/collector ]] || fail "a status file without a collector"
+    grep -q '^listening on' "$tmp/server.out" || { cat "$tmp/server.out"; fail "the directory server did not start"; }
+    run_unit kivreg-flush.service 0
+    [[ $(find "$tmp/state/spool" -name '*.kiv' | wc -l) == 0 ]] || fail "the flush left the entry"
+    run_unit kivreg-register.service 0
+    [[ $(find "$tmp/store" -name '*.xml' | wc -l) == 2 ]] || fail "the directory did not get both"
+    kill "$server"
+
+    [[ $(stat -c %a "$tmp/state/spool") == 700 ]] || fail "the spool is open to others"
+    [[ $(stat -c %a "$tmp/log/kivreg.log") == 600 ]] || fail "the log is open to others"
+    "${peek_as[@]}" cat "$tmp/collector/kivreg.prom" >/dev/null || fail "the exporter cannot read the status"
 }
 
 case ${1:-} in
