@@ -36,6 +36,8 @@ inline constexpr LongOption kLongOptions[] = {
     {CMDARG_SPOOL_MAX_MB, u"<n>", u"Bounds the spool to n MiB, oldest removed first (1024)"},
     {CMDARG_FLUSH, u"", u"Delivers the spooled registrations, sends no document"},
     {CMDARG_STATUS_FILE, u"<file>", u"Writes the run's outcome for monitoring (Prometheus)"},
+    {CMDARG_IF_CHANGED, u"", u"Sends only what the directory does not hold yet (needs --spool)"},
+    {CMDARG_RESEND_AFTER, u"<time>", u"With --if-changed, sends anyway after time (s/m/h/d, 1d)"},
 };
 
 struct SplitArgs {
