@@ -4,7 +4,7 @@
     bench/fleet.py [--build build] [--hosts 200] [--days 3] [--changing 0.1]
                    [--jobs 2] [--seed 1]
 
-Each host has its own document (about 10 KB), symbol file and spool. Every
+Each host has its own document (about 12 KB), symbol file and spool. Every
 simulated day a share of the hosts (--changing) changes its document once, at
 a random time of the day (a symbol's value). The real kivreg program runs at
 the times its timer would start it, under faketime (libfaketime) for the
