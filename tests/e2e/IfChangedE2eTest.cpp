@@ -1,6 +1,7 @@
 // --if-changed: what the directory already holds is not sent again, and the
 // record of what it took survives whatever stops a run.
 
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <regex>
@@ -19,12 +20,13 @@ const char* const kFaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so
 
 // The clock of a run moved by `offset` ("+2h", "-1d").
 RunOptions shifted(const std::string& offset) {
+    const char* asan = std::getenv("ASAN_OPTIONS");
     RunOptions o;
     o.env = {{"LD_PRELOAD", kFaketime},
              {"FAKETIME", offset},
              {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
              // The sanitizer's runtime need not come first for this.
-             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+             {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
     return o;
 }
 
