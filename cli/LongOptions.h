@@ -38,6 +38,8 @@ inline constexpr LongOption kLongOptions[] = {
     {CMDARG_FLUSH, u"", u"Delivers the spooled registrations, sends no document"},
     {CMDARG_STATUS_FILE, u"<file>", u"Writes the run's outcome for monitoring (Prometheus)"},
     {OPT_PASSWORD_FILE, u"<file>", u"Reads the password from the file's first line (- = stdin)"},
+    {CMDARG_IF_CHANGED, u"", u"Sends only what the directory does not hold yet (needs --spool)"},
+    {CMDARG_RESEND_AFTER, u"<time>", u"With --if-changed, sends anyway after time (s/m/h/d, 1d)"},
 };
 
 // An argument that holds a password: argv[index] from byte `offset` on, the

@@ -33,6 +33,12 @@ enum class FailureReason {
     Spool,
 };
 
+// A body's SHA-256 (lowercase hex) and length.
+struct BodyDigest {
+    std::string sha256;
+    uint64_t bytes = 0;
+};
+
 struct ApiState {
     CLog gLog;  // before gArgs and the documents: they log until they are gone
     CPArgs gArgs;
@@ -54,6 +60,10 @@ struct ApiState {
     uint64_t lastBodyBytes = 0;
     bool delivered = false;  // the directory took a registration
     FailureReason failure = FailureReason::None;
+    // The run's document as --if-changed compares it, once computed.
+    BodyDigest bodyDigest;
+    bool skipped = false;          // --if-changed found the directory holding it
+    bool statusUnchanged = false;  // nothing to tell monitoring (a --flush with nothing to send)
 };
 
 ApiState& state();

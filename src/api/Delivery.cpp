@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "api/ApiState.h"
+#include "api/SentRecord.h"
 #include "api/Spool.h"
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
@@ -28,6 +29,8 @@ Destination destinationOf(const ConnectData& c) {
 // `report` the status file tells of these transfers (--flush).
 int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, bool report) {
     const std::vector<SpoolEntry> entries = spool.pending(destinationOf(c));
+    // Nothing sent: the status file keeps telling of the last registration.
+    s.statusUnchanged = entries.empty() && report;
     if (entries.empty() && report)
         s.gLog << timestamp << u"Spool holds no registration for " << destinationOf(c).url().c_str()
                << endlog;
@@ -39,6 +42,7 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
             continue;
         }
         if (report) s.lastBodyBytes = body.size();
+        const BodyDigest digest = digestOf(body);
         Attempt a;
         try {
             a = attempt(s, c, t, nullptr, std::move(body), e.oldFormat);
@@ -49,6 +53,7 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
         if (report) s.lastHttpStatus = a.answerCode;
         if (a.result == 0) {
             spool.delivered(e);
+            recordSent(s.gLog, spool, e, c.user, digest);
             if (report) s.delivered = true;
         } else if (a.reason.empty()) {
             spool.rejected(e, a.answerCode);  // the directory's final answer
@@ -61,15 +66,20 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
 
 }  // namespace
 
-void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Attempt& a) {
-    const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
-    if (dir.empty() || (a.result != 0 && a.reason.empty())) return;
+SpoolEntry spoolKeyOf(const ApiState& s, const ConnectData& c) {
     const CXmlFile& doc = *s.gpXmlFile;
     SpoolEntry key;
     key.destination = destinationOf(c);
     key.oldFormat = doc.useOldTransferDtd();
     key.supplierName = doc.getSupplierName();
     key.supplierVendor = doc.getSupplierVendor();
+    return key;
+}
+
+void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Attempt& a) {
+    const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
+    if (dir.empty() || (a.result != 0 && a.reason.empty())) return;
+    const SpoolEntry key = spoolKeyOf(s, c);
     Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
     if (!spool.ok()) return;
     if (a.result != 0) {
@@ -77,6 +87,7 @@ void spoolAfter(ApiState& s, const ConnectData& c, const Timeouts& t, const Atte
         return;
     }
     spool.supersede(key);
+    recordSent(s.gLog, spool, key, c.user, documentDigest(s));
     deliver(s, spool, c, t, false);
 }
 

@@ -3,11 +3,15 @@
 // delivering what waits once it is back.
 
 #include "api/RunOptions.h"
+#include "api/Spool.h"
 #include "api/Transfer.h"
 
 namespace kivreg::api {
 
 struct ApiState;
+
+// The spool's key for the run's document at c's destination.
+SpoolEntry spoolKeyOf(const ApiState& s, const ConnectData& c);
 
 // After the run's transfer: a failure that may pass later keeps the document;
 // a success makes the supplier's older entry moot and sends the others.

@@ -20,12 +20,13 @@ double epochSeconds() {
 void reportRun(int exitStatus) {
     ApiState& s = state();
     const std::string file = settingOrEnv(s.gArgs, CMDARG_STATUS_FILE, ENV_STATUS_FILE);
-    if (!file.empty()) {
+    if (!file.empty() && !(s.statusUnchanged && exitStatus == 0)) {
         RunStatus run;
         run.end = epochSeconds();
         run.start = s.runStart != 0 ? s.runStart : run.end;
         run.exitStatus = exitStatus;
         run.success = exitStatus == 0 && s.delivered;
+        run.skipped = exitStatus == 0 && s.skipped;
         run.httpStatus = s.lastHttpStatus;
         run.bodyBytes = s.lastBodyBytes;
         if (const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL); !dir.empty()) {
@@ -42,6 +43,9 @@ void reportRun(int exitStatus) {
     s.lastHttpStatus = 0;
     s.lastBodyBytes = 0;
     s.delivered = false;
+    s.skipped = false;
+    s.statusUnchanged = false;
+    s.bodyDigest = {};
 }
 
 }  // namespace kivreg::api

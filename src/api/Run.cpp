@@ -9,6 +9,7 @@
 #include "api/ExitStatus.h"
 #include "api/Output.h"
 #include "api/RunOptions.h"
+#include "api/SentRecord.h"
 #include "api/Transfer.h"
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
@@ -53,7 +54,7 @@ bool prepare(ApiState& s) {
     return true;
 }
 
-int transfer(ApiState& s, const ConnectData& c) {
+int transfer(ApiState& s, const ConnectData& c, const IfChanged& rule) {
     CLog& log = s.gLog;
     if (!prepare(s)) return -1;
     const Timeouts t = timeoutsOf(s.gArgs);
@@ -65,6 +66,7 @@ int transfer(ApiState& s, const ConnectData& c) {
     // Only --output and the spool need the bytes whole. The model does not
     // change from here, so each attempt renders the same bytes as it sends.
     if (s.gArgs.isSwitchSet(CMDARG_OUTPUT) && !writeOutput(s, renderBody(s))) return -1;
+    if (rule.on && heldByDirectory(s, c, rule.resendAfter)) return 0;
     s.lastBodyBytes = CHttpProxy::renderedSize(*s.gpXmlFile, CHttpProxy::TRANSFER_ENCODING_UTF8);
     const Attempt a = sendWithRetries(s, c, t);
     s.lastHttpStatus = a.answerCode;
@@ -99,7 +101,7 @@ void banner(CLog& log, const char16_t* text) {
     log << timestamp << stars << endlog;
 }
 
-int doReg(ApiState& s, const ConnectData& c) {
+int doReg(ApiState& s, const ConnectData& c, const IfChanged& rule) {
     if (!s.gpXmlFile) {
         s.gLog << timestamp << u"XML input data not set!" << endlog;
         return -1;
@@ -107,7 +109,7 @@ int doReg(ApiState& s, const ConnectData& c) {
     banner(s.gLog, u"*** Start KIV Registration ***");
     int result;
     try {
-        result = transfer(s, c);
+        result = transfer(s, c, rule);
     } catch (const ERegExcept& e) {
         logFailure(s.gLog, e);
         result = -2;
@@ -123,6 +125,8 @@ int resolveAndRegister(ApiState& s) {
     // A check needs no connection data and never connects.
     const bool flushing = s.gArgs.isSwitchSet(CMDARG_FLUSH);
     const bool check = !flushing && s.gArgs.isSwitchSet(CMDARG_CHECK);
+    const IfChanged rule = flushing || check ? IfChanged{} : ifChangedOf(s);
+    if (rule.refused) return -1;
     ConnectData c;
     if (!check) {
         c = resolveConnectData(s);
@@ -146,7 +150,7 @@ int resolveAndRegister(ApiState& s) {
             return rc;
         }
     }
-    return check ? checkDocument(s) : doReg(s, c);
+    return check ? checkDocument(s) : doReg(s, c, rule);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "api/RunOptions.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 
 #include "api/ApiState.h"
@@ -87,6 +88,27 @@ uint64_t spoolMaxBytes(const CPArgs& args) {
     const long mb = std::strtol(text.c_str(), &end, 10);
     const bool valid = !text.empty() && *end == '\0' && mb >= 1 && mb <= SPOOL_MAX_MB_LIMIT;
     return static_cast<uint64_t>(valid ? mb : 1024) << 20;
+}
+
+bool ifChanged(const CPArgs& args) {
+    const char* value = std::getenv(ENV_IF_CHANGED);
+    return args.isSwitchSet(CMDARG_IF_CHANGED) || (value && std::string_view(value) == "1");
+}
+
+long durationSeconds(std::string_view text) {
+    constexpr std::string_view kUnits = "smhd";
+    constexpr unsigned long kUnitSeconds[] = {1, 60, 3600, 86400};
+    constexpr unsigned long kMax = 365 * 86400;
+    unsigned long unit = 1;
+    if (const size_t u = text.empty() ? text.npos : kUnits.find(text.back()); u != text.npos) {
+        unit = kUnitSeconds[u];
+        text.remove_suffix(1);
+    }
+    unsigned long n = 0;
+    const char* end = text.data() + text.size();
+    const std::from_chars_result r = std::from_chars(text.data(), end, n);
+    if (text.empty() || r.ec != std::errc() || r.ptr != end || n > kMax / unit) return -1;
+    return static_cast<long>(n * unit);
 }
 
 }  // namespace kivreg::api

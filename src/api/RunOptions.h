@@ -42,4 +42,10 @@ std::string settingOrEnv(const CPArgs& args, std::u16string_view option, const c
 
 uint64_t spoolMaxBytes(const CPArgs& args);
 
+// --if-changed, else KIVREG_IF_CHANGED=1.
+bool ifChanged(const CPArgs& args);
+// A duration for --resend-after: seconds, or a number with s, m, h or d; at
+// most 365 days. -1 for anything else.
+long durationSeconds(std::string_view text);
+
 }  // namespace kivreg::api

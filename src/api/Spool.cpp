@@ -22,7 +22,8 @@ namespace {
 constexpr std::string_view kMagic = "kivreg-spool 1";
 constexpr std::string_view kSuffix = ".kiv";
 
-// Header values stay one line whatever a host or supplier name holds.
+}  // namespace
+
 std::string escaped(std::string_view text) {
     std::string out;
     for (const unsigned char c : text) {
@@ -36,6 +37,8 @@ std::string escaped(std::string_view text) {
     }
     return out;
 }
+
+namespace {
 
 std::string unescaped(std::string_view text) {
     std::string out;

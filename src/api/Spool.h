@@ -42,6 +42,9 @@ struct SpoolEntry {
     }
 };
 
+// A header value kept on one line whatever a host or supplier name holds.
+std::string escaped(std::string_view text);
+
 class Spool {
 public:
     // Creates DIR (0700) if it is missing and waits for its lock. ok() tells
@@ -51,6 +54,7 @@ public:
     Spool(const Spool&) = delete;
     Spool& operator=(const Spool&) = delete;
     bool ok() const { return m_lock >= 0; }
+    const std::string& dir() const { return m_dir; }
 
     // Keeps the body as the entry for key's destination and supplier (the
     // key's file and time are chosen here), replacing an older one.

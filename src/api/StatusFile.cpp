@@ -9,6 +9,7 @@ namespace kivreg::api {
 namespace {
 
 constexpr std::string_view kLastSuccess = "kivreg_last_success_timestamp_seconds";
+constexpr std::string_view kLastDelivery = "kivreg_last_delivery_timestamp_seconds";
 
 std::string number(double value) {
     char text[64];
@@ -16,20 +17,24 @@ std::string number(double value) {
     return text;
 }
 
-double previousSuccess(const std::string& path) {
+// A metric's value in the file a run replaces; the fallback when it has none.
+double previous(const std::string& path, std::string_view name, double fallback) {
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
-        if (line.starts_with(kLastSuccess) && line.size() > kLastSuccess.size() &&
-            line[kLastSuccess.size()] == ' ')
-            return std::strtod(line.c_str() + kLastSuccess.size() + 1, nullptr);
+        if (line.starts_with(name) && line.size() > name.size() && line[name.size()] == ' ')
+            return std::strtod(line.c_str() + name.size() + 1, nullptr);
     }
-    return 0;  // never
+    return fallback;
 }
 
 }  // namespace
 
 int writeStatusFile(const std::string& path, const RunStatus& run) {
-    const double lastSuccess = run.success ? run.end : previousSuccess(path);
+    const double lastSuccess =
+        run.success || run.skipped ? run.end : previous(path, kLastSuccess, 0);
+    // A file from before deliveries were told apart: its last success was one.
+    const double lastDelivery =
+        run.success ? run.end : previous(path, kLastDelivery, previous(path, kLastSuccess, 0));
     const struct {
         std::string_view name, help;
         std::string value;
@@ -37,8 +42,13 @@ int writeStatusFile(const std::string& path, const RunStatus& run) {
         {"kivreg_last_run_timestamp_seconds", "When the last kivreg run ended.", number(run.end)},
         {"kivreg_last_run_exit_status", "Exit status of the last run (0 success).",
          std::to_string(run.exitStatus)},
-        {kLastSuccess, "When the directory last took a registration (0 never).",
+        {kLastSuccess,
+         "When the directory last took or already held this host's current registration (0 never).",
          number(lastSuccess)},
+        {kLastDelivery, "When the directory last took a registration (0 never).",
+         number(lastDelivery)},
+        {"kivreg_last_run_skipped", "1 when the last run found the directory holding its document.",
+         std::to_string(run.skipped ? 1 : 0)},
         {"kivreg_last_http_status", "HTTP status of the last run's transfer (0 none).",
          std::to_string(run.httpStatus)},
         {"kivreg_last_body_bytes", "Bytes of the last run's transfer document.",

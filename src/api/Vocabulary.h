@@ -42,11 +42,15 @@ inline constexpr std::u16string_view CMDARG_SPOOL = u"--spool";
 inline constexpr std::u16string_view CMDARG_SPOOL_MAX_MB = u"--spool-max-mb";
 inline constexpr std::u16string_view CMDARG_FLUSH = u"--flush";
 inline constexpr std::u16string_view CMDARG_STATUS_FILE = u"--status-file";
+inline constexpr std::u16string_view CMDARG_IF_CHANGED = u"--if-changed";
+inline constexpr std::u16string_view CMDARG_RESEND_AFTER = u"--resend-after";
 inline constexpr int SPOOL_MAX_MB_LIMIT = 1048576;  // 1 TiB
 // What library hosts set instead; an option, when given, rules over its variable.
 inline constexpr const char* ENV_SPOOL = "KIVREG_SPOOL";
 inline constexpr const char* ENV_SPOOL_MAX_MB = "KIVREG_SPOOL_MAX_MB";
 inline constexpr const char* ENV_STATUS_FILE = "KIVREG_STATUS_FILE";
+inline constexpr const char* ENV_IF_CHANGED = "KIVREG_IF_CHANGED";
+inline constexpr const char* ENV_RESEND_AFTER = "KIVREG_RESEND_AFTER";
 
 // Keys of the connection file.
 inline constexpr std::u16string_view PARAM_USER = u"user_param";

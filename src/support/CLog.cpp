@@ -122,17 +122,21 @@ CLog& endlog(CLog& log) {
     return log;
 }
 
-CLog& timestamp(CLog& log) {
+std::string logTime(std::time_t when) {
     // English day and month names whatever locale the host process selected.
     static locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
-    const std::time_t now = std::time(nullptr);
     std::tm local{};
-    localtime_r(&now, &local);
+    localtime_r(&when, &local);
     char buf[30];
     const size_t n = cLocale ? strftime_l(buf, sizeof buf, "%a %b %d %H:%M:%S %Y", &local, cLocale)
                              : std::strftime(buf, sizeof buf, "%a %b %d %H:%M:%S %Y", &local);
-    if (n == 0) return log;
-    return log << buf << u' ';
+    return std::string(buf, n);
+}
+
+CLog& timestamp(CLog& log) {
+    const std::string now = logTime(std::time(nullptr));
+    if (now.empty()) return log;
+    return log << now.c_str() << u' ';
 }
 
 }  // namespace kivreg

@@ -4,6 +4,7 @@
 // as a whole by endlog:   log << timestamp << u"text" << value << endlog;
 
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -62,6 +63,8 @@ private:
 CLog& endlog(CLog& log);
 // Inserts the local date and time ("Sat Nov 14 12:04:22 2026") and a blank.
 CLog& timestamp(CLog& log);
+// A time in the same form, without the blank.
+std::string logTime(std::time_t when);
 
 // Appends a 16-bit text as UTF-8, writing U+FFFD for unpaired surrogates.
 // For output that must never fail (log lines, prompts).

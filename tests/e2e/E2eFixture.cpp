@@ -1,6 +1,7 @@
 #include "E2eFixture.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace kivreg::test {
 
@@ -94,6 +95,19 @@ std::vector<std::string> E2e::connect(const std::string& port, std::vector<std::
                                      "-port", port};
     args.insert(args.end(), more.begin(), more.end());
     return args;
+}
+
+std::map<std::string, double> metrics(const std::string& text) {
+    std::map<std::string, double> out;
+    std::istringstream in(text);
+    for (std::string name, value; in >> name;) {
+        if (name == "#") {
+            std::getline(in, value);
+        } else if (in >> value) {
+            out[name] = std::stod(value);
+        }
+    }
+    return out;
 }
 
 std::string E2e::writeDoc(const std::string& name, const std::string& xml) {

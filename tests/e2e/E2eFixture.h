@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -73,6 +74,9 @@ inline size_t occurrences(const std::string& text, const std::string& what) {
     for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
     return n;
 }
+
+// The metrics of a status file, by name.
+std::map<std::string, double> metrics(const std::string& text);
 
 // A small document whose one reference resolves.
 extern const char* const kDocument;

@@ -322,20 +322,6 @@ TEST_F(Spool, StoppedAtAnyFileCallLeavesOnlyWholeEntries) {
         EXPECT_TRUE(e.path().extension() == ".kiv" || e.path().filename() == ".lock") << e.path();
 }
 
-// The metrics of a status file, by name.
-std::map<std::string, double> metrics(const std::string& text) {
-    std::map<std::string, double> out;
-    std::istringstream in(text);
-    for (std::string name, value; in >> name;) {
-        if (name == "#") {
-            std::getline(in, value);
-        } else if (in >> value) {
-            out[name] = std::stod(value);
-        }
-    }
-    return out;
-}
-
 TEST_F(Spool, StatusFileAfterSuccessFailureAndCheck) {
     if (!fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "promtool is not installed";
     DirServer server(m_dir.path(), {.user = kUser});
@@ -354,7 +340,7 @@ TEST_F(Spool, StatusFileAfterSuccessFailureAndCheck) {
     RunResult r = kivreg(registration(doc, server.portText(), {"--status-file", status}));
     ASSERT_EQ(r.exitCode, 0) << r.out;
     auto m = checked();
-    EXPECT_EQ(m.size(), 8u);
+    EXPECT_EQ(m.size(), 10u);
     EXPECT_EQ(m["kivreg_last_run_exit_status"], 0);
     EXPECT_EQ(m["kivreg_last_http_status"], 200);
     EXPECT_EQ(m["kivreg_last_body_bytes"], server.stored().at(0).size());
