@@ -57,11 +57,7 @@ std::string HttpRequest::makeCmdLine() const {
     text += ascii7(m_viaProxy ? m_url.getUrl() : std::u16string(orEmpty(m_url.getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
-    const std::u16string_view host = orEmpty(m_url.getHost());
-    const bool ipv6 = host.find(u':') != std::u16string_view::npos;
-    if (ipv6) text += '[';
-    text += ascii7(host);
-    if (ipv6) text += ']';
+    text += ascii7(hostPort(orEmpty(m_url.getHost())));
     text += "\r\nConnection: Close";
     return text;
 }
