@@ -82,7 +82,7 @@ FailureReason reasonOf(Status::Step step) {
 // why, and for an answer the start of what the directory said.
 FailureReason reportFailure(CLog& log, const CHttpProxy& proxy, Status::Step step) {
     Status failure = proxy.failure();
-    if (failure.ok()) failure = {-1, step, "The transfer failed", {}, {}, {}};
+    if (failure.ok()) failure = Status::failed(-1, step, "The transfer failed", {});
     log << timestamp << failure.message().c_str() << endlog;
     if (step == Status::Step::HttpStatus && !proxy.answerStart().empty())
         log << timestamp << u"Answer body: "
@@ -133,9 +133,8 @@ Attempt attempt(ApiState& s, const ConnectData& c, const Timeouts& t, CXmlFile* 
         return {0, {}, {}, answerCode};
     }
     log << timestamp << u"HTTP response: Failure. HTTP status code: " << status << endlog;
-    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode,
-                   reportFailure(log, proxy,
-                                 status < 0 ? Status::Step::Receive : Status::Step::HttpStatus)};
+    const Status::Step step = status < 0 ? Status::Step::Receive : Status::Step::HttpStatus;
+    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode, reportFailure(log, proxy, step)};
     if (status < 0) {
         failed.reason = u"no answer";
     } else if (const char16_t* text = retriedStatusText(proxy.getAnswerCode())) {

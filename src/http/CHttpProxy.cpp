@@ -67,8 +67,8 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
         m_proxyUnusable = true;
         std::string reason;
         rt::utf16ToUtf8Lenient(choice.error, reason);
-        m_failure = {rt::NET_ERR_PROXY, Status::Step::Proxy, "Could not use the proxy", {}, {},
-                     std::move(reason)};
+        m_failure = Status::failed(rt::NET_ERR_PROXY, Status::Step::Proxy,
+                                   "Could not use the proxy", {}, std::move(reason));
     } else if (!choice.direct()) {
         *m_log << timestamp << u"Using proxy: " << choice.display() << endlog;
         m_url->setProxy(choice.host.c_str());
@@ -101,7 +101,8 @@ int CHttpProxy::connect() {
             *m_log << timestamp << u"Proxy refused the tunnel: " << m_failure.reason.c_str()
                    << endlog;
         if (m_failure.ok()) {  // nothing was opened: there was no host to open
-            m_failure = {rt::NET_ERR_INVALID, Status::Step::Connect, "No host to connect to", {}, {}, {}};
+            m_failure = Status::failed(rt::NET_ERR_INVALID, Status::Step::Connect,
+                                       "No host to connect to", {});
         } else if (m_viaProxy && (m_failure.step == Status::Step::Resolve ||
                                   m_failure.step == Status::Step::Connect)) {
             m_failure.step = Status::Step::Proxy;
@@ -230,9 +231,10 @@ int CHttpProxy::receive() {
     if (m_answerCode != HTTP_SUCCESS_CODE) {
         std::string status;
         rt::utf16ToUtf8Lenient(m_status->getMessage(), status);
-        m_failure = {m_answerCode, Status::Step::HttpStatus,
-                     "HTTP status " + std::to_string(m_answerCode) + " " + status + " from",
-                     m_connection->peer(), {}, {}};
+        m_failure =
+            Status::failed(m_answerCode, Status::Step::HttpStatus,
+                           "HTTP status " + std::to_string(m_answerCode) + " " + status + " from",
+                           m_connection->peer());
         if (m_answerCode / 100 == 3 && !m_location.empty()) {
             std::string location;
             rt::utf16ToUtf8Lenient(m_location, location);

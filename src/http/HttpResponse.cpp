@@ -103,11 +103,11 @@ int HttpResponse::fail(int* rc, int code, std::string reason) {
     m_bodyDone = true;
     Trace::instance().t(LEVEL, "HttpResponse: answer refused:", code, rt::netRcText(code));
     if (code == rt::NET_ERR_LIMIT)
-        m_failure = {code, Status::Step::Receive, "Answer from", m_connection->peer(), "refused",
-                     std::move(reason)};
+        m_failure = Status::failed(code, Status::Step::Receive, "Answer from", m_connection->peer(),
+                                   std::move(reason), "refused");
     else if (code == rt::NET_ERR_PROTOCOL)
-        m_failure = {code, Status::Step::Receive, "Malformed answer from", m_connection->peer(), {},
-                     std::move(reason)};
+        m_failure = Status::failed(code, Status::Step::Receive, "Malformed answer from",
+                                   m_connection->peer(), std::move(reason));
     else
         m_failure = m_connection->status();
     return 0;
@@ -242,8 +242,7 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
     }
     trace.t(LEVEL, "HttpResponse::readHeader", m_version);
     trace.t(LEVEL, "HttpResponse::readHeader Status", m_statusCode);
-    if (!numbered)
-        return fail(rc, rt::NET_ERR_PROTOCOL, "no status code in " + quoted(statusLine));
+    if (!numbered) return fail(rc, rt::NET_ERR_PROTOCOL, "no status code in " + quoted(statusLine));
     m_haveStatus = true;
 
     m_header = m_rawHeader.substr(lineEnd + 1);
@@ -295,8 +294,9 @@ size_t HttpResponse::readBody(int* rc) {
     if (m_chunked) return readChunk(rc);
     if (m_contentLength > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT, bodyCap);
     m_body.reserve(m_contentLength);
-    const size_t n = readInto(m_body, m_contentLength, rc, "HttpResponse::readBody Body Read returns",
-                              "HttpResponse::readBody Body Completion Read returns");
+    const size_t n =
+        readInto(m_body, m_contentLength, rc, "HttpResponse::readBody Body Read returns",
+                 "HttpResponse::readBody Body Completion Read returns");
     m_bodyTotal = n;
     m_bodyDone = true;
     return n;
@@ -310,7 +310,8 @@ size_t HttpResponse::readChunk(int* rc) {
     const std::optional<std::string> line = readLine(rc, budget);
     if (!line)
         return *rc == rt::NET_ERR_LIMIT
-                   ? fail(rc, *rc, budget < MAX_CHUNK_LINE ? bodyCap : "chunk size line above 4096 bytes")
+                   ? fail(rc, *rc,
+                          budget < MAX_CHUNK_LINE ? bodyCap : "chunk size line above 4096 bytes")
                    : fail(rc, *rc, {});
     m_bodyTotal += before - budget;
     trace.t(LEVEL, "HttpResponse::readBody Chunk Header is", *line);

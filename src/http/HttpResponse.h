@@ -51,7 +51,7 @@ private:
     size_t fill(int* rc);
     // Moves up to `want` bytes into `out`: unread bytes first, then the connection.
     size_t readInto(std::string& out, size_t want, int* rc, const char* firstTrace,
-                 const char* laterTrace);
+                    const char* laterTrace);
     // One line ending in LF (a CR before it is dropped) of fewer than `budget`
     // bytes, its end included; the budget is reduced by the bytes taken.
     std::optional<std::string> readLine(int* rc, size_t& budget);

@@ -56,13 +56,13 @@ int IPConnection::connectTo(const std::string& host, const std::string& service,
     m_peer = hostPort(host, service, " port ");
     if (tls && !m_tls) {
         if (const int rc = rt::tlsInit(m_tls, m_credentialDir, m_status); rc != rt::NET_OK) {
-            trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS set-up failed:",
-                    m_status.message());
+            trace.t(Trace::TRANSPORT_LEVEL,
+                    "IPConnection::open TLS set-up failed:", m_status.message());
             return rc;
         }
     }
-    const int rc = rt::netOpen(host.c_str(), service.c_str(), deadline.remainingMs(), &m_handle,
-                               &m_status);
+    const int rc =
+        rt::netOpen(host.c_str(), service.c_str(), deadline.remainingMs(), &m_handle, &m_status);
     if (rc != rt::NET_OK)
         trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open failed:", rc, rt::netRcText(rc));
     return rc;
@@ -134,9 +134,10 @@ int IPConnection::askForTunnel(const std::string& host, const std::string& servi
         m_status = answer.failure();
     }
     const int status = answer.getStatusCode();
-    if (rc == rt::NET_OK && (status < 100 || status > 599))
-        m_status = {rc = rt::NET_ERR_PROTOCOL, {}, "Malformed answer from", m_peer, {},
-                    "no status code in the status line"};
+    if (rc == rt::NET_OK && (status < 100 || status > 599)) {
+        rc = rt::NET_ERR_PROTOCOL;
+        m_status = Status::failed(rc, {}, "Malformed answer from", m_peer, "no status code");
+    }
     if (rc != rt::NET_OK) {
         m_status.what.insert(0, "Tunnel request: ");
         trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::openTunnel no answer from the proxy:", rc,
@@ -150,8 +151,8 @@ int IPConnection::askForTunnel(const std::string& host, const std::string& servi
     }
     const std::string refusal =
         std::to_string(status) + " (" + utf8(answer.getReasonPhrase().c_str()) + ")";
-    m_status = {rt::NET_ERR_PROXY, Status::Step::Proxy, "Proxy", m_peer, "refused the tunnel",
-                "HTTP status " + refusal};
+    m_status = Status::failed(rt::NET_ERR_PROXY, Status::Step::Proxy, "Proxy", m_peer,
+                              "HTTP status " + refusal, "refused the tunnel");
     trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::openTunnel proxy refused the tunnel:", refusal);
     return rt::NET_ERR_PROXY;
 }
@@ -168,8 +169,9 @@ size_t IPConnection::write(const void* data, size_t size, int* rc) {
     size_t written = 0;
     int code = rt::NET_ERR_INVALID;
     if (m_handle >= 0) {
-        code = m_session ? rt::tlsWrite(*m_session, data, size, m_sendMs, &written, &m_status)
-                         : rt::netWrite(m_handle, data, size, waitMs(m_sendMs), &written, &m_status);
+        code = m_session
+                   ? rt::tlsWrite(*m_session, data, size, m_sendMs, &written, &m_status)
+                   : rt::netWrite(m_handle, data, size, waitMs(m_sendMs), &written, &m_status);
         if (code != rt::NET_OK && m_session && !rt::tlsLastReason(*m_session).empty())
             Trace::instance().t(Trace::TRANSPORT_LEVEL,
                                 "IPConnection::write TLS:", rt::tlsLastReason(*m_session));

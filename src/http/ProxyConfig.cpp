@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include "support/LowerCase.h"
 #include "http/URL.h"
 #include "runtime/textconv.h"
+#include "support/LowerCase.h"
 #include "support/Status.h"
 
 namespace kivreg {

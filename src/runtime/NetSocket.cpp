@@ -222,18 +222,20 @@ int netOpen(const char* host, const char* service, int timeoutMs, int* handle, S
     AddrInfoPtr list;
     std::string reason;
     int rc = resolve(host, service, deadline, list, reason);
-    Status failure{rc, Status::Step::Resolve, "Could not resolve host", host, {}, reason};
+    Status failure =
+        Status::failed(rc, Status::Step::Resolve, "Could not resolve host", host, reason);
     if (rc == NET_OK) {
-        failure = {NET_ERR_RESOLVE, Status::Step::Connect, "Could not connect to",
-                   hostPort(host, service, " port "), {}, "no address to connect to"};
+        failure = Status::failed(NET_ERR_RESOLVE, Status::Step::Connect, "Could not connect to",
+                                 hostPort(host, service, " port "), "no address to connect to");
         for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
             failure.code = rc = connectOne(*ai, deadline, handle, failure.reason);
             if (rc == NET_OK || rc == NET_ERR_TIMEOUT) break;
         }
     }
     if (rc == NET_ERR_TIMEOUT) {
-        failure.what = "Timed out after " + secondsText(timeoutMs) +
-                       (failure.step == Status::Step::Resolve ? " resolving host" : " connecting to");
+        failure.what =
+            "Timed out after " + secondsText(timeoutMs) +
+            (failure.step == Status::Step::Resolve ? " resolving host" : " connecting to");
         failure.reason.clear();
     }
     if (rc != NET_OK && status != nullptr) *status = std::move(failure);

@@ -141,7 +141,8 @@ bool readable(const std::string& path) {
 
 int tlsFailure(Status& status, int code, std::string what, std::string context,
                std::string reason) {
-    status = {code, Status::Step::Tls, std::move(what), std::move(context), {}, std::move(reason)};
+    status = Status::failed(code, Status::Step::Tls, std::move(what), std::move(context),
+                            std::move(reason));
     return code;
 }
 
@@ -187,8 +188,8 @@ std::string timeText(const ASN1_TIME* t) {
 // The DNS names and addresses the certificate is for, else its subject.
 std::string certifiedNames(X509* cert) {
     std::string names;
-    auto* list = static_cast<GENERAL_NAMES*>(
-        X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
+    auto* list =
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
     for (int i = 0; i < sk_GENERAL_NAME_num(list); ++i) {
         const GENERAL_NAME* n = sk_GENERAL_NAME_value(list, i);
         std::string one;
@@ -199,7 +200,8 @@ std::string certifiedNames(X509* cert) {
             const int len = ASN1_STRING_length(n->d.iPAddress);
             char text[INET6_ADDRSTRLEN] = {};
             if (inet_ntop(len == 4 ? AF_INET : AF_INET6, ASN1_STRING_get0_data(n->d.iPAddress),
-                          text, sizeof text) != nullptr && (len == 4 || len == 16))
+                          text, sizeof text) != nullptr &&
+                (len == 4 || len == 16))
                 one = text;
         }
         if (!one.empty()) names += (names.empty() ? "" : ", ") + one;
@@ -311,10 +313,10 @@ int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int ti
         const long verify = SSL_get_verify_result(s->ssl);
         if (verify != X509_V_OK) return verifyFailure(s->ssl, verify, host, status);
         if (const int rc = settle(*s, ret, deadline); rc == NET_ERR_TIMEOUT) {
-            return tlsFailure(status, rc,
-                              "Timed out after " + secondsText(timeoutMs) +
-                                  " in the TLS handshake with",
-                              host, {});
+            return tlsFailure(
+                status, rc,
+                "Timed out after " + secondsText(timeoutMs) + " in the TLS handshake with", host,
+                {});
         } else if (rc != NET_OK) {
             return tlsFailure(status, rc, "TLS handshake failed with", host,
                               s->lastReason.empty() ? "the connection was closed" : s->lastReason);

@@ -64,20 +64,20 @@ std::string oneLine(std::string_view text, size_t max) {
     // Back to the start of a character cut in two.
     if (end < text.size())
         while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    const char* const hex = "0123456789abcdef";
     std::string out;
     for (const char c : text.substr(0, end)) {
         const auto b = static_cast<unsigned char>(c);
-        if (b >= 0x20 && b != 0x7F) {
+        if (b >= 0x20 && b != 0x7F)
             out += c;
-            continue;
-        }
-        const char* const named = c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\t' ? "\\t" : nullptr;
-        if (named != nullptr) {
-            out += named;
-        } else {
-            const char* const hex = "0123456789abcdef";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else if (c == '\t')
+            out += "\\t";
+        else
             out += {'\\', 'x', hex[b >> 4], hex[b & 15]};
-        }
     }
     return end < text.size() ? out + "..." : out;
 }

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace kivreg {
 
@@ -24,6 +25,18 @@ struct Status {
 
     bool ok() const { return code == 0; }
     std::string message() const;
+
+    static Status failed(int code, Step step, std::string what, std::string context,
+                         std::string reason = {}, std::string after = {}) {
+        Status s;
+        s.code = code;
+        s.step = step;
+        s.what = std::move(what);
+        s.context = std::move(context);
+        s.after = std::move(after);
+        s.reason = std::move(reason);
+        return s;
+    }
 };
 
 // A host as a URL or a log line shows it before its port: an IPv6 address in

@@ -2,12 +2,12 @@
 // why, after the lines it has always logged: the real program (and a C host
 // loading the library) against scripted servers on 127.0.0.1.
 
+#include <sys/socket.h>
+#include <unistd.h>
 #include <algorithm>
 #include <functional>
 #include <iostream>
 #include <optional>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "E2eFixture.h"
 #include "TestServer.h"
@@ -19,10 +19,9 @@ using Answer = std::function<void(Peer&)>;
 
 Answer replying(const std::string& statusLine, const std::string& body,
                 const std::string& fields = "") {
+    const std::string length = "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";
     return [=](Peer& p) {
-        p.readRequest();
-        p.send("HTTP/1.1 " + statusLine + "\r\n" + fields +
-               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        p.readRequest(), p.send("HTTP/1.1 " + statusLine + "\r\n" + fields + length + body);
     };
 }
 
@@ -37,8 +36,8 @@ void expectInOrder(const std::string& out, const std::vector<std::string>& lines
     for (std::string line : lines) {
         if (const size_t p = line.find("PORT"); p != std::string::npos) line.replace(p, 4, port);
         const size_t found = out.find(line, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << line
-                                            << "\n" << out;
+        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << line << "\n"
+                                            << out;
         at = found + line.size();
     }
 }
@@ -73,8 +72,8 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
         std::optional<TlsServerConfig> tls;
         int exitCode;
         std::vector<std::string> logged;
-        const char* reason;  // what the status file will show
-        bool cHost = false;  // the C host sees the same
+        const char* reason;         // what the status file will show
+        bool cHost = false;         // the C host sees the same
         std::string document = "";  // instead of doc.xml
         std::map<std::string, std::string> env = {};
         bool isolated = false;  // in a network namespace of its own, with host no-such-host.invalid
@@ -158,8 +157,8 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
             if (cHost) {
                 r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary, port, "supplier",
                          "s3cret-pw", path("doc.xml")});
-                EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=-" +
-                                             std::to_string(row.exitCode)));
+                EXPECT_THAT(r.out,
+                            HasSubstr("KivRegSendReceiveData=-" + std::to_string(row.exitCode)));
             } else if (row.isolated) {
                 options.cwd = m_dir.path().string();
                 r = run(args, options);

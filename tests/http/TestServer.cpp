@@ -38,7 +38,8 @@ std::string Peer::readRequest(size_t bodyBytes) {
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     const size_t at = lower.find("\r\ncontent-length:");
     const size_t length = std::min<size_t>(
-        bodyBytes, at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10));
+        bodyBytes,
+        at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10));
     while (got.size() < end + 4 + length && readSome(got, kServerWaitMs)) {
     }
     return got;

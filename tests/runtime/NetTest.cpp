@@ -33,7 +33,8 @@ TEST(NetSocket, OpenFailuresHaveTheirOwnCodesAndSayWhy) {
         int rc;
         std::string message;  // its start: the resolver's words depend on the network
     } cases[] = {
-        {"no-such-host.invalid", "80", NET_ERR_RESOLVE, "Could not resolve host no-such-host.invalid: "},
+        {"no-such-host.invalid", "80", NET_ERR_RESOLVE,
+         "Could not resolve host no-such-host.invalid: "},
         {"127.0.0.1", "no-such-service", NET_ERR_RESOLVE, "Could not resolve host 127.0.0.1: "},
         {"127.0.0.1", closed.c_str(), NET_ERR_REFUSED,
          "Could not connect to 127.0.0.1 port " + closed + ": Connection refused"},

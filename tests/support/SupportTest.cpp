@@ -181,27 +181,11 @@ TEST(CLog, TextIsWrittenAsUtf8AndUnpairedSurrogatesDoNotStopTheEntry) {
                                        "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"});
 }
 
-// What failure lines are made of.
-TEST(Status, PartsOfAFailureLine) {
-    const std::pair<std::string, std::string> cases[] = {
-        {hostPort("::1", "443"), "[::1]:443"},
-        {hostPort("h.example", "80", " port "), "h.example port 80"},
-        {hostPort("fe80::1"), "[fe80::1]"},
-        {Status{-2, {}, "Could not connect to", "h port 1", {}, "Connection refused"}.message(),
-         "Could not connect to h port 1: Connection refused"},
-        {Status{-12, {}, "Proxy", "p port 3128", "refused the tunnel", {}}.message(),
-         "Proxy p port 3128 refused the tunnel"},
-        {bytesText(1023), "1023 bytes"},
-        {bytesText(4299161), "4.1 MiB"},
-        {bytesText(size_t{5} << 30), "5.0 GiB"},
-        {secondsText(420000), "420 s"},
-        {secondsText(150), "0.2 s"},
-        // Control characters escaped, one line; cut at a whole UTF-8 character.
-        {oneLine("a\r\nb\tc\x01\x7f \xC3\xA4", 100), "a\\r\\nb\\tc\\x01\\x7f \xC3\xA4"},
-        {oneLine("ab\xC3\xA4", 3), "ab..."},
-        {oneLine("abc", 3), "abc"},
-    };
-    for (const auto& [made, expected] : cases) EXPECT_EQ(made, expected);
+// What the end-to-end failures do not reach: a cut inside a character, sizes beyond MiB.
+TEST(Status, LinePartsAtTheirEdges) {
+    EXPECT_EQ(oneLine("ab\xC3\xA4", 3), "ab...");
+    EXPECT_EQ(oneLine("a\x7f\xC3\xA4", 4), "a\\x7f\xC3\xA4");
+    EXPECT_EQ(bytesText(size_t{5} << 30), "5.0 GiB");
 }
 
 }  // namespace
