@@ -338,7 +338,8 @@ size_t HttpResponse::readChunk(int* rc) {
         m_bodyDone = true;
         return 0;
     }
-    if (static_cast<size_t>(size) > MAX_BODY - m_bodyTotal)
+    // The chunk and the line end after it: the count never passes the bound.
+    if (static_cast<size_t>(size) + 2 > MAX_BODY - m_bodyTotal)
         return fail(rc, rt::NET_ERR_LIMIT, bodyCap);
     const size_t n =
         readInto(m_body, static_cast<size_t>(size), rc, "HttpResponse::readBody Chunk Read returns",

@@ -203,12 +203,12 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"chunk above the cap", chunked + "4000001\r\nabc", {0, 0, 200, "", NET_ERR_LIMIT}},
         {"chunks above the cap together", chunked + "3000000\r\n" + big + "\r\n1000001\r\n",
          {0, 0, 200, big, NET_ERR_LIMIT}},
-        // Chunk size lines and line ends count too: 9 + 0x3000000 + 2 + 8 + 0xffffed is the cap.
+        // Size lines and line ends count too: 9 + 0x3000000 + 2 + 8 + 0xffffeb + 2 is the cap.
         {"chunks and their lines at the cap, cut short",
-         chunked + "3000000\r\n" + big + "\r\nffffed\r\nabc",
+         chunked + "3000000\r\n" + big + "\r\nffffeb\r\nabc",
          {0, 0, 200, big + "abc", NET_ERR_CLOSED}},
         {"chunks and their lines a byte above the cap",
-         chunked + "3000000\r\n" + big + "\r\nffffee\r\nabc", {0, 0, 200, big, NET_ERR_LIMIT}},
+         chunked + "3000000\r\n" + big + "\r\nffffec\r\nabc", {0, 0, 200, big, NET_ERR_LIMIT}},
         {"chunk without its line end", chunked + "3\r\nabcX\r\n0\r\n\r\n",
          {0, 0, 200, "abc", NET_ERR_PROTOCOL}},
         // The first line leaves room for one of 9 bytes and its LF, and no more.
