@@ -377,6 +377,7 @@ void HttpResponse::readFooter(int* rc) {
             const size_t digits = std::min(v.find_first_not_of("0123456789"), v.size());
             if (digits == 3) {
                 m_statusCode = std::stoi(std::string(v.substr(0, digits)));
+                m_reasonPhrase.clear();  // the status line's phrase was for its own code
                 trace.t(LEVEL, "HttpResponse::readFooter X-Status", m_statusCode);
             }
         }

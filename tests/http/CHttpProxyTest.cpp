@@ -109,6 +109,8 @@ TEST_F(CHttpProxyTest, ReceiveReportsTheStatusOrMinusOneOrRaises) {
         {"status outside the table", "HTTP/1.1 299 Odd Thing\r\n\r\n", 299,
          "Return code: 299 --- Return message: (Odd Thing)"},
         {"status line without a code", "HTTP/1.1 2000 OK\r\n\r\n", -1, kOpened},
+        {"trailer status outside the table", chunked + "0\r\nX-Status: 299\r\n\r\n", 299,
+         "Return code: 299 --- Return message: ()"},
         {"trailer status", chunked + "2\r\nok\r\n0\r\nX-Status: 603\r\n\r\n", 603,
          "Return code: 603 --- Return message: (ORVELDAN Warning: Nonfatal errors occured, check "
          "log tables)"},
