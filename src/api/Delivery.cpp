@@ -50,7 +50,10 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
             logFailure(s.gLog, ex);
             return -2;
         }
-        if (report) s.lastHttpStatus = a.answerCode;
+        if (report) {
+            s.lastHttpStatus = a.answerCode;
+            s.failure = a.failure;
+        }
         if (a.result == 0) {
             spool.delivered(e);
             recordSent(s.gLog, spool, e, c.user, digest);

@@ -4,8 +4,10 @@
 
 #include "http/CHttpProxy.h"
 #include "http/URL.h"
+#include "support/CGetStr.h"
 #include "support/CLog.h"
 #include "support/LowerCase.h"
+#include "support/Status.h"
 
 namespace kivreg::api {
 namespace {
@@ -23,9 +25,7 @@ std::u16string portOf(const Target& t) {
 }
 
 std::u16string origin(const Target& t) {
-    const bool ipv6 = t.host.find(u':') != std::u16string::npos;
-    return (t.https ? u"https://" : u"http://") + (ipv6 ? u"[" + t.host + u"]" : t.host) + u":" +
-           portOf(t);
+    return (t.https ? u"https://" : u"http://") + hostPort(t.host, portOf(t));
 }
 
 std::u16string pathOf(const Target& t) {
@@ -82,27 +82,26 @@ Redirects::Redirects(CLog& log, const ConnectData& configured) : m_log(log) {
 }
 
 bool Redirects::follow(int answerCode, const std::u16string& location) {
+    m_note.clear();
     if (answerCode < 300 || answerCode > 399 || location.empty()) return false;
+    const std::u16string status = u" (HTTP status " + CGetStr<int>::get(answerCode) + u")";
     const std::optional<Target> to = resolve(m_target, location);
     if (!to) {
-        m_log << timestamp << u"The directory points to " << location << u" (HTTP status "
-              << answerCode << u"), which is not followed." << endlog;
+        m_note = u"The directory points to " + location + status + u", which is not followed.";
         return false;
     }
     if ((answerCode == 307 || answerCode == 308) && sameHost(m_target, *to)) {
         if (m_followed == kMaxFollowed) {
-            m_log << timestamp << u"Too many redirects: " << to->url() << u" (HTTP status "
-                  << answerCode << u") is not followed after " << kMaxFollowed << u"." << endlog;
+            m_note = u"Too many redirects: " + to->url() + status + u" is not followed after " +
+                     CGetStr<int>::get(kMaxFollowed) + u".";
             return false;
         }
         ++m_followed;
         m_target = *to;
-        m_log << timestamp << u"Redirected to " << m_target.url() << u" (HTTP status " << answerCode
-              << u")" << endlog;
+        m_log << timestamp << u"Redirected to " << m_target.url() << status << endlog;
         return true;
     }
-    m_log << timestamp << u"The directory points to " << to->url() << u" (HTTP status "
-          << answerCode << u"): the connect data should name it." << endlog;
+    m_note = u"The directory points to " + to->url() + status + u": the connect data should name it.";
     return false;
 }
 

@@ -32,13 +32,16 @@ public:
     const Target& target() const { return m_target; }
     // After an answer: true when it redirects to a place to follow, which
     // target() then is (logged as "Redirected to URL (HTTP status N)").
-    // False otherwise; a redirect not followed is logged with where it points.
+    // False otherwise; a redirect not followed leaves note() saying where it
+    // points, for the caller to log after the failure's own lines.
     bool follow(int answerCode, const std::u16string& location);
+    const std::u16string& note() const { return m_note; }
 
 private:
     CLog& m_log;
     Target m_target;
     int m_followed = 0;
+    std::u16string m_note;
 };
 
 }  // namespace kivreg::api

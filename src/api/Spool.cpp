@@ -15,6 +15,7 @@
 
 #include "runtime/FileIo.h"
 #include "support/CLog.h"
+#include "support/Status.h"
 
 namespace kivreg::api {
 namespace {
@@ -153,8 +154,7 @@ std::vector<std::string> names(const std::string& dir) {
 }  // namespace
 
 std::string Destination::url() const {
-    const bool ipv6 = host.find(':') != std::string::npos;
-    return (https ? "https://" : "http://") + (ipv6 ? "[" + host + "]" : host) + ":" + port + path;
+    return (https ? "https://" : "http://") + hostPort(host, port) + path;
 }
 
 Spool::Spool(CLog& log, std::string dir, uint64_t maxBytes)

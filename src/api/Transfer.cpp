@@ -14,14 +14,11 @@
 #include "api/Vocabulary.h"
 #include "http/CHttpProxy.h"
 #include "support/CCConv.h"
+#include "support/CGetStr.h"
+#include "support/Status.h"
 
 namespace kivreg::api {
 namespace {
-
-std::u16string decimal(long long n) {
-    const std::string digits = std::to_string(n);
-    return std::u16string(digits.begin(), digits.end());
-}
 
 const char16_t* retriedStatusText(int status) {
     switch (status) {
@@ -59,12 +56,35 @@ std::optional<Millis> retryAfterWait(const std::u16string& value) {
                     std::chrono::duration_cast<Millis>(when - std::chrono::system_clock::now()));
 }
 
-// "2" for whole seconds, "0.7" otherwise.
-std::u16string secondsText(Millis wait) {
-    const long long tenths = (wait.count() + 50) / 100;
-    std::u16string text = decimal(tenths / 10);
-    if (tenths % 10 != 0) text += u"." + decimal(tenths % 10);
-    return text;
+FailureReason reasonOf(Status::Step step) {
+    switch (step) {
+        case Status::Step::Resolve:
+            return FailureReason::Resolve;
+        case Status::Step::Tls:
+            return FailureReason::Tls;
+        case Status::Step::Proxy:
+            return FailureReason::Proxy;
+        case Status::Step::Send:
+            return FailureReason::Send;
+        case Status::Step::Receive:
+            return FailureReason::Receive;
+        case Status::Step::HttpStatus:
+            return FailureReason::HttpStatus;
+        default:
+            return FailureReason::Connect;
+    }
+}
+
+// After the lines a failed step has always logged: what failed, where and
+// why, and for an answer the start of what the directory said.
+FailureReason reportFailure(CLog& log, const CHttpProxy& proxy, Status::Step step) {
+    Status failure = proxy.failure();
+    if (failure.ok()) failure = Status::failed(-1, step, "The transfer failed", {});
+    log << timestamp << failure.message().c_str() << endlog;
+    if (step == Status::Step::HttpStatus && !proxy.answerStart().empty())
+        log << timestamp << u"Answer body: "
+            << oneLine(proxy.answerStart(), CHttpProxy::MAX_ANSWER_START).c_str() << endlog;
+    return reasonOf(failure.step);
 }
 
 }  // namespace
@@ -90,7 +110,7 @@ static Attempt attemptTo(ApiState& s, const ConnectData& c, const Timeouts& t, C
     if (s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE)) proxy.setTrace();
     if (!proxy.isOpen()) {
         log << timestamp << u"Failed to open HTTP connection!" << endlog;
-        return {-2, u"connection failed", {}};
+        return {-2, u"connection failed", {}, 0, reportFailure(log, proxy, Status::Step::Connect)};
     }
     if (document)
         proxy.createBodyFromXML();
@@ -104,7 +124,7 @@ static Attempt attemptTo(ApiState& s, const ConnectData& c, const Timeouts& t, C
     if (s.progress) s.progress(0, 0);
     if (rc != 0) {
         log << timestamp << u"HTTP data sending failed. NI RC=" << rc << endlog;
-        return {-1, u"send failed", {}};
+        return {-1, u"send failed", {}, 0, reportFailure(log, proxy, Status::Step::Send)};
     }
     log << timestamp << u"HTTP send successful." << endlog;
     const int status = proxy.receive();
@@ -116,11 +136,13 @@ static Attempt attemptTo(ApiState& s, const ConnectData& c, const Timeouts& t, C
         return {0, {}, {}, answerCode};
     }
     log << timestamp << u"HTTP response: Failure. HTTP status code: " << status << endlog;
-    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode};
+    if (!redirects.note().empty()) log << timestamp << redirects.note() << endlog;
+    const Status::Step step = status < 0 ? Status::Step::Receive : Status::Step::HttpStatus;
+    Attempt failed{-1, {}, proxy.getRetryAfter(), answerCode, reportFailure(log, proxy, step)};
     if (status < 0) {
         failed.reason = u"no answer";
     } else if (const char16_t* text = retriedStatusText(proxy.getAnswerCode())) {
-        failed.reason = u"HTTP status " + decimal(proxy.getAnswerCode()) + u" (" + text + u")";
+        failed.reason = u"HTTP status " + CGetStr<int>::get(proxy.getAnswerCode()) + u" (" + text + u")";
     }
     return failed;
 }
@@ -140,6 +162,7 @@ Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t) {
     Millis backoff(1000);
     for (int k = 1;; ++k) {
         Attempt a = attempt(s, c, t, s.gpXmlFile.get());
+        s.failure = a.failure;
         if (a.reason.empty() || k > retries) return a;
         Millis wait;
         if (const std::optional<Millis> asked = retryAfterWait(a.retryAfter)) {
@@ -151,8 +174,8 @@ Attempt sendWithRetries(ApiState& s, const ConnectData& c, const Timeouts& t) {
             backoff = std::min(backoff * 2, Millis(60000));
         }
         if (std::chrono::steady_clock::now() - start + wait > budget) return a;
-        s.gLog << timestamp << u"Retry " << k << u" of " << retries << u" in " << secondsText(wait)
-               << u" s: " << a.reason << endlog;
+        s.gLog << timestamp << u"Retry " << k << u" of " << retries << u" in "
+               << secondsText(wait.count()).c_str() << u": " << a.reason << endlog;
         std::this_thread::sleep_for(wait);
     }
 }

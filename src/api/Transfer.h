@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "api/ApiState.h"
 #include "api/RunOptions.h"
 #include "support/ERegExcept.h"
 
@@ -13,14 +14,13 @@ class CXmlFile;
 
 namespace kivreg::api {
 
-struct ApiState;
-
 // A transfer's outcome. A failure that may pass when tried again carries its reason.
 struct Attempt {
     int result = 0;
     std::u16string reason;  // empty: not worth another attempt
     std::u16string retryAfter;
     int answerCode = 0;  // the answer's status, 0 without one
+    FailureReason failure = FailureReason::None;
 };
 
 // A document's body is rendered from it as it is sent, the same bytes at each

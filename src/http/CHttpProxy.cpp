@@ -16,6 +16,7 @@
 #include "runtime/textconv.h"
 #include "support/CCConv.h"
 #include "support/CLog.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -40,9 +41,8 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
       m_host(host),
       m_port(port),
       m_encoding(encoding) {
-    if (https) handleSecEnv();
-
     required(createIIPConnection(m_connection));
+    if (https) handleSecEnv();
     m_connection->setTimeOutConn(connectTimeout);
     m_connection->setTimeOutSend(sendTimeout);
     m_connection->setTimeOutRead(readTimeout);
@@ -51,10 +51,7 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
     required(createIHttpResponse(*m_connection, m_response));
 
     std::u16string text = https ? u"https://" : u"http://";
-    const bool ipv6 = m_host.find(u':') != std::u16string::npos;
-    text += ipv6 ? u"[" + m_host + u"]" : m_host;
-    text += u':';
-    text += m_port;
+    text += hostPort(m_host, m_port);
     if (path.empty()) {
         text += u'/';
         text += ms_dsServletUrl;
@@ -68,9 +65,14 @@ CHttpProxy::CHttpProxy(CLog* log, std::u16string_view encoding, CXmlFile* xmlFil
     m_url->setUrl(text.c_str());
 
     const ProxyChoice choice = chooseProxy(https, m_host, proxy);
+    m_viaProxy = !choice.direct();
     if (!choice.error.empty()) {
         *m_log << timestamp << choice.error << endlog;
         m_proxyUnusable = true;
+        std::string reason;
+        rt::utf16ToUtf8Lenient(choice.error, reason);
+        m_failure = Status::failed(rt::NET_ERR_PROXY, Status::Step::Proxy,
+                                   "Could not use the proxy", {}, std::move(reason));
     } else if (!choice.direct()) {
         *m_log << timestamp << u"Using proxy: " << choice.display() << endlog;
         m_url->setProxy(choice.host.c_str());
@@ -97,23 +99,38 @@ CHttpProxy::~CHttpProxy() = default;
 
 int CHttpProxy::connect() {
     m_open = !m_proxyUnusable && m_request->connect(&m_niRc) > 0;
-    if (!m_open && m_niRc == rt::NET_ERR_PROXY)
-        *m_log << timestamp << u"Proxy refused the tunnel: HTTP status "
-               << m_connection->getTunnelRefusal().c_str() << endlog;
+    if (!m_open && !m_proxyUnusable) {
+        m_failure = m_connection->status();
+        if (m_failure.code == rt::NET_ERR_PROXY)
+            *m_log << timestamp << u"Proxy refused the tunnel: " << m_failure.reason.c_str()
+                   << endlog;
+        if (m_failure.ok()) {  // nothing was opened: there was no host to open
+            m_failure = Status::failed(rt::NET_ERR_INVALID, Status::Step::Connect,
+                                       "No host to connect to", {});
+        } else if (m_viaProxy && (m_failure.step == Status::Step::Resolve ||
+                                  m_failure.step == Status::Step::Connect)) {
+            m_failure.step = Status::Step::Proxy;
+            m_failure.after = "(the proxy)";
+        }
+    }
     // From here on the field holds the open flag, not the network code.
     m_niRc = m_open ? 1 : 0;
     return m_niRc;
 }
 
 void CHttpProxy::handleSecEnv() {
-    if (std::getenv("SECUDIR") != nullptr) return;
+    // The process environment is the host's: the directory goes to the
+    // connection, never into SECUDIR.
+    if (const char* dir = std::getenv("SECUDIR")) {
+        m_connection->setCredentialDir(dir);
+        return;
+    }
     char dir[PATH_MAX];
     if (getcwd(dir, sizeof dir) == nullptr) {
         *m_log << timestamp << u"Failed to get current work directory" << endlog;
         return;
     }
-    if (setenv("SECUDIR", dir, 1) != 0)
-        *m_log << timestamp << u"Failed to set SECUDIR environment variable" << endlog;
+    m_connection->setCredentialDir(dir);
 }
 
 std::string CHttpProxy::declaration(std::u16string_view encoding) {
@@ -168,6 +185,7 @@ int CHttpProxy::send() {
         *m_log << timestamp << u"<<< END HTTP MESSAGE BODY <<<" << endlog;
     }
     m_request->sendMessage(&m_niRc);
+    m_failure = m_niRc != 0 ? m_request->failure() : Status{};
     return m_niRc;
 }
 
@@ -175,12 +193,13 @@ CHttpProxy::AnswerBody CHttpProxy::readAnswerBody(IHttpResponse& response) {
     AnswerBody body;
     std::string raw;
     int rc = 0;
-    while (response.readBody(&rc) >= 1) raw += response.getBody();
+    while (response.readBody(&rc) > 0) raw += response.getBody();
     if (response.isChunked() && rc >= 0) response.readFooter(&rc);
     // A malformed or oversized answer is no answer; a body cut short by
     // the server closing still leaves its status standing.
     body.refused = rc == rt::NET_ERR_PROTOCOL || rc == rt::NET_ERR_LIMIT;
     body.bytes = raw.size();
+    body.start = raw.substr(0, MAX_ANSWER_START + 4);  // enough to tell that there is more
     if (!body.refused) body.text = CCConv::fromUTF8Str(std::string_view(raw));
     response.reset();
     return body;
@@ -204,10 +223,28 @@ int CHttpProxy::receive() {
                << endlog;
 
     m_status = body.refused ? nullptr : m_response->getIHttpStatus();
-    if (m_status == nullptr) return -1;
+    m_answerStart = body.start;
+    if (m_status == nullptr) {
+        m_failure = m_response->failure();
+        return -1;
+    }
     m_answerCode = m_response->getStatusCode();
     *m_log << timestamp << u"Return code: " << m_status->getCode() << u" --- Return message: "
            << m_status->getMessage() << endlog;
+    m_failure = {};
+    if (m_answerCode != HTTP_SUCCESS_CODE) {
+        std::string status;
+        rt::utf16ToUtf8Lenient(m_status->getMessage(), status);
+        m_failure =
+            Status::failed(m_answerCode, Status::Step::HttpStatus,
+                           "HTTP status " + std::to_string(m_answerCode) + " " + status + " from",
+                           m_connection->peer());
+        if (m_answerCode / 100 == 3 && !m_location.empty()) {
+            std::string location;
+            rt::utf16ToUtf8Lenient(m_location, location);
+            m_failure.reason = "Location " + oneLine(location, MAX_ANSWER_START);
+        }
+    }
     return m_status->getCode();
 }
 

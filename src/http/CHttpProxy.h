@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "http/ProxyConfig.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -64,9 +65,14 @@ public:
     void setProgress(std::function<void(size_t written, size_t total)> progress);
     // The HTTP status of the answer, or -1 when none could be had.
     int receive();
-    // The number in the answer's status line, -1 without one. receive reports
-    // a number its table lacks (such as 429) as that table's first row.
+    // The number in the answer's status line, -1 without one.
     int getAnswerCode() const { return m_answerCode; }
+    // What the last step (open, send, receive) failed of, where and why; for
+    // an answer other than 200, its status (and a 3xx answer's Location).
+    const Status& failure() const { return m_failure; }
+    // The first bytes of the answer's body, as sent.
+    static constexpr size_t MAX_ANSWER_START = 512;
+    const std::string& answerStart() const { return m_answerStart; }
     // The answer's Retry-After value as sent, empty when it had none.
     const std::u16string& getRetryAfter() const { return m_retryAfter; }
     // The answer's Location value as sent, empty when it had none.
@@ -77,6 +83,7 @@ public:
         std::u16string text;
         size_t bytes = 0;
         bool refused = false;
+        std::string start;  // the first bytes, a few beyond MAX_ANSWER_START
     };
     static AnswerBody readAnswerBody(IHttpResponse& response);
 
@@ -94,7 +101,8 @@ public:
     void setTrace() { m_trace = true; }
     void unsetTrace() { m_trace = false; }
 
-    // Points SECUDIR at the working directory unless it is set already.
+    // Tells the connection where the TLS credentials lie: SECUDIR when set,
+    // else the working directory. The environment is left as it is.
     void handleSecEnv();
 
 private:
@@ -114,6 +122,7 @@ private:
     std::u16string m_port;
     bool m_open = false;
     bool m_proxyUnusable = false;  // a proxy was named that cannot be used
+    bool m_viaProxy = false;
     std::u16string m_encoding;
     bool m_trace = false;
     bool m_streamed = false;  // the body is rendered from m_xmlFile as it is sent
@@ -121,6 +130,8 @@ private:
     std::u16string m_retryAfter;
     std::u16string m_location;
     int m_answerCode = -1;
+    Status m_failure;
+    std::string m_answerStart;
 };
 
 }  // namespace kivreg

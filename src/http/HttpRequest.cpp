@@ -8,6 +8,7 @@
 #include "http/Trace.h"
 #include "runtime/NetRc.h"
 #include "support/CGetStr.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -56,11 +57,7 @@ std::string HttpRequest::makeCmdLine() const {
     text += ascii7(m_viaProxy ? m_url.getUrl() : std::u16string(orEmpty(m_url.getRawPath())));
     text += " HTTP/1.1\r\nHost: ";
     // The port stays out of Host even when it is not the default one.
-    const std::u16string_view host = orEmpty(m_url.getHost());
-    const bool ipv6 = host.find(u':') != std::u16string_view::npos;
-    if (ipv6) text += '[';
-    text += ascii7(host);
-    if (ipv6) text += ']';
+    text += ascii7(hostPort(orEmpty(m_url.getHost())));
     text += "\r\nConnection: Close";
     return text;
 }
@@ -121,19 +118,19 @@ void HttpRequest::completeHeader() {
     addHeaderline(u"");
 }
 
-int HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
-    return m_connection.write(buffer.data(), static_cast<int>(buffer.size()), rc);
+size_t HttpRequest::writeBuffer(std::string_view buffer, int* rc) {
+    return m_connection.write(buffer.data(), buffer.size(), rc);
 }
 
-int HttpRequest::writeBody(int* rc) {
+size_t HttpRequest::writeBody(int* rc) {
     int code = 0;
-    int written = 0;
+    size_t written = 0;
     // Each piece reports progress as it goes, and the first that fails ends the body.
     const auto writePiece = [&](std::string_view piece) {
-        const int n = writeBuffer(piece, &code);
+        const size_t n = writeBuffer(piece, &code);
         written += n;
-        if (m_progress) m_progress(static_cast<size_t>(written), m_bodySize);
-        return code == 0 && n == static_cast<int>(piece.size());
+        if (m_progress) m_progress(written, m_bodySize);
+        return code == 0 && n == piece.size();
     };
     if (m_bodySize != 0) {
         if (m_writer) {
@@ -142,8 +139,7 @@ int HttpRequest::writeBody(int* rc) {
             written = writeBuffer(m_body, &code);
         } else {
             const std::string_view body = m_body;
-            while (static_cast<size_t>(written) < body.size() &&
-                   writePiece(body.substr(written, PROGRESS_STEP))) {
+            while (written < body.size() && writePiece(body.substr(written, PROGRESS_STEP))) {
             }
         }
         ++m_sendCount;
@@ -153,16 +149,24 @@ int HttpRequest::writeBody(int* rc) {
     return written;
 }
 
-int HttpRequest::sendMessage(int* rc) {
+size_t HttpRequest::sendMessage(int* rc) {
     // Only the body write's code reaches the caller; a failed header write
     // shows in the byte count alone.
     int code = 0;
     completeHeader();
-    const int header = writeBuffer(m_header, &code);
+    const size_t header = writeBuffer(m_header, &code);
     if (rc != nullptr) *rc = code;
     Trace::instance().t(LEVEL, "HttpRequest::sendHeader", code, m_header.size(), header, -1);
-    const int body = writeBody(rc);
+    const int headerCode = code;
+    const size_t body = writeBody(&code);
+    if (rc != nullptr) *rc = code;
     Trace::instance().t(LEVEL, "HttpRequest::sendMessage", header + body);
+    m_failure = {};
+    if (headerCode != 0 || code != 0) {
+        m_failure = m_connection.status();
+        m_failure.after = "failed after " + bytesText(header + body) + " of " +
+                          bytesText(m_header.size() + m_bodySize);
+    }
     return header + body;
 }
 

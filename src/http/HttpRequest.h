@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "http/IHttpRequest.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -11,7 +12,8 @@ public:
 
     int connect(int* rc) override;
 
-    int sendMessage(int* rc) override;
+    size_t sendMessage(int* rc) override;
+    const Status& failure() const override { return m_failure; }
 
     void setHeaderline(std::u16string_view line) override;
     void addHeaderline(std::u16string_view line) override;
@@ -25,8 +27,8 @@ private:
     std::string makeCmdLine() const;
     // Request line in front, credentials, length line, empty line.
     void completeHeader();
-    int writeBuffer(std::string_view buffer, int* rc);
-    int writeBody(int* rc);
+    size_t writeBuffer(std::string_view buffer, int* rc);
+    size_t writeBody(int* rc);
 
     IURL& m_url;
     IIPConnection& m_connection;
@@ -37,6 +39,7 @@ private:
     int m_sendCount = 0;
     bool m_viaProxy = false;
     Progress m_progress;
+    Status m_failure;
 };
 
 }  // namespace kivreg

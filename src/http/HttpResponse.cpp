@@ -9,6 +9,7 @@
 #include "http/ParValDictionary.h"
 #include "http/Trace.h"
 #include "runtime/NetRc.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int LEVEL = Trace::TRANSPORT_LEVEL;
 constexpr size_t MAX_CHUNK_LINE = 4096;
+constexpr size_t MAX_REASON = 120;
 
 // Header bytes are 7-bit ASCII; anything else is shown as '?'.
 std::u16string fromAscii(std::string_view bytes) {
@@ -40,6 +42,20 @@ long long parseLength(std::u16string_view text) {
     }
     return n;
 }
+
+// A line of the answer as a failure shows it: quoted, at most 64 characters.
+std::string quoted(std::u16string_view text) {
+    std::string out = "\"";
+    for (char16_t c : text.substr(0, 64)) out += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '?';
+    return out + (text.size() > 64 ? "...\"" : "\"");
+}
+
+std::string quoted(std::string_view text) {
+    return quoted(std::u16string(text.begin(), text.end()));
+}
+
+const char* const headerCap = "header above 262144 bytes";
+const char* const bodyCap = "body above 67108864 bytes";
 
 bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() &&
@@ -78,14 +94,30 @@ int HttpResponse::close() {
 
 IHttpStatus* HttpResponse::getIHttpStatus() {
     if (!m_haveStatus) return nullptr;
-    m_status = std::make_unique<HttpStatus>(m_statusCode);
+    m_status = std::make_unique<HttpStatus>(m_statusCode, m_reasonPhrase);
     return m_status.get();
 }
 
-int HttpResponse::fail(int* rc, int code) {
+int HttpResponse::fail(int* rc, int code, std::string reason) {
     *rc = code;
     m_bodyDone = true;
     Trace::instance().t(LEVEL, "HttpResponse: answer refused:", code, rt::netRcText(code));
+    if (code == rt::NET_ERR_LIMIT)
+        m_failure = Status::failed(code, Status::Step::Receive, "Answer from", m_connection->peer(),
+                                   std::move(reason), "refused");
+    else if (code == rt::NET_ERR_PROTOCOL)
+        m_failure = Status::failed(code, Status::Step::Receive, "Malformed answer from",
+                                   m_connection->peer(), std::move(reason));
+    else
+        m_failure = m_connection->status();
+    return 0;
+}
+
+int HttpResponse::lost(int* rc) {
+    if (*rc != rt::NET_ERR_PROTOCOL && *rc != rt::NET_ERR_LIMIT) {
+        m_failure = m_connection->status();
+        m_failure.what = "No answer from";
+    }
     return 0;
 }
 
@@ -99,13 +131,13 @@ size_t HttpResponse::fill(int* rc) {
     }
     const size_t old = m_buf.size();
     m_buf.resize(old + m_readBufferSize);
-    const int n = m_connection->read(m_buf.data() + old, static_cast<int>(m_readBufferSize), rc);
-    m_buf.resize(old + static_cast<size_t>(std::max(n, 0)));
-    return static_cast<size_t>(std::max(n, 0));
+    const size_t n = m_connection->read(m_buf.data() + old, m_readBufferSize, rc);
+    m_buf.resize(old + n);
+    return n;
 }
 
-int HttpResponse::readInto(std::string& out, size_t want, int* rc, const char* firstTrace,
-                           const char* laterTrace) {
+size_t HttpResponse::readInto(std::string& out, size_t want, int* rc, const char* firstTrace,
+                              const char* laterTrace) {
     Trace& trace = Trace::instance();
     const size_t start = out.size();
     const size_t take = std::min(available(), want);
@@ -115,26 +147,26 @@ int HttpResponse::readInto(std::string& out, size_t want, int* rc, const char* f
     out.resize(start + want);
     size_t have = take;
     while (have < want && *rc >= 0) {
-        const size_t ask = std::min<size_t>(want - have, INT_MAX);
-        const int n = m_connection->read(out.data() + start + have, static_cast<int>(ask), rc);
-        have += static_cast<size_t>(std::max(n, 0));
+        const size_t n = m_connection->read(out.data() + start + have, want - have, rc);
+        have += n;
         trace.t(LEVEL, laterTrace, *rc, n);
     }
     out.resize(start + have);
-    return static_cast<int>(have);
+    return have;
 }
 
-std::optional<std::string> HttpResponse::readLine(int* rc, size_t limit) {
+std::optional<std::string> HttpResponse::readLine(int* rc, size_t& budget) {
     size_t scanned = 0;
     for (;;) {
         const size_t nl = m_buf.find('\n', m_pos + scanned);
-        if (nl != std::string::npos && nl - m_pos < limit) {
+        if (nl != std::string::npos && nl - m_pos < budget) {
             std::string line(m_buf, m_pos, nl - m_pos);
+            budget -= nl + 1 - m_pos;
             m_pos = nl + 1;
             if (!line.empty() && line.back() == '\r') line.pop_back();
             return line;
         }
-        if (available() >= limit) {
+        if (available() >= budget) {
             *rc = rt::NET_ERR_LIMIT;
             return std::nullopt;
         }
@@ -152,9 +184,11 @@ int HttpResponse::readHeader(int* rc) {
     m_fields.reset();
     m_version.clear();
     m_statusCode = 999;
+    m_reasonPhrase.clear();
     m_haveStatus = false;
     m_contentLength = 0;
     m_chunked = false;
+    m_failure = {};
     // The body's state is first touched after the final header, so interim
     // answers leave nothing of it to reset.
 
@@ -168,10 +202,10 @@ int HttpResponse::readHeader(int* rc) {
         if (crlf != std::string::npos || lf != std::string::npos) {
             const bool bareLf = lf < crlf;
             const size_t end = bareLf ? lf + 2 : crlf + 4;
-            if (end - m_pos > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT);
+            if (end - m_pos > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT, headerCap);
             return parseHeader(end - m_pos, bareLf, rc);
         }
-        if (available() > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT);
+        if (available() > MAX_HEADER) return fail(rc, rt::NET_ERR_LIMIT, headerCap);
         scanned = available();
         fill(rc);
         trace.t(LEVEL, "HttpResponse::readHeader Read returns", *rc, available());
@@ -180,7 +214,7 @@ int HttpResponse::readHeader(int* rc) {
     // Closed or failed before the header was complete: there is no status.
     std::string().swap(m_buf);
     m_pos = 0;
-    return 0;
+    return lost(rc);
 }
 
 int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
@@ -193,28 +227,37 @@ int HttpResponse::parseHeader(size_t length, bool bareLf, int* rc) {
     if (!statusLine.empty() && statusLine.back() == u'\r') statusLine.remove_suffix(1);
     const size_t blank = statusLine.find(u' ');
     m_version = statusLine.substr(0, blank);
+    bool numbered = false;
     if (blank != std::u16string_view::npos) {
         std::u16string_view rest = statusLine.substr(blank + 1);
         const size_t digits = std::min(rest.find_first_not_of(u"0123456789"), rest.size());
-        if (digits > 0 && digits <= 4)
+        if (digits == 3 && (rest.size() == 3 || rest[3] == u' ')) {
             m_statusCode = static_cast<int>(parseLength(rest.substr(0, digits)));
+            numbered = true;
+            // Shown in the log: printable 7-bit text of a bounded length.
+            m_reasonPhrase = rest.substr(std::min<size_t>(4, rest.size()), MAX_REASON);
+            for (char16_t& c : m_reasonPhrase)
+                if (c < 0x20 || c >= 0x7F) c = u'?';
+        }
     }
-    m_haveStatus = true;
     trace.t(LEVEL, "HttpResponse::readHeader", m_version);
     trace.t(LEVEL, "HttpResponse::readHeader Status", m_statusCode);
+    if (!numbered) return fail(rc, rt::NET_ERR_PROTOCOL, "no status code in " + quoted(statusLine));
+    m_haveStatus = true;
 
     m_header = m_rawHeader.substr(lineEnd + 1);
     if (createIParValMultilineDictionary(m_fields, bareLf ? u"\n" : u"\r\n", u";", u":=",
                                          u"\t\r\n ") != 0)
-        return fail(rc, rt::NET_ERR_INVALID);
+        return fail(rc, rt::NET_ERR_INVALID, {});
     m_fields->parseMultiline(m_header);
     if (const char16_t* value = m_fields->fetchVal(u"content-length")) {
         const long long n = parseLength(value);
         if (n < 0) {
             m_haveStatus = false;
-            return fail(rc, n == -2 ? rt::NET_ERR_LIMIT : rt::NET_ERR_PROTOCOL);
+            return n == -2 ? fail(rc, rt::NET_ERR_LIMIT, "Content-Length above 2147483647")
+                           : fail(rc, rt::NET_ERR_PROTOCOL, "Content-Length is not a number");
         }
-        m_contentLength = n;
+        m_contentLength = static_cast<size_t>(n);
         m_chunked = false;
         trace.t(LEVEL, "HttpResponse::readHeader Content-Length", n);
     }
@@ -234,7 +277,8 @@ int HttpResponse::readHeaderSkip100(int* rc) {
         // A server that keeps sending interim answers would hold us forever.
         if (skipped == MAX_INTERIM) {
             m_haveStatus = false;
-            fail(rc, rt::NET_ERR_PROTOCOL);
+            fail(rc, rt::NET_ERR_PROTOCOL,
+                 "more than " + std::to_string(MAX_INTERIM) + " interim answers");
             break;
         }
         ++skipped;
@@ -243,25 +287,33 @@ int HttpResponse::readHeaderSkip100(int* rc) {
     return skipped;
 }
 
-int HttpResponse::readBody(int* rc) {
+size_t HttpResponse::readBody(int* rc) {
     *rc = 0;
     m_body.clear();
     if (!m_haveStatus || m_bodyDone) return 0;
     if (m_chunked) return readChunk(rc);
-    if (static_cast<size_t>(m_contentLength) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
-    m_body.reserve(static_cast<size_t>(m_contentLength));
-    const int n = readInto(m_body, static_cast<size_t>(m_contentLength), rc,
-                           "HttpResponse::readBody Body Read returns",
-                           "HttpResponse::readBody Body Completion Read returns");
-    m_bodyTotal = static_cast<size_t>(n);
+    if (m_contentLength > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT, bodyCap);
+    m_body.reserve(m_contentLength);
+    const size_t n =
+        readInto(m_body, m_contentLength, rc, "HttpResponse::readBody Body Read returns",
+                 "HttpResponse::readBody Body Completion Read returns");
+    m_bodyTotal = n;
     m_bodyDone = true;
     return n;
 }
 
-int HttpResponse::readChunk(int* rc) {
+size_t HttpResponse::readChunk(int* rc) {
     Trace& trace = Trace::instance();
-    const std::optional<std::string> line = readLine(rc, MAX_CHUNK_LINE);
-    if (!line) return fail(rc, *rc);
+    // The chunk's lines count against the body's bound as its bytes do.
+    size_t budget = std::min(MAX_CHUNK_LINE, MAX_BODY - m_bodyTotal);
+    const size_t before = budget;
+    const std::optional<std::string> line = readLine(rc, budget);
+    if (!line)
+        return *rc == rt::NET_ERR_LIMIT
+                   ? fail(rc, *rc,
+                          budget < MAX_CHUNK_LINE ? bodyCap : "chunk size line above 4096 bytes")
+                   : fail(rc, *rc, {});
+    m_bodyTotal += before - budget;
     trace.t(LEVEL, "HttpResponse::readBody Chunk Header is", *line);
 
     // hex-size [ws] [";" extension]
@@ -274,11 +326,11 @@ int HttpResponse::readChunk(int* rc) {
                                                                : -1;
         if (d < 0) break;
         size = size * 16 + d;
-        if (size > INT_MAX) return fail(rc, rt::NET_ERR_PROTOCOL);
+        if (size > INT_MAX) return fail(rc, rt::NET_ERR_PROTOCOL, "chunk size above 31 bits");
     }
-    if (i == 0) return fail(rc, rt::NET_ERR_PROTOCOL);
-    while (i < line->size() && isBlank((*line)[i])) ++i;
-    if (i < line->size() && (*line)[i] != ';') return fail(rc, rt::NET_ERR_PROTOCOL);
+    while (i > 0 && i < line->size() && isBlank((*line)[i])) ++i;
+    if (i == 0 || (i < line->size() && (*line)[i] != ';'))
+        return fail(rc, rt::NET_ERR_PROTOCOL, "bad chunk size line " + quoted(*line));
     trace.t(LEVEL, "HttpResponse::readBody Chunk Length is", size);
 
     if (size == 0) {
@@ -286,18 +338,22 @@ int HttpResponse::readChunk(int* rc) {
         m_bodyDone = true;
         return 0;
     }
-    if (m_bodyTotal + static_cast<size_t>(size) > MAX_BODY) return fail(rc, rt::NET_ERR_LIMIT);
-    const int n =
+    // The chunk and the line end after it: the count never passes the bound.
+    if (static_cast<size_t>(size) + 2 > MAX_BODY - m_bodyTotal)
+        return fail(rc, rt::NET_ERR_LIMIT, bodyCap);
+    const size_t n =
         readInto(m_body, static_cast<size_t>(size), rc, "HttpResponse::readBody Chunk Read returns",
                  "HttpResponse::readBody Chunk Completion Read returns");
-    m_bodyTotal += static_cast<size_t>(n);
+    m_bodyTotal += n;
     if (*rc >= 0) {
         // The chunk's own line end must follow at once.
-        const std::optional<std::string> end = readLine(rc, 2);
+        size_t lineEnd = 2;
+        const std::optional<std::string> end = readLine(rc, lineEnd);
+        m_bodyTotal += 2 - lineEnd;
         if (end && end->empty()) return n;
         if (end || *rc == rt::NET_ERR_LIMIT) *rc = rt::NET_ERR_PROTOCOL;
     }
-    fail(rc, *rc);
+    fail(rc, *rc, "chunk not followed by its line end");
     return n;
 }
 
@@ -305,19 +361,23 @@ void HttpResponse::readFooter(int* rc) {
     *rc = 0;
     if (!m_lastChunkSeen) return;
     Trace& trace = Trace::instance();
-    size_t total = 0;
+    // Every trailer byte, whatever its lines end in, counts against the header's bound.
+    size_t budget = MAX_HEADER;
     for (;;) {
-        const std::optional<std::string> line = readLine(rc, MAX_HEADER - total);
+        const std::optional<std::string> line = readLine(rc, budget);
         trace.t(LEVEL, "HttpResponse::readFooter Read returns", *rc, line ? line->size() : 0);
-        if (!line) break;
-        total += line->size() + 2;
+        if (!line) {
+            if (*rc == rt::NET_ERR_LIMIT) fail(rc, *rc, "trailer above 262144 bytes");
+            break;
+        }
         if (line->empty()) break;
         if (startsWithIgnoreCase(*line, "X-Status:")) {
             std::string_view v = std::string_view(*line).substr(9);
             while (!v.empty() && isBlank(v.front())) v.remove_prefix(1);
             const size_t digits = std::min(v.find_first_not_of("0123456789"), v.size());
-            if (digits > 0 && digits <= 4) {
+            if (digits == 3) {
                 m_statusCode = std::stoi(std::string(v.substr(0, digits)));
+                m_reasonPhrase.clear();  // the status line's phrase was for its own code
                 trace.t(LEVEL, "HttpResponse::readFooter X-Status", m_statusCode);
             }
         }

@@ -74,9 +74,17 @@ std::span<const HttpStatus::Row> HttpStatus::table() {
     return ROWS;
 }
 
-void HttpStatus::setCode(int code) {
-    for (size_t i = 0; i < ROWS.size(); ++i)
-        if (ROWS[i].code == code) m_index = i;
+HttpStatus::HttpStatus(int code, std::u16string_view reasonPhrase) : m_code(code) {
+    for (const Row& row : ROWS) {
+        if (row.code == code) {
+            m_text = row.text;
+            m_reason = row.reason;
+            return;
+        }
+    }
+    const std::string digits = std::to_string(code);
+    m_text.assign(digits.begin(), digits.end());
+    m_reason = u"(" + std::u16string(reasonPhrase) + u")";
 }
 
 }  // namespace kivreg

@@ -1,5 +1,6 @@
 #pragma once
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "http/IHttpStatus.h"
@@ -13,19 +14,20 @@ public:
         std::u16string_view text;    // the code as text
         std::u16string_view reason;  // in parentheses
     };
-    // The row of the code, or the first row (100) for an unknown one: callers
-    // see an unknown status as an interim answer, never as success.
-    explicit HttpStatus(int code) { setCode(code); }
+    // The row of the code; a code the table lacks stands as it is, with the
+    // answer's own reason phrase.
+    HttpStatus(int code, std::u16string_view reasonPhrase);
 
-    int getCode() const override { return table()[m_index].code; }
-    const char16_t* getCode2() const override { return table()[m_index].text.data(); }
-    std::u16string getMessage() const override { return std::u16string(table()[m_index].reason); }
+    int getCode() const override { return m_code; }
+    const char16_t* getCode2() const override { return m_text.c_str(); }
+    std::u16string getMessage() const override { return m_reason; }
 
 private:
     static std::span<const Row> table();
-    void setCode(int code);  // once, on a fresh object
 
-    size_t m_index = 0;
+    int m_code;
+    std::u16string m_text;
+    std::u16string m_reason;
 };
 
 }  // namespace kivreg

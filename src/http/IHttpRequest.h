@@ -12,6 +12,7 @@ namespace kivreg {
 
 class IIPConnection;
 class IURL;
+struct Status;
 
 class IHttpRequest {
 public:
@@ -24,7 +25,9 @@ public:
 
     // Header (Content-Length = body length) and body. *rc holds the code of
     // the body write; the result is header plus body bytes written.
-    virtual int sendMessage(int* rc) = 0;
+    virtual size_t sendMessage(int* rc) = 0;
+    // Why the last sendMessage failed, with the bytes sent of the request's.
+    virtual const Status& failure() const = 0;
 
     // setHeaderline replaces the whole header with the one line.
     virtual void setHeaderline(std::u16string_view line) = 0;

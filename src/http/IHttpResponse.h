@@ -4,9 +4,11 @@
 // come back as codes of runtime/NetRc.h in *rc.
 //
 // A server is not trusted to be sane: a header above MAX_HEADER bytes, a
-// chunk size that is not hexadecimal or does not fit in 31 bits, or a
-// Content-Length above 2^31-1 is a failed read, and a body above MAX_BODY
-// bytes is refused rather than allocated.
+// status line without a three-digit code, a chunk size that is not
+// hexadecimal or does not fit in 31 bits, or a Content-Length above 2^31-1 is
+// a failed read; a body above MAX_BODY bytes (chunk size lines and line ends
+// included) and a trailer above MAX_HEADER bytes are refused rather than
+// read.
 
 #include <memory>
 #include <string>
@@ -15,6 +17,7 @@ namespace kivreg {
 
 class IIPConnection;
 class IHttpStatus;
+struct Status;
 
 class IHttpResponse {
 public:
@@ -32,6 +35,10 @@ public:
     virtual IHttpStatus* getIHttpStatus() = 0;
     // The number in the status line (or X-Status trailer); 999 before one was read.
     virtual int getStatusCode() const = 0;
+    // The status line's text after the number, as sent.
+    virtual const std::u16string& getReasonPhrase() const = 0;
+    // Why the last read failed: no answer, or one malformed or beyond a bound.
+    virtual const Status& failure() const = 0;
     virtual bool isChunked() const = 0;
 
     // The status line and header, skipping interim answers with status 100;
@@ -39,7 +46,7 @@ public:
     virtual int readHeaderSkip100(int* rc) = 0;
     // The whole body of a Content-Length answer, or one chunk of a chunked
     // one; returns the body bytes of this call, 0 once the body has ended.
-    virtual int readBody(int* rc) = 0;
+    virtual size_t readBody(int* rc) = 0;
     // The trailer after the last chunk; an "X-Status:" line replaces the status.
     virtual void readFooter(int* rc) = 0;
 

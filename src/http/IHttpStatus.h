@@ -6,10 +6,11 @@ namespace kivreg {
 class IHttpStatus {
 public:
     virtual ~IHttpStatus() = default;
-    // The code of the table row; a code missing from the table reports 100.
+    // The answer's status code.
     virtual int getCode() const = 0;
     virtual const char16_t* getCode2() const = 0;  // the code as text
-    // The added message followed by the row's reason text, e.g. "(OK)".
+    // The table's reason text, e.g. "(OK)"; for a code the table lacks, the
+    // answer's own reason phrase in parentheses, e.g. "(Too Many Requests)".
     virtual std::u16string getMessage() const = 0;
 };
 

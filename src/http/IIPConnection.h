@@ -2,11 +2,14 @@
 // A byte stream to a server over plain TCP or TLS. Codes are those of
 // runtime/NetRc.h (0 = success).
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace kivreg {
+
+struct Status;
 
 class IIPConnection {
 public:
@@ -23,15 +26,20 @@ public:
     virtual int openTunnel(const char16_t* proxy, const char16_t* proxyService,
                            const char16_t* host, const char16_t* service,
                            std::string_view proxyCredentials) = 0;
-    // The proxy's refusal of the last tunnel, as "407 (Proxy Authentication
-    // Required)"; empty when there was none.
-    virtual const std::string& getTunnelRefusal() const = 0;
+    // The last failure of open, openTunnel, write or read: what failed, with
+    // whom ("host port N") and why. A proxy's refusal has the reason
+    // "HTTP status 407 (Proxy Authentication Required)".
+    virtual const Status& status() const = 0;
+    // "host port N" of the server last opened (through a tunnel: the
+    // server, not the proxy), as failures name it.
+    virtual const std::string& peer() const = 0;
+    // Where the TLS set-up finds kivreg_trust.pem and kivreg_client.pem;
+    // empty (the default): neither is looked for.
+    virtual void setCredentialDir(std::string dir) = 0;
     // All `size` bytes with the send timeout; returns the bytes written.
-    virtual int write(const void* data, int size, int* rc) = 0;
+    virtual size_t write(const void* data, size_t size, int* rc) = 0;
     // Up to `size` bytes with the read timeout; returns the bytes read.
-    virtual int read(void* data, int size, int* rc) = 0;
-    // Reads and discards up to `size` bytes; returns how many.
-    virtual int skip(int size) = 0;
+    virtual size_t read(void* data, size_t size, int* rc) = 0;
     // 0 when nothing was open, else closes and returns 1.
     virtual int close() = 0;
 

@@ -6,6 +6,7 @@
 #include "http/HttpResponse.h"
 #include "http/Trace.h"
 #include "runtime/textconv.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -16,20 +17,6 @@ constexpr int MAX_TIMEOUT_MS = 900000;
 std::string utf8(const char16_t* text) {
     std::string out;
     if (text != nullptr) rt::utf16ToUtf8Lenient(text, out);
-    return out;
-}
-
-// The reason phrase of a status line, shown in a log: printable 7-bit text of
-// a bounded length, whatever the proxy sent.
-std::string reasonPhrase(std::u16string_view header) {
-    constexpr size_t MAX_REASON = 120;
-    std::u16string_view line = header.substr(0, header.find_first_of(u"\r\n"));
-    const size_t code = line.find(u' ');
-    const size_t reason = code == std::u16string_view::npos ? code : line.find(u' ', code + 1);
-    line = reason == std::u16string_view::npos ? std::u16string_view() : line.substr(reason + 1);
-    std::string out;
-    for (char16_t c : line.substr(0, MAX_REASON))
-        out += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '?';
     return out;
 }
 
@@ -65,14 +52,17 @@ int IPConnection::setTimeOutRead(int seconds) {
 int IPConnection::connectTo(const std::string& host, const std::string& service, bool tls,
                             const rt::NetDeadline& deadline) {
     Trace& trace = Trace::instance();
+    m_status = {};
+    m_peer = hostPort(host, service, " port ");
     if (tls && !m_tls) {
-        std::string reason;
-        if (const int rc = rt::tlsInit(m_tls, reason); rc != rt::NET_OK) {
-            trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS set-up failed:", reason);
+        if (const int rc = rt::tlsInit(m_tls, m_credentialDir, m_status); rc != rt::NET_OK) {
+            trace.t(Trace::TRANSPORT_LEVEL,
+                    "IPConnection::open TLS set-up failed:", m_status.message());
             return rc;
         }
     }
-    const int rc = rt::netOpen(host.c_str(), service.c_str(), deadline.remainingMs(), &m_handle);
+    const int rc =
+        rt::netOpen(host.c_str(), service.c_str(), deadline.remainingMs(), &m_handle, &m_status);
     if (rc != rt::NET_OK)
         trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open failed:", rc, rt::netRcText(rc));
     return rc;
@@ -81,11 +71,12 @@ int IPConnection::connectTo(const std::string& host, const std::string& service,
 int IPConnection::startTls(const std::string& host, const rt::NetDeadline& deadline,
                            std::string early) {
     Trace& trace = Trace::instance();
-    std::string reason;
     const int rc = rt::tlsSessionStart(*m_tls, m_handle, host, deadline.remainingMs(), m_session,
-                                       reason, std::move(early));
+                                       m_status, std::move(early));
     if (rc != rt::NET_OK) {
-        trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS handshake failed:", rc, reason);
+        m_status.context = m_peer;
+        trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::open TLS handshake failed:", rc,
+                m_status.message());
         close();
         return rc;
     }
@@ -108,39 +99,47 @@ int IPConnection::openTunnel(const char16_t* proxy, const char16_t* proxyService
                              const char16_t* host, const char16_t* service,
                              std::string_view proxyCredentials) {
     if (m_handle >= 0) return rt::NET_OK;
-    m_refusal.clear();
     const rt::NetDeadline deadline(m_connectMs);
     int rc = connectTo(utf8(proxy), utf8(proxyService), true, deadline);
     if (rc != rt::NET_OK) return rc;
     const std::string hostName = utf8(host);
+    const std::string serviceName = utf8(service);
     std::string early;
     m_opening = &deadline;
-    rc = askForTunnel(hostName, utf8(service), proxyCredentials, early);
+    rc = askForTunnel(hostName, serviceName, proxyCredentials, early);
     m_opening = nullptr;
     if (rc != rt::NET_OK) {
+        m_status.step = Status::Step::Proxy;
         close();
         return rc;
     }
+    m_peer = hostPort(hostName, serviceName, " port ");
     return startTls(hostName, deadline, std::move(early));
 }
 
 int IPConnection::askForTunnel(const std::string& host, const std::string& service,
                                std::string_view credentials, std::string& early) {
     Trace& trace = Trace::instance();
-    const bool ipv6 = host.find(':') != std::string::npos;
-    const std::string target = (ipv6 ? "[" + host + "]" : host) + ":" + service;
+    const std::string target = hostPort(host, service);
     std::string request = "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n";
     if (!credentials.empty())
         request.append("Proxy-Authorization: Basic ").append(credentials).append("\r\n");
     request += "\r\n";
     int rc = rt::NET_OK;
-    write(request.data(), static_cast<int>(request.size()), &rc);
+    write(request.data(), request.size(), &rc);
     // The proxy's answer is read like any other: the same bounds apply.
     HttpResponse answer(this);
-    if (rc == rt::NET_OK) answer.readHeader(&rc);
+    if (rc == rt::NET_OK) {
+        answer.readHeader(&rc);
+        m_status = answer.failure();
+    }
     const int status = answer.getStatusCode();
-    if (rc == rt::NET_OK && (status < 100 || status > 599)) rc = rt::NET_ERR_PROTOCOL;
+    if (rc == rt::NET_OK && (status < 100 || status > 599)) {
+        rc = rt::NET_ERR_PROTOCOL;
+        m_status = Status::failed(rc, {}, "Malformed answer from", m_peer, "no status code");
+    }
     if (rc != rt::NET_OK) {
+        m_status.what.insert(0, "Tunnel request: ");
         trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::openTunnel no answer from the proxy:", rc,
                 rt::netRcText(rc));
         return rc;
@@ -150,52 +149,51 @@ int IPConnection::askForTunnel(const std::string& host, const std::string& servi
         trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::openTunnel tunnel open to", target);
         return rt::NET_OK;
     }
-    m_refusal = std::to_string(status) + " (" + reasonPhrase(answer.getRawHeader()) + ")";
-    trace.t(Trace::TRANSPORT_LEVEL,
-            "IPConnection::openTunnel proxy refused the tunnel:", m_refusal);
+    const std::string refusal =
+        std::to_string(status) + " (" + utf8(answer.getReasonPhrase().c_str()) + ")";
+    m_status = Status::failed(rt::NET_ERR_PROXY, Status::Step::Proxy, "Proxy", m_peer,
+                              "HTTP status " + refusal, "refused the tunnel");
+    trace.t(Trace::TRANSPORT_LEVEL, "IPConnection::openTunnel proxy refused the tunnel:", refusal);
     return rt::NET_ERR_PROXY;
 }
 
-int IPConnection::write(const void* data, int size, int* rc) {
+int IPConnection::ioFailed(int code, Status::Step step, const char* what) {
+    m_status.step = step;
+    m_status.what = what;
+    m_status.context = m_peer;
+    m_status.after.clear();
+    return code;
+}
+
+size_t IPConnection::write(const void* data, size_t size, int* rc) {
     size_t written = 0;
     int code = rt::NET_ERR_INVALID;
-    if (m_handle >= 0 && size >= 0) {
-        const auto n = static_cast<size_t>(size);
-        code = m_session ? rt::tlsWrite(*m_session, data, n, m_sendMs, &written)
-                         : rt::netWrite(m_handle, data, n, waitMs(m_sendMs), &written);
+    if (m_handle >= 0) {
+        code = m_session
+                   ? rt::tlsWrite(*m_session, data, size, m_sendMs, &written, &m_status)
+                   : rt::netWrite(m_handle, data, size, waitMs(m_sendMs), &written, &m_status);
         if (code != rt::NET_OK && m_session && !rt::tlsLastReason(*m_session).empty())
             Trace::instance().t(Trace::TRANSPORT_LEVEL,
                                 "IPConnection::write TLS:", rt::tlsLastReason(*m_session));
+        if (code != rt::NET_OK) ioFailed(code, Status::Step::Send, "Sending to");
     }
     if (rc != nullptr) *rc = code;
-    return static_cast<int>(written);
+    return written;
 }
 
-int IPConnection::read(void* data, int size, int* rc) {
+size_t IPConnection::read(void* data, size_t size, int* rc) {
     size_t got = 0;
     int code = rt::NET_ERR_INVALID;
-    if (m_handle >= 0 && size >= 0) {
-        const auto n = static_cast<size_t>(size);
-        code = m_session ? rt::tlsRead(*m_session, data, n, m_readMs, &got)
-                         : rt::netRead(m_handle, data, n, waitMs(m_readMs), &got);
+    if (m_handle >= 0) {
+        code = m_session ? rt::tlsRead(*m_session, data, size, m_readMs, &got, &m_status)
+                         : rt::netRead(m_handle, data, size, waitMs(m_readMs), &got, &m_status);
         if (code != rt::NET_OK && code != rt::NET_ERR_CLOSED && m_session)
             Trace::instance().t(Trace::TRANSPORT_LEVEL,
                                 "IPConnection::read TLS:", rt::tlsLastReason(*m_session));
+        if (code != rt::NET_OK) ioFailed(code, Status::Step::Receive, "Reading from");
     }
     if (rc != nullptr) *rc = code;
-    return static_cast<int>(got);
-}
-
-int IPConnection::skip(int size) {
-    char buf[16384];
-    int total = 0;
-    while (total < size) {
-        int rc = 0;
-        const int n = read(buf, std::min<int>(size - total, sizeof buf), &rc);
-        total += n;
-        if (rc != rt::NET_OK || n <= 0) break;
-    }
-    return total;
+    return got;
 }
 
 int IPConnection::close() {

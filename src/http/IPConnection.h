@@ -2,6 +2,7 @@
 #include "http/IIPConnection.h"
 #include "runtime/NetSocket.h"
 #include "runtime/Tls.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -15,10 +16,11 @@ public:
     int open(const char16_t* host, const char16_t* service, bool secure) override;
     int openTunnel(const char16_t* proxy, const char16_t* proxyService, const char16_t* host,
                    const char16_t* service, std::string_view proxyCredentials) override;
-    const std::string& getTunnelRefusal() const override { return m_refusal; }
-    int write(const void* data, int size, int* rc) override;
-    int read(void* data, int size, int* rc) override;
-    int skip(int size) override;
+    const Status& status() const override { return m_status; }
+    const std::string& peer() const override { return m_peer; }
+    void setCredentialDir(std::string dir) override { m_credentialDir = std::move(dir); }
+    size_t write(const void* data, size_t size, int* rc) override;
+    size_t read(void* data, size_t size, int* rc) override;
     int close() override;
 
     int setTimeOutConn(int seconds) override;
@@ -37,6 +39,8 @@ private:
     int askForTunnel(const std::string& host, const std::string& service,
                      std::string_view credentials, std::string& early);
     int waitMs(int phaseMs) const { return m_opening ? m_opening->remainingMs() : phaseMs; }
+    // A failed read or write: the runtime's code and reason, said of the peer.
+    int ioFailed(int code, Status::Step step, const char* what);
 
     int m_handle = -1;
     rt::TlsSessionPtr m_session;  // set while a TLS session runs on the socket
@@ -45,7 +49,9 @@ private:
     int m_sendMs = -1;
     int m_readMs = -1;
     const rt::NetDeadline* m_opening = nullptr;  // while opening, the connect timeout rules
-    std::string m_refusal;
+    std::string m_credentialDir;
+    std::string m_peer;  // "host port N" of the server spoken to
+    Status m_status;
 };
 
 }  // namespace kivreg

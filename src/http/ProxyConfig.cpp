@@ -4,9 +4,10 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include "support/LowerCase.h"
 #include "http/URL.h"
 #include "runtime/textconv.h"
+#include "support/LowerCase.h"
+#include "support/Status.h"
 
 namespace kivreg {
 
@@ -62,8 +63,7 @@ std::u16string_view orEmpty(const char16_t* text) {
 }  // namespace
 
 std::u16string ProxyChoice::display() const {
-    const bool ipv6 = host.find(u':') != std::u16string::npos;
-    return u"http://" + (ipv6 ? u"[" + host + u"]" : host) + u":" + port;
+    return u"http://" + hostPort(host, port);
 }
 
 ProxyChoice chooseProxy(bool https, std::u16string_view host, const ProxyOptions& options) {

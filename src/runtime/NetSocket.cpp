@@ -10,6 +10,8 @@
 #include <system_error>
 #include <thread>
 
+#include "support/Status.h"
+
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -97,19 +99,25 @@ int waitFor(int fd, short events, const NetDeadline& deadline) {
     }
 }
 
-int connectOne(const addrinfo& ai, const NetDeadline& deadline, int* handle) {
+// Sets the reason from errno's value and returns its code.
+int failed(int err, std::string& reason) {
+    reason = std::strerror(err);
+    return rcFromErrno(err);
+}
+
+int connectOne(const addrinfo& ai, const NetDeadline& deadline, int* handle, std::string& reason) {
     const int fd =
         socket(ai.ai_family, ai.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai.ai_protocol);
-    if (fd < 0) return rcFromErrno(errno);
+    if (fd < 0) return failed(errno, reason);
     int rc = NET_OK;
     if (connect(fd, ai.ai_addr, ai.ai_addrlen) != 0) {
         if (errno != EINPROGRESS && errno != EINTR) {
-            rc = rcFromErrno(errno);
+            rc = failed(errno, reason);
         } else if ((rc = waitFor(fd, POLLOUT, deadline)) == NET_OK) {
             int err = 0;
             socklen_t len = sizeof err;
             if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
-            if (err != 0) rc = rcFromErrno(err);
+            if (err != 0) rc = failed(err, reason);
         }
     }
     if (rc != NET_OK) {
@@ -129,7 +137,8 @@ struct AddrInfoFree {
 };
 using AddrInfoPtr = std::unique_ptr<addrinfo, AddrInfoFree>;
 
-int lookup(const char* host, const char* service, int flags, AddrInfoPtr& out) {
+int lookup(const char* host, const char* service, int flags, AddrInfoPtr& out,
+           std::string& reason) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -138,7 +147,9 @@ int lookup(const char* host, const char* service, int flags, AddrInfoPtr& out) {
     const int g = getaddrinfo(host, service, &hints, &list);
     out.reset(list);
     if (g == 0) return NET_OK;
-    return g == EAI_SYSTEM ? rcFromErrno(errno) : NET_ERR_RESOLVE;
+    if (g == EAI_SYSTEM) return failed(errno, reason);
+    reason = gai_strerror(g);
+    return NET_ERR_RESOLVE;
 }
 
 // A name lookup that outlives the caller's wait: the helper thread and the
@@ -149,29 +160,34 @@ struct PendingLookup {
     std::condition_variable finished;
     bool done = false;
     int rc = NET_ERR_RESOLVE;
+    std::string reason;
     AddrInfoPtr list;
 };
 
 // getaddrinfo itself cannot be interrupted, so a bounded lookup runs on a
 // helper thread and is abandoned (left to finish on its own) at the deadline.
 // Address literals need no lookup and are converted at once.
-int resolve(const char* host, const char* service, const NetDeadline& deadline, AddrInfoPtr& out) {
-    if (lookup(host, service, AI_NUMERICHOST, out) == NET_OK) return NET_OK;
-    if (deadline.remainingMs() < 0) return lookup(host, service, 0, out);
+int resolve(const char* host, const char* service, const NetDeadline& deadline, AddrInfoPtr& out,
+            std::string& reason) {
+    if (lookup(host, service, AI_NUMERICHOST, out, reason) == NET_OK) return NET_OK;
+    if (deadline.remainingMs() < 0) return lookup(host, service, 0, out, reason);
     auto job = std::make_shared<PendingLookup>();
     job->host = host;
     job->service = service;
     try {
         std::thread([job] {
             AddrInfoPtr list;
-            const int rc = lookup(job->host.c_str(), job->service.c_str(), 0, list);
+            std::string why;
+            const int rc = lookup(job->host.c_str(), job->service.c_str(), 0, list, why);
             const std::lock_guard<std::mutex> hold(job->lock);
             job->rc = rc;
+            job->reason = std::move(why);
             job->list = std::move(list);
             job->done = true;
             job->finished.notify_one();
         }).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::system_error& e) {
+        reason = e.what();
         return NET_ERR_IO;
     }
     std::unique_lock<std::mutex> hold(job->lock);
@@ -179,6 +195,7 @@ int resolve(const char* host, const char* service, const NetDeadline& deadline, 
                                 [&] { return job->done; }))
         return NET_ERR_TIMEOUT;
     out = std::move(job->list);
+    reason = job->reason;
     return job->rc;
 }
 
@@ -196,23 +213,55 @@ int NetDeadline::remainingMs() const {
     return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
 }
 
-int netOpen(const char* host, const char* service, int timeoutMs, int* handle) {
+int netOpen(const char* host, const char* service, int timeoutMs, int* handle, Status* status) {
     if (handle == nullptr) return NET_ERR_INVALID;
     *handle = -1;
     if (host == nullptr || *host == '\0' || service == nullptr || *service == '\0')
         return NET_ERR_INVALID;
     const NetDeadline deadline(timeoutMs);
     AddrInfoPtr list;
-    if (const int rc = resolve(host, service, deadline, list); rc != NET_OK) return rc;
-    int rc = NET_ERR_RESOLVE;
-    for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
-        rc = connectOne(*ai, deadline, handle);
-        if (rc == NET_OK || rc == NET_ERR_TIMEOUT) break;
+    std::string reason;
+    int rc = resolve(host, service, deadline, list, reason);
+    Status failure =
+        Status::failed(rc, Status::Step::Resolve, "Could not resolve host", host, reason);
+    if (rc == NET_OK) {
+        failure = Status::failed(NET_ERR_RESOLVE, Status::Step::Connect, "Could not connect to",
+                                 hostPort(host, service, " port "), "no address to connect to");
+        for (const addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
+            failure.code = rc = connectOne(*ai, deadline, handle, failure.reason);
+            if (rc == NET_OK || rc == NET_ERR_TIMEOUT) break;
+        }
     }
+    if (rc == NET_ERR_TIMEOUT) {
+        failure.what =
+            "Timed out after " + secondsText(timeoutMs) +
+            (failure.step == Status::Step::Resolve ? " resolving host" : " connecting to");
+        failure.reason.clear();
+    }
+    if (rc != NET_OK && status != nullptr) *status = std::move(failure);
     return rc;
 }
 
-int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written) {
+int ioFailure(Status* status, int rc, int timeoutMs, std::string reason) {
+    if (status == nullptr) return rc;
+    status->code = rc;
+    if (rc == NET_ERR_TIMEOUT)
+        status->reason = "timed out after " + secondsText(timeoutMs);
+    else if (reason.empty())
+        status->reason = "the connection was closed";
+    else
+        status->reason = std::move(reason);
+    return rc;
+}
+
+namespace {
+int ioFailed(Status* status, int rc, int timeoutMs, int err) {
+    return ioFailure(status, rc, timeoutMs, err == 0 ? std::string() : std::strerror(err));
+}
+}  // namespace
+
+int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written,
+             Status* status) {
     size_t done = 0;
     int rc = NET_OK;
     const NetDeadline deadline(timeoutMs);
@@ -230,10 +279,10 @@ int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* w
         }
     }
     if (written != nullptr) *written = done;
-    return rc;
+    return rc == NET_OK ? rc : ioFailed(status, rc, timeoutMs, errno);
 }
 
-int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got) {
+int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got, Status* status) {
     if (got != nullptr) *got = 0;
     if (size == 0) return NET_OK;
     const NetDeadline deadline(timeoutMs);
@@ -243,11 +292,12 @@ int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got) {
             if (got != nullptr) *got = static_cast<size_t>(n);
             return NET_OK;
         }
-        if (n == 0) return NET_ERR_CLOSED;
+        if (n == 0) return ioFailed(status, NET_ERR_CLOSED, timeoutMs, 0);
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (const int rc = waitFor(handle, POLLIN, deadline); rc != NET_OK) return rc;
+            if (const int rc = waitFor(handle, POLLIN, deadline); rc != NET_OK)
+                return ioFailed(status, rc, timeoutMs, errno);
         } else if (errno != EINTR) {
-            return rcFromErrno(errno);
+            return ioFailed(status, rcFromErrno(errno), timeoutMs, errno);
         }
     }
 }

@@ -12,27 +12,44 @@
 
 #include "runtime/NetRc.h"
 
+namespace kivreg {
+struct Status;
+}
+
 namespace kivreg::rt {
+
+// Each failure also fills the Status when one is given: open says what failed
+// and where (resolve or connect, host and port) and why in the system's words;
+// read and write give the code and the reason only, as they do not know the
+// peer.
 
 // Resolves host (IPv4 and IPv6) and connects to each address in turn until one
 // answers; the whole attempt, name lookup included, is bounded by timeoutMs. On success *handle
 // holds the socket, otherwise -1.
-int netOpen(const char* host, const char* service, int timeoutMs, int* handle);
+int netOpen(const char* host, const char* service, int timeoutMs, int* handle,
+            Status* status = nullptr);
 
 // Both take an open socket and a buffer of `size` bytes.
 // Writes all `size` bytes unless time runs out or the connection fails;
 // *written holds what went out either way.
-int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written);
+int netWrite(int handle, const void* data, size_t size, int timeoutMs, size_t* written,
+             Status* status = nullptr);
 
 // Reads what is available, up to `size` bytes, waiting at most timeoutMs for
 // the first byte. An orderly close by the peer is NET_ERR_CLOSED with 0 bytes.
-int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got);
+int netRead(int handle, void* data, size_t size, int timeoutMs, size_t* got,
+            Status* status = nullptr);
 
 // Waits until the socket is readable (forWrite false) or writable; used by the
 // TLS layer when a record needs more bytes. NET_ERR_TIMEOUT when time runs out.
 int netWait(int handle, bool forWrite, int timeoutMs);
 
 int netClose(int handle);
+
+// Fills the Status (when given) with a failed read's or write's code and
+// reason: the timeout for NET_ERR_TIMEOUT, else `reason`, or that the
+// connection was closed when it is empty. Returns rc.
+int ioFailure(Status* status, int rc, int timeoutMs, std::string reason);
 
 // The local host name.
 int netMyHostName(std::string& name);

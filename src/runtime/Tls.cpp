@@ -4,14 +4,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
 #include "runtime/NetSocket.h"
+#include "support/Status.h"
 
 namespace kivreg::rt {
 
@@ -138,26 +139,94 @@ bool readable(const std::string& path) {
     return access(path.c_str(), R_OK) == 0;
 }
 
-int loadSecudirFiles(SSL_CTX* ctx, std::string& reason) {
-    const char* dir = std::getenv("SECUDIR");
-    if (dir == nullptr || *dir == '\0') return NET_OK;
-    std::string base(dir);
-    if (base.back() != '/') base += '/';
+int tlsFailure(Status& status, int code, std::string what, std::string context,
+               std::string reason) {
+    status = Status::failed(code, Status::Step::Tls, std::move(what), std::move(context),
+                            std::move(reason));
+    return code;
+}
+
+int loadCredentialFiles(SSL_CTX* ctx, const std::string& dir, Status& status) {
+    if (dir.empty()) return NET_OK;
+    const std::string base = dir.back() == '/' ? dir : dir + '/';
 
     const std::string trust = base + TLS_TRUST_FILE;
-    if (readable(trust) && SSL_CTX_load_verify_locations(ctx, trust.c_str(), nullptr) != 1) {
-        reason = takeErrors("cannot load trusted certificates from " + trust + ": ");
-        return NET_ERR_TLS;
-    }
+    if (readable(trust) && SSL_CTX_load_verify_locations(ctx, trust.c_str(), nullptr) != 1)
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot load trusted certificates from", trust,
+                          takeErrors());
     const std::string client = base + TLS_CLIENT_FILE;
     if (readable(client) &&
         (SSL_CTX_use_certificate_chain_file(ctx, client.c_str()) != 1 ||
          SSL_CTX_use_PrivateKey_file(ctx, client.c_str(), SSL_FILETYPE_PEM) != 1 ||
-         SSL_CTX_check_private_key(ctx) != 1)) {
-        reason = takeErrors("cannot load client certificate and key from " + client + ": ");
-        return NET_ERR_TLS;
-    }
+         SSL_CTX_check_private_key(ctx) != 1))
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot load client certificate and key from",
+                          client, takeErrors());
     return NET_OK;
+}
+
+std::string printed(const std::function<int(BIO*)>& print) {
+    BIO* bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) return {};
+    std::string text;
+    if (print(bio) > 0) {
+        char* data = nullptr;
+        const long n = BIO_get_mem_data(bio, &data);
+        if (n > 0) text.assign(data, static_cast<size_t>(n));
+    }
+    BIO_free(bio);
+    return text;
+}
+
+std::string nameText(const X509_NAME* name) {
+    return printed([name](BIO* b) { return X509_NAME_print_ex(b, name, 0, XN_FLAG_RFC2253); });
+}
+
+std::string timeText(const ASN1_TIME* t) {
+    return printed([t](BIO* b) { return ASN1_TIME_print(b, t); });
+}
+
+// The DNS names and addresses the certificate is for, else its subject.
+std::string certifiedNames(X509* cert) {
+    std::string names;
+    auto* list =
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
+    for (int i = 0; i < sk_GENERAL_NAME_num(list); ++i) {
+        const GENERAL_NAME* n = sk_GENERAL_NAME_value(list, i);
+        std::string one;
+        if (n->type == GEN_DNS) {
+            one.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(n->d.dNSName)),
+                       static_cast<size_t>(ASN1_STRING_length(n->d.dNSName)));
+        } else if (n->type == GEN_IPADD) {
+            const int len = ASN1_STRING_length(n->d.iPAddress);
+            char text[INET6_ADDRSTRLEN] = {};
+            if (inet_ntop(len == 4 ? AF_INET : AF_INET6, ASN1_STRING_get0_data(n->d.iPAddress),
+                          text, sizeof text) != nullptr &&
+                (len == 4 || len == 16))
+                one = text;
+        }
+        if (!one.empty()) names += (names.empty() ? "" : ", ") + one;
+    }
+    GENERAL_NAMES_free(list);
+    return names.empty() ? nameText(X509_get_subject_name(cert)) : names;
+}
+
+// A verify failure in OpenSSL's words, with the certificate the server showed.
+int verifyFailure(SSL* ssl, long verify, const std::string& host, Status& status) {
+    STACK_OF(X509)* chain = SSL_get_peer_cert_chain(ssl);
+    X509* cert = sk_X509_num(chain) > 0 ? sk_X509_value(chain, 0) : nullptr;
+    ERR_clear_error();
+    if (cert != nullptr &&
+        (verify == X509_V_ERR_HOSTNAME_MISMATCH || verify == X509_V_ERR_IP_ADDRESS_MISMATCH))
+        return tlsFailure(status, NET_ERR_TLS_VERIFY, "TLS: host name mismatch for", host,
+                          "the certificate is for " + certifiedNames(cert));
+    std::string reason = X509_verify_cert_error_string(verify);
+    if (cert != nullptr)
+        reason += " (subject " + nameText(X509_get_subject_name(cert)) + ", issuer " +
+                  nameText(X509_get_issuer_name(cert)) + ", valid from " +
+                  timeText(X509_get0_notBefore(cert)) + " until " +
+                  timeText(X509_get0_notAfter(cert)) + ")";
+    return tlsFailure(status, NET_ERR_TLS_VERIFY, "TLS: certificate verify failed for", host,
+                      std::move(reason));
 }
 
 // Maps a failed SSL call to a code, waiting when OpenSSL only needs the socket
@@ -189,29 +258,26 @@ int settle(TlsSession& s, int ret, const NetDeadline& deadline) {
 
 }  // namespace
 
-int tlsInit(TlsContextPtr& out, std::string& reason) {
+int tlsInit(TlsContextPtr& out, const std::string& credentialDir, Status& status) {
     out.reset();
     ERR_clear_error();
-    if (OPENSSL_init_ssl(0, nullptr) != 1 || socketMethod() == nullptr) {
-        reason = takeErrors("cannot initialise OpenSSL: ");
-        return NET_ERR_TLS;
-    }
+    if (OPENSSL_init_ssl(0, nullptr) != 1 || socketMethod() == nullptr)
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot initialise OpenSSL", {}, takeErrors());
     TlsContextPtr ctx(new TlsContext);
     ctx->ctx = SSL_CTX_new(TLS_client_method());
     if (ctx->ctx == nullptr || SSL_CTX_set_min_proto_version(ctx->ctx, TLS1_2_VERSION) != 1 ||
-        SSL_CTX_set_default_verify_paths(ctx->ctx) != 1) {
-        reason = takeErrors("cannot set up TLS client: ");
-        return NET_ERR_TLS;
-    }
+        SSL_CTX_set_default_verify_paths(ctx->ctx) != 1)
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot set up the client", {}, takeErrors());
     SSL_CTX_set_verify(ctx->ctx, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_mode(ctx->ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    if (const int rc = loadSecudirFiles(ctx->ctx, reason); rc != NET_OK) return rc;
+    if (const int rc = loadCredentialFiles(ctx->ctx, credentialDir, status); rc != NET_OK)
+        return rc;
     out = std::move(ctx);
     return NET_OK;
 }
 
 int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int timeoutMs,
-                    TlsSessionPtr& out, std::string& reason, std::string early) {
+                    TlsSessionPtr& out, Status& status, std::string early) {
     out.reset();
     if (handle < 0 || host.empty()) return NET_ERR_INVALID;
     ERR_clear_error();
@@ -220,10 +286,9 @@ int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int ti
     s->transport.early = std::move(early);
     s->ssl = SSL_new(ctx.ctx);
     BIO* bio = s->ssl != nullptr ? BIO_new(socketMethod()) : nullptr;
-    if (bio == nullptr) {
-        reason = takeErrors("cannot create TLS session: ");
-        return NET_ERR_TLS;
-    }
+    if (bio == nullptr)
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot create a session for", host,
+                          takeErrors());
     BIO_set_data(bio, &s->transport);
     SSL_set_bio(s->ssl, bio, bio);
 
@@ -237,32 +302,32 @@ int tlsSessionStart(TlsContext& ctx, int handle, const std::string& host, int ti
         targetSet = SSL_set_tlsext_host_name(s->ssl, host.c_str()) == 1 &&
                     SSL_set1_host(s->ssl, host.c_str()) == 1;
     }
-    if (!targetSet) {
-        reason = takeErrors("cannot set the expected server name " + host + ": ");
-        return NET_ERR_TLS;
-    }
+    if (!targetSet)
+        return tlsFailure(status, NET_ERR_TLS, "TLS: cannot expect the server name", host,
+                          takeErrors());
 
     const NetDeadline deadline(timeoutMs);
     for (;;) {
         const int ret = SSL_connect(s->ssl);
         if (ret == 1) break;
         const long verify = SSL_get_verify_result(s->ssl);
-        if (verify != X509_V_OK) {
-            reason = takeErrors(std::string("certificate verify failed: ") +
-                                X509_verify_cert_error_string(verify));
-            return NET_ERR_TLS_VERIFY;
-        }
-        if (const int rc = settle(*s, ret, deadline); rc != NET_OK) {
-            reason = "TLS handshake failed: " +
-                     (rc == NET_ERR_TIMEOUT ? std::string("timed out") : s->lastReason);
-            return rc;
+        if (verify != X509_V_OK) return verifyFailure(s->ssl, verify, host, status);
+        if (const int rc = settle(*s, ret, deadline); rc == NET_ERR_TIMEOUT) {
+            return tlsFailure(
+                status, rc,
+                "Timed out after " + secondsText(timeoutMs) + " in the TLS handshake with", host,
+                {});
+        } else if (rc != NET_OK) {
+            return tlsFailure(status, rc, "TLS handshake failed with", host,
+                              s->lastReason.empty() ? "the connection was closed" : s->lastReason);
         }
     }
     out = std::move(s);
     return NET_OK;
 }
 
-int tlsWrite(TlsSession& s, const void* data, size_t size, int timeoutMs, size_t* written) {
+int tlsWrite(TlsSession& s, const void* data, size_t size, int timeoutMs, size_t* written,
+             Status* status) {
     s.lastReason.clear();
     size_t done = 0;
     int rc = NET_OK;
@@ -278,10 +343,10 @@ int tlsWrite(TlsSession& s, const void* data, size_t size, int timeoutMs, size_t
             rc = settle(s, ret, deadline);
     }
     if (written != nullptr) *written = done;
-    return rc;
+    return rc == NET_OK ? rc : ioFailure(status, rc, timeoutMs, s.lastReason);
 }
 
-int tlsRead(TlsSession& s, void* data, size_t size, int timeoutMs, size_t* got) {
+int tlsRead(TlsSession& s, void* data, size_t size, int timeoutMs, size_t* got, Status* status) {
     s.lastReason.clear();
     if (got != nullptr) *got = 0;
     if (size == 0) return NET_OK;
@@ -294,7 +359,8 @@ int tlsRead(TlsSession& s, void* data, size_t size, int timeoutMs, size_t* got) 
             if (got != nullptr) *got = n;
             return NET_OK;
         }
-        if (const int rc = settle(s, ret, deadline); rc != NET_OK) return rc;
+        if (const int rc = settle(s, ret, deadline); rc != NET_OK)
+            return ioFailure(status, rc, timeoutMs, s.lastReason);
     }
 }
 

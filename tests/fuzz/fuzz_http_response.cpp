@@ -19,17 +19,12 @@ namespace {
 class MemoryConnection final : public test::InertConnection {
 public:
     MemoryConnection(std::string_view bytes, size_t piece) : m_bytes(bytes), m_piece(piece) {}
-    int read(void* data, int size, int* rc) override {
-        const size_t n = std::min({m_bytes.size(), m_piece, static_cast<size_t>(size)});
+    size_t read(void* data, size_t size, int* rc) override {
+        const size_t n = std::min({m_bytes.size(), m_piece, size});
         std::memcpy(data, m_bytes.data(), n);
         m_bytes.remove_prefix(n);
         *rc = n == 0 ? rt::NET_ERR_CLOSED : rt::NET_OK;
-        return static_cast<int>(n);
-    }
-    int skip(int size) override {
-        const size_t n = std::min(m_bytes.size(), static_cast<size_t>(size));
-        m_bytes.remove_prefix(n);
-        return static_cast<int>(n);
+        return n;
     }
 
 private:

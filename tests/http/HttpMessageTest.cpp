@@ -30,8 +30,8 @@ public:
         tunnel = u8(to) + ":" + u8(toPort) + " " + std::string(credentials);
         return open(h, s, true);
     }
-    int write(const void* data, int size, int* rc) override {
-        wire.append(static_cast<const char*>(data), static_cast<size_t>(size));
+    size_t write(const void* data, size_t size, int* rc) override {
+        wire.append(static_cast<const char*>(data), size);
         return *rc = NET_OK, size;
     }
     std::u16string host, service;
@@ -89,7 +89,7 @@ TEST(HttpRequest, ConnectsToHostOrProxyAndWritesTheRequest) {
             " HTTP/1.1\r\nHost: h\r\nConnection: Close\r\nX-Name: M?ller ?\r\n" +
             (c.proxyUser && !c.secure ? "Proxy-Authorization: Basic cHU6cHA=\r\n" : "") +
             "Authorization: Basic dTpw\r\nContent-Length: 5\r\n\r\nhello";
-        EXPECT_EQ(f.req->sendMessage(&f.rc), static_cast<int>(wire.size())) << c.url;
+        EXPECT_EQ(f.req->sendMessage(&f.rc), wire.size()) << c.url;
         EXPECT_EQ(f.rc, 0);
         EXPECT_EQ(f.conn.wire, wire) << c.url;
     }
@@ -132,8 +132,8 @@ Answer readAnswer(const std::string& script, int readBufferSize) {
     Answer a;
     a.skipped = r.readHeaderSkip100(&a.headerRc);
     // Up to the first failure: a later call would report the finished body.
-    for (int n = 1; n >= 1 && a.bodyRc == 0;)
-        if ((n = r.readBody(&a.bodyRc)) >= 1) a.body += r.getBody();
+    for (size_t n = 1; n > 0 && a.bodyRc == 0;)
+        if ((n = r.readBody(&a.bodyRc)) > 0) a.body += r.getBody();
     if (r.isChunked() && a.bodyRc >= 0) r.readFooter(&a.bodyRc);  // a trailer may set the status
     if (IHttpStatus* status = r.getIHttpStatus()) a.code = status->getCode();
     return a;
@@ -153,6 +153,8 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         fullHead + std::string(IHttpResponse::MAX_HEADER - fullHead.size() - 4, 'a') + "\r\n\r\n";
     std::string small, smallBody;  // more chunks than one read holds, lines cut by reads
     for (int i = 0; i < 20000; ++i) small += "3\r\nabc\r\n", smallBody += "abc";
+    std::string trailerLines;
+    for (int i = 0; i < 1000; ++i) trailerLines += "X: y\n";
     const struct {
         const char* name;
         std::string script;
@@ -201,11 +203,23 @@ TEST_P(HttpResponseAnswers, AreReadAsScripted) {
         {"chunk above the cap", chunked + "4000001\r\nabc", {0, 0, 200, "", NET_ERR_LIMIT}},
         {"chunks above the cap together", chunked + "3000000\r\n" + big + "\r\n1000001\r\n",
          {0, 0, 200, big, NET_ERR_LIMIT}},
-        {"chunks at the cap together, cut short",
-         chunked + "3000000\r\n" + big + "\r\n1000000\r\nabc",
+        // Size lines and line ends count too: 9 + 0x3000000 + 2 + 8 + 0xffffeb + 2 is the cap.
+        {"chunks and their lines at the cap, cut short",
+         chunked + "3000000\r\n" + big + "\r\nffffeb\r\nabc",
          {0, 0, 200, big + "abc", NET_ERR_CLOSED}},
+        {"chunks and their lines a byte above the cap",
+         chunked + "3000000\r\n" + big + "\r\nffffec\r\nabc", {0, 0, 200, big, NET_ERR_LIMIT}},
         {"chunk without its line end", chunked + "3\r\nabcX\r\n0\r\n\r\n",
          {0, 0, 200, "abc", NET_ERR_PROTOCOL}},
+        // The first line leaves room for one of 9 bytes and its LF, and no more.
+        {"trailer of bare-LF lines past the cap",
+         chunked + "2\r\nok\r\n0\r\n" + std::string(IHttpResponse::MAX_HEADER - 12, 't') +
+             "\nX-Nine: 9\n" + trailerLines,
+         {0, 0, 200, "ok", NET_ERR_LIMIT}},
+        {"trailer of CR LF lines at the cap",
+         chunked + "2\r\nok\r\n0\r\n" + std::string(IHttpResponse::MAX_HEADER - 4, 't') +
+             "\r\n\r\n",
+         {0, 0, 200, "ok"}},
         {"endless interim answers", manyInterim + ok + "\r\n",
          {IHttpResponse::MAX_INTERIM, NET_ERR_PROTOCOL}},
         // clang-format on

@@ -1,5 +1,6 @@
 #include "TestServer.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
@@ -28,7 +29,7 @@ bool Peer::readSome(std::string& into, int timeoutMs) {
     return true;
 }
 
-std::string Peer::readRequest() {
+std::string Peer::readRequest(size_t bodyBytes) {
     std::string got;
     size_t end;
     while ((end = got.find("\r\n\r\n")) == std::string::npos)
@@ -36,8 +37,9 @@ std::string Peer::readRequest() {
     std::string lower = got.substr(0, end);
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     const size_t at = lower.find("\r\ncontent-length:");
-    const size_t length =
-        at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10);
+    const size_t length = std::min<size_t>(
+        bodyBytes,
+        at == std::string::npos ? 0 : std::strtoul(lower.c_str() + at + 17, nullptr, 10));
     while (got.size() < end + 4 + length && readSome(got, kServerWaitMs)) {
     }
     return got;

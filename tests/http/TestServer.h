@@ -3,6 +3,7 @@
 // connection (plain or TLS), runs a scripted handler on it and records every
 // byte the handler read. Every wait is bounded; the destructor joins.
 
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -26,8 +27,9 @@ class TestServer;
 // The server side of the accepted connection.
 class Peer {
 public:
-    // The header and as many body bytes as its Content-Length says (less when the client stops).
-    std::string readRequest();
+    // The header and as many body bytes as its Content-Length says (less when the client
+    // stops), or at most `bodyBytes` of them.
+    std::string readRequest(size_t bodyBytes = SIZE_MAX);
     bool send(std::string_view bytes);  // false when the client has gone
     void abort();                       // closes with a reset instead of an orderly close
 

@@ -4,6 +4,7 @@
 
 #include "support/CCConv.h"
 #include "support/CLog.h"
+#include "support/Status.h"
 #include "testutil/TestUtil.h"
 
 namespace kivreg::test {
@@ -178,6 +179,13 @@ TEST(CLog, TextIsWrittenAsUtf8AndUnpairedSurrogatesDoNotStopTheEntry) {
               std::vector<std::string>{"Gr\xC3\xBC\xC3\x9F"
                                        "e \xE6\xBC\xA2 \xF0\x9F\x98\x80 \xEF\xBF\xBD|utf8 \xC3\xA9|"
                                        "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"});
+}
+
+// What the end-to-end failures do not reach: a cut inside a character, sizes beyond MiB.
+TEST(Status, LinePartsAtTheirEdges) {
+    EXPECT_EQ(oneLine("ab\xC3\xA4", 3), "ab...");
+    EXPECT_EQ(oneLine("a\x7f\xC3\xA4", 4), "a\\x7f\xC3\xA4");
+    EXPECT_EQ(bytesText(size_t{5} << 30), "5.0 GiB");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "http/IIPConnection.h"
 #include "runtime/NetRc.h"
+#include "support/Status.h"
 
 namespace kivreg::test {
 
@@ -17,10 +18,11 @@ public:
                    std::string_view) override {
         return rt::NET_OK;
     }
-    const std::string& getTunnelRefusal() const override { return m_refusal; }
-    int write(const void*, int size, int* rc) override { return *rc = rt::NET_OK, size; }
-    int read(void*, int, int* rc) override { return *rc = rt::NET_ERR_CLOSED, 0; }
-    int skip(int) override { return 0; }
+    const Status& status() const override { return m_status; }
+    const std::string& peer() const override { return m_peer; }
+    void setCredentialDir(std::string) override {}
+    size_t write(const void*, size_t size, int* rc) override { return *rc = rt::NET_OK, size; }
+    size_t read(void*, size_t, int* rc) override { return *rc = rt::NET_ERR_CLOSED, 0; }
     int close() override { return 0; }
     int setTimeOutConn(int) override { return 0; }
     int setTimeOutSend(int) override { return 0; }
@@ -30,7 +32,8 @@ public:
     int getTimeOutRead() const override { return -1; }
 
 protected:
-    std::string m_refusal;
+    Status m_status;
+    std::string m_peer = "memory";
 };
 
 }  // namespace kivreg::test
