@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
+#include <optional>
 
+#include "api/Vocabulary.h"
 #include "runtime/FileIo.h"
 #include "support/CLog.h"
 
@@ -40,9 +42,9 @@ std::string escaped(std::string_view text) {
 std::string unescaped(std::string_view text) {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
-        unsigned int c = 0;
+        unsigned char c = 0;
         if (text[i] == '%' && i + 2 < text.size() &&
-            std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &c) == 1) {
+            std::from_chars(&text[i + 1], &text[i + 3], c, 16).ptr == &text[i + 3]) {
             out += static_cast<char>(c);
             i += 2;
         } else {
@@ -66,27 +68,66 @@ std::string header(const SpoolEntry& e, uint64_t bodyBytes) {
     return h;
 }
 
-// The header of an entry file; false for anything that is not one. `in` is
-// left at the body, and *bodyBytes holds the length the header announces.
-bool readHeader(std::istream& in, SpoolEntry& e, uint64_t& bodyBytes) {
-    std::string line;
-    if (!std::getline(in, line) || line != kMagic) return false;
-    int fields = 0;
-    while (std::getline(in, line) && !line.empty()) {
+constexpr const char* kFields[] = {"scheme",    "host", "port",          "path",
+                                   "format",    "time", "supplier-name", "supplier-vendor",
+                                   "body-bytes"};
+// Past this a header is taken for something else: names are far shorter.
+constexpr size_t kMaxHeader = 1 << 20;
+// No spool can hold a larger body (its largest limit).
+constexpr uint64_t kMaxBodyBytes = uint64_t{SPOOL_MAX_MB_LIMIT} << 20;
+
+// A decimal number of at most `max`, else nothing.
+std::optional<uint64_t> decimal(std::string_view text, uint64_t max, std::string& why,
+                                std::string_view name) {
+    uint64_t n = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
+    if (text.empty() || text[0] == '+' || end != text.data() + text.size() ||
+        (ec != std::errc() && ec != std::errc::result_out_of_range)) {
+        why = "number malformed: " + std::string(name);
+        return std::nullopt;
+    }
+    if (ec == std::errc::result_out_of_range || n > max) {
+        why = "number out of range: " + std::string(name);
+        return std::nullopt;
+    }
+    return n;
+}
+
+// The header (its lines up to and without the blank one) into e and
+// bodyBytes; why it is not an entry's header otherwise.
+std::string parseHeader(std::string_view head, SpoolEntry& e, uint64_t& bodyBytes) {
+    const size_t firstEnd = head.find('\n');
+    const std::string_view first = head.substr(0, firstEnd);
+    if (first != kMagic)
+        return first.starts_with("kivreg-spool ") ? "unknown format" : "not a spool entry";
+    head.remove_prefix(firstEnd == std::string_view::npos ? head.size() : firstEnd + 1);
+    unsigned seen = 0;
+    std::string why;
+    while (!head.empty()) {
+        const size_t end = std::min(head.find('\n'), head.size());
+        const std::string_view line = head.substr(0, end);
+        head.remove_prefix(std::min(end + 1, head.size()));
         const size_t colon = line.find(": ");
-        if (colon == std::string::npos) return false;
-        const std::string name = line.substr(0, colon);
-        const std::string value = unescaped(std::string_view(line).substr(colon + 2));
-        ++fields;
+        if (colon == std::string_view::npos) return "header line malformed";
+        const std::string_view name = line.substr(0, colon);
+        const auto field = std::find(std::begin(kFields), std::end(kFields), name);
+        if (field == std::end(kFields)) continue;  // a later version's, harmless here
+        const unsigned bit = 1u << (field - std::begin(kFields));
+        if ((seen & bit) != 0) return "header line repeated: " + std::string(name);
+        seen |= bit;
+        const std::string value = unescaped(line.substr(colon + 2));
         if (name == "scheme") {
+            if (value != "http" && value != "https") return "header line malformed: scheme";
             e.destination.https = value == "https";
         } else if (name == "host") {
             e.destination.host = value;
         } else if (name == "port") {
+            if (!decimal(value, 65536, why, name)) return why;
             e.destination.port = value;
         } else if (name == "path") {
             e.destination.path = value;
         } else if (name == "format") {
+            if (value != "old" && value != "current") return "unknown format";
             e.oldFormat = value == "old";
         } else if (name == "time") {
             e.time = value;
@@ -94,13 +135,30 @@ bool readHeader(std::istream& in, SpoolEntry& e, uint64_t& bodyBytes) {
             e.supplierName = value;
         } else if (name == "supplier-vendor") {
             e.supplierVendor = value;
-        } else if (name == "body-bytes") {
-            bodyBytes = std::strtoull(value.c_str(), nullptr, 10);
+        } else if (const auto n = decimal(value, kMaxBodyBytes, why, name)) {
+            bodyBytes = *n;
         } else {
-            --fields;
+            return why;
         }
     }
-    return in.good() && fields == 9;
+    for (size_t i = 0; i < std::size(kFields); ++i)
+        if ((seen & (1u << i)) == 0) return "header line missing: " + std::string(kFields[i]);
+    return "";
+}
+
+// Reads at `offset` until `buffer` is full or the file ends; false on a read error.
+bool readAt(int fd, uint64_t offset, std::string& buffer) {
+    size_t got = 0;
+    while (got < buffer.size()) {
+        const ssize_t n =
+            ::pread(fd, buffer.data() + got, buffer.size() - got, static_cast<off_t>(offset + got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    buffer.resize(got);
+    return true;
 }
 
 std::string now() {
@@ -149,6 +207,48 @@ std::vector<std::string> names(const std::string& dir) {
 
 }  // namespace
 
+std::string readEntry(const std::string& file, SpoolEntry& entry, std::string* body) {
+    entry.file = file;
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    if (fd < 0 || ::fstat(fd, &st) != 0) {
+        const std::string why = std::strerror(errno);
+        if (fd >= 0) ::close(fd);
+        return why;
+    }
+    entry.fileSize = static_cast<uint64_t>(st.st_size);
+    std::string why;
+    // The header in growing pieces: most are a few hundred bytes.
+    std::string head;
+    size_t end = std::string::npos;
+    for (size_t want = 4096; end == std::string::npos; want *= 4) {
+        head.resize(std::min<uint64_t>(want, std::min<uint64_t>(kMaxHeader, entry.fileSize)));
+        if (!readAt(fd, 0, head)) {
+            why = std::strerror(errno);
+            break;
+        }
+        end = head.find("\n\n");
+        if (end == std::string::npos && (head.size() == kMaxHeader || head.size() < want)) {
+            why = head.starts_with(kMagic) ? "header not ended" : "not a spool entry";
+            break;
+        }
+    }
+    uint64_t bodyBytes = 0;
+    if (why.empty()) why = parseHeader(std::string_view(head).substr(0, end), entry, bodyBytes);
+    const uint64_t headBytes = end + 2;
+    if (why.empty() && entry.fileSize < headBytes + bodyBytes) why = "body shorter than announced";
+    if (why.empty() && entry.fileSize > headBytes + bodyBytes) why = "body longer than announced";
+    if (why.empty() && body != nullptr) {
+        body->resize(bodyBytes);
+        if (!readAt(fd, headBytes, *body))
+            why = std::strerror(errno);
+        else if (body->size() != bodyBytes)
+            why = "body shorter than announced";
+    }
+    ::close(fd);
+    return why;
+}
+
 std::string Destination::url() const {
     const bool ipv6 = host.find(':') != std::string::npos;
     return (https ? "https://" : "http://") + (ipv6 ? "[" + host + "]" : host) + ":" + port + path;
@@ -182,16 +282,10 @@ std::vector<SpoolEntry> Spool::entries() {
     for (const std::string& name : names(m_dir)) {
         if (!isEntryName(name)) continue;
         SpoolEntry e;
-        e.file = m_dir + "/" + name;
-        std::ifstream in(e.file, std::ios::binary);
-        uint64_t bodyBytes = 0;
-        if (!readHeader(in, e, bodyBytes)) {
-            m_log << timestamp << u"Spool entry unreadable, left alone: " << e.file.c_str()
-                  << endlog;
+        if (const std::string why = readEntry(m_dir + "/" + name, e); !why.empty()) {
+            damaged(e.file, why);
             continue;
         }
-        struct stat st {};
-        if (::stat(e.file.c_str(), &st) == 0) e.fileSize = static_cast<uint64_t>(st.st_size);
         out.push_back(std::move(e));
     }
     std::sort(out.begin(), out.end(), [](const SpoolEntry& a, const SpoolEntry& b) {
@@ -267,15 +361,10 @@ std::vector<SpoolEntry> Spool::pending(const Destination& destination) {
 }
 
 bool Spool::readBody(const SpoolEntry& entry, std::string& body) {
-    std::ifstream in(entry.file, std::ios::binary);
     SpoolEntry e;
-    uint64_t bodyBytes = 0;
-    if (readHeader(in, e, bodyBytes)) {
-        body.resize(bodyBytes);
-        in.read(body.data(), static_cast<std::streamsize>(bodyBytes));
-        if (in.gcount() == static_cast<std::streamsize>(bodyBytes) && in.peek() == EOF) return true;
-    }
-    m_log << timestamp << u"Spool entry unreadable, left alone: " << entry.file.c_str() << endlog;
+    const std::string why = readEntry(entry.file, e, &body);
+    if (why.empty()) return true;
+    damaged(entry.file, why);
     return false;
 }
 
@@ -285,17 +374,28 @@ void Spool::delivered(const SpoolEntry& entry) {
 }
 
 void Spool::rejected(const SpoolEntry& entry, int status) {
-    const std::string dir = m_dir + "/rejected";
-    const std::string target = dir + entry.file.substr(entry.file.rfind('/'));
+    if (const std::string target = moveAside(entry.file, "rejected"); !target.empty())
+        m_log << timestamp << u"Spooled registration rejected (HTTP status " << status
+              << u"): moved to " << target.c_str() << endlog;
+}
+
+void Spool::damaged(const std::string& file, const std::string& why) {
+    if (const std::string target = moveAside(file, "damaged"); !target.empty())
+        m_log << timestamp << u"Spooled registration damaged (" << why.c_str() << u"): moved to "
+              << target.c_str() << endlog;
+}
+
+std::string Spool::moveAside(const std::string& file, const char* folder) {
+    const std::string dir = m_dir + "/" + folder;
+    const std::string target = dir + file.substr(file.rfind('/'));
     if (::mkdir(dir.c_str(), 0700) == 0) rt::syncDirectoryOf(dir);
-    if (::rename(entry.file.c_str(), target.c_str()) != 0 || !rt::syncDirectoryOf(target) ||
-        !rt::syncDirectoryOf(entry.file)) {
-        m_log << timestamp << u"Failed to move spool entry " << entry.file.c_str() << u" to "
+    if (::rename(file.c_str(), target.c_str()) != 0 || !rt::syncDirectoryOf(target) ||
+        !rt::syncDirectoryOf(file)) {
+        m_log << timestamp << u"Failed to move spool entry " << file.c_str() << u" to "
               << target.c_str() << u": " << std::strerror(errno) << endlog;
-        return;
+        return "";
     }
-    m_log << timestamp << u"Spooled registration rejected (HTTP status " << status
-          << u"): moved to " << target.c_str() << endlog;
+    return target;
 }
 
 Spool::Totals Spool::totals(const std::string& dir) {
