@@ -28,6 +28,7 @@ void reportRun(int exitStatus) {
         run.success = exitStatus == 0 && s.delivered;
         run.httpStatus = s.lastHttpStatus;
         run.bodyBytes = s.lastBodyBytes;
+        run.failure = s.failure;
         if (const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL); !dir.empty()) {
             const Spool::Totals totals = Spool::totals(dir);
             run.spoolEntries = totals.entries;
@@ -42,6 +43,7 @@ void reportRun(int exitStatus) {
     s.lastHttpStatus = 0;
     s.lastBodyBytes = 0;
     s.delivered = false;
+    s.failure = FailureReason::None;
 }
 
 }  // namespace kivreg::api

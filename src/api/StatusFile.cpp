@@ -1,7 +1,7 @@
 #include "api/StatusFile.h"
 
+#include <charconv>
 #include <cstdio>
-#include <fstream>
 
 #include "runtime/FileIo.h"
 
@@ -10,21 +10,36 @@ namespace {
 
 constexpr std::string_view kLastSuccess = "kivreg_last_success_timestamp_seconds";
 
+// Written and read without the host's locale, which may use a decimal comma.
 std::string number(double value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
+    const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, 3);
+    return std::string(text, end.ptr);
 }
 
 double previousSuccess(const std::string& path) {
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.starts_with(kLastSuccess) && line.size() > kLastSuccess.size() &&
-            line[kLastSuccess.size()] == ' ')
-            return std::strtod(line.c_str() + kLastSuccess.size() + 1, nullptr);
+    std::FILE* in = std::fopen(path.c_str(), "re");
+    if (in == nullptr) return 0;  // never
+    double value = 0;
+    char line[256];
+    while (std::fgets(line, sizeof line, in) != nullptr) {
+        const std::string_view text(line);
+        if (text.starts_with(kLastSuccess) && text.size() > kLastSuccess.size() &&
+            text[kLastSuccess.size()] == ' ') {
+            std::from_chars(text.data() + kLastSuccess.size() + 1, text.data() + text.size(),
+                            value);
+            break;
+        }
     }
-    return 0;  // never
+    std::fclose(in);
+    return value;
 }
+
+// The failure reasons as monitoring names them, in the enumeration's order.
+constexpr std::string_view kReasons[] = {
+    "document", "symbols", "references", "connect_data", "resolve", "connect", "tls",
+    "proxy",    "send",    "receive",    "http_status",  "output",  "spool"};
+static_assert(std::size(kReasons) == static_cast<size_t>(FailureReason::Spool));
 
 }  // namespace
 
@@ -56,6 +71,15 @@ int writeStatusFile(const std::string& path, const RunStatus& run) {
         text += "# HELP " + name + " " + std::string(m.help) + "\n";
         text += "# TYPE " + name + " gauge\n";
         text += name + " " + m.value + "\n";
+    }
+    // A state set: every reason always there, so that a query never meets a gap.
+    text += "# HELP kivreg_last_run_failure Why the last run failed (all 0 after a success).\n";
+    text += "# TYPE kivreg_last_run_failure gauge\n";
+    const auto failure =
+        static_cast<size_t>(run.exitStatus == 0 ? FailureReason::None : run.failure);
+    for (size_t i = 0; i < std::size(kReasons); ++i) {
+        text += "kivreg_last_run_failure{reason=\"" + std::string(kReasons[i]) + "\"} ";
+        text += i + 1 == failure ? "1\n" : "0\n";
     }
     // Readable by the exporter, which runs as a user of its own.
     return rt::replaceFile(path, text, 0644);
