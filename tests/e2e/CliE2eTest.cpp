@@ -175,6 +175,43 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
         EXPECT_EQ(e.path().filename().string().find(".xml."), std::string::npos) << e.path();
 }
 
+// The five characters in every attribute and in a value, in both formats:
+// each document is one that an XML parser reads back as it was written.
+TEST_F(Extensions, EveryDocumentSentIsWellFormed) {
+    const std::string in = "a&amp;b&lt;c&quot;d'e&gt;f", text = "a&b<c\"d'e>f";
+    const std::string doc = writeDoc(
+        "special.xml",
+        "<kivinfo supplier_name=\"" + in + "\" supplier_version=\"" + in + "\" supplier_vendor=\"" +
+            in + "\" model_version=\"" + in + "\"><group name=\"" + in + "\" data_type=\"" + in +
+            "\" data_version=\"" + in + "\" group_type=\"" + in + "\"><rootclass name=\"" + in +
+            "\" sync=\"" + in + "\" merge_roots=\"" + in + "\" merge_properties=\"" + in +
+            "\" clean=\"" + in + "\"><instance inst_id=\"" + in + "\"><property name=\"" + in +
+            "\" sourceformat=\"" + in + "\"><value>" + in +
+            "]]&gt;</value></property><reference rolename=\"" + in + "\" groupname=\"" + in +
+            "\" classname=\"" + in + "\" inst_id=\"" + in +
+            "\"/></instance></rootclass></group></kivinfo>");
+    const struct {
+        std::vector<std::string> more;
+        const char* attribute;  // one that holds the text, as XPath
+    } formats[] = {{{}, "/kivinfo/group/rootclass/instance/reference/@classname"},
+                   {{"-oldtransferdtd"}, "/qordata/instance/@classname"}};
+    for (const auto& f : formats) {
+        SCOPED_TRACE(f.attribute);
+        std::vector<std::string> args = {"--check", "-file", doc, "--output", path("body.xml")};
+        args.insert(args.end(), f.more.begin(), f.more.end());
+        const RunResult r = kivreg(args);
+        ASSERT_EQ(r.exitCode, 0) << r.out;
+        const RunResult lint = run({"/usr/bin/xmllint", "--noout", path("body.xml")});
+        EXPECT_EQ(lint.exitCode, 0) << lint.out << readFile(path("body.xml"));
+        const auto read = [&](const std::string& xpath) {
+            return run({"/usr/bin/xmllint", "--xpath", "string(" + xpath + ")", path("body.xml")})
+                .out;
+        };
+        EXPECT_EQ(read(f.attribute), text + "\n");
+        EXPECT_EQ(read("//value"), text + "]]>\n");
+    }
+}
+
 TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
     // A body of about 1.9 MiB: two pieces.
     std::string values;
