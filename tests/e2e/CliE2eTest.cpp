@@ -179,26 +179,24 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
 // each document is one that an XML parser reads back as it was written.
 TEST_F(Extensions, EveryDocumentSentIsWellFormed) {
     const std::string in = "a&amp;b&lt;c&quot;d'e&gt;f", text = "a&b<c\"d'e>f";
+    const auto tag = [&](const std::string& name, std::vector<std::string> attributes) {
+        std::string out = "<" + name;
+        for (const std::string& a : attributes) out += " " + a + "=\"" + in + "\"";
+        return out + ">";
+    };
     const std::string doc = writeDoc(
         "special.xml",
-        "<kivinfo supplier_name=\"" + in + "\" supplier_version=\"" + in + "\" supplier_vendor=\"" +
-            in + "\" model_version=\"" + in + "\"><group name=\"" + in + "\" data_type=\"" + in +
-            "\" data_version=\"" + in + "\" group_type=\"" + in + "\"><rootclass name=\"" + in +
-            "\" sync=\"" + in + "\" merge_roots=\"" + in + "\" merge_properties=\"" + in +
-            "\" clean=\"" + in + "\"><instance inst_id=\"" + in + "\"><property name=\"" + in +
-            "\" sourceformat=\"" + in + "\"><value>" + in +
-            "]]&gt;</value></property><reference rolename=\"" + in + "\" groupname=\"" + in +
-            "\" classname=\"" + in + "\" inst_id=\"" + in +
-            "\"/></instance></rootclass></group></kivinfo>");
-    const struct {
-        std::vector<std::string> more;
-        const char* attribute;  // one that holds the text, as XPath
-    } formats[] = {{{}, "/kivinfo/group/rootclass/instance/reference/@classname"},
-                   {{"-oldtransferdtd"}, "/qordata/instance/@classname"}};
-    for (const auto& f : formats) {
-        SCOPED_TRACE(f.attribute);
+        tag("kivinfo", {"supplier_name", "supplier_version", "supplier_vendor", "model_version"}) +
+            tag("group", {"name", "data_type", "data_version", "group_type"}) +
+            tag("rootclass", {"name", "sync", "merge_roots", "merge_properties", "clean"}) +
+            tag("instance", {"inst_id"}) + tag("property", {"name", "sourceformat"}) + "<value>" +
+            in + "]]&gt;</value></property>" +
+            tag("reference", {"rolename", "groupname", "classname", "inst_id"}) +
+            "</reference></instance></rootclass></group></kivinfo>");
+    for (const bool old : {false, true}) {
+        SCOPED_TRACE(old ? "old format" : "current format");
         std::vector<std::string> args = {"--check", "-file", doc, "--output", path("body.xml")};
-        args.insert(args.end(), f.more.begin(), f.more.end());
+        if (old) args.push_back("-oldtransferdtd");
         const RunResult r = kivreg(args);
         ASSERT_EQ(r.exitCode, 0) << r.out;
         const RunResult lint = run({"/usr/bin/xmllint", "--noout", path("body.xml")});
@@ -207,7 +205,9 @@ TEST_F(Extensions, EveryDocumentSentIsWellFormed) {
             return run({"/usr/bin/xmllint", "--xpath", "string(" + xpath + ")", path("body.xml")})
                 .out;
         };
-        EXPECT_EQ(read(f.attribute), text + "\n");
+        // An attribute that holds the text in each format.
+        EXPECT_EQ(read(old ? "/qordata/instance/@classname" : "//reference/@classname"),
+                  text + "\n");
         EXPECT_EQ(read("//value"), text + "]]>\n");
     }
 }

@@ -144,7 +144,9 @@ int main(int argc, char** argv) {
             setLogfile(logFile);
         } else if (*step == 'c') {
             listInheritable(argv[5]);
-        } else if (*step != 'd' || !setlocale(LC_ALL, "de_DE.UTF-8")) {
+        } else if (*step == 'd') {
+            if (!setlocale(LC_ALL, "de_DE.UTF-8")) printf("no locale de_DE.UTF-8\n");
+        } else {
             return 17;
         }
     }
