@@ -2,11 +2,10 @@
 // substitute and send the document.
 
 #include <cstdio>
-#include <exception>
 #include <memory>
-#include <new>
 
 #include "api/ApiState.h"
+#include "api/Boundary.h"
 #include "api/Delivery.h"
 #include "api/ExitStatus.h"
 #include "api/Output.h"
@@ -105,8 +104,7 @@ int checkDocument(ApiState& s) {
 // What the library did not foresee (memory, a limit of the standard
 // library) still ends the run with a reason and a result.
 int unexpected(ApiState& s, const std::exception& e) {
-    s.gLog << timestamp << u"Registration failed: "
-           << (dynamic_cast<const std::bad_alloc*>(&e) ? "out of memory" : e.what()) << endlog;
+    s.gLog << timestamp << u"Registration failed: " << reasonOf(e) << endlog;
     return -2;
 }
 
