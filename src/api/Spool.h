@@ -42,6 +42,9 @@ struct SpoolEntry {
     }
 };
 
+// The header that goes before a body of that many bytes.
+std::string entryHeader(const SpoolEntry& entry, uint64_t bodyBytes);
+
 // Why the entry file cannot be read, empty when it can: its header into
 // `entry` (with its file and size), and with `body` its body as well.
 std::string readEntry(const std::string& file, SpoolEntry& entry, std::string* body = nullptr);
