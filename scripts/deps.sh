@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libxml2-dev libxml2-utils libssl-dev openssl
           libgtest-dev libgmock-dev libbenchmark-dev python3 curl groff-base bash-completion
-          tinyproxy strace prometheus systemd faketime "$@")
+          tinyproxy strace prometheus systemd faketime locales-all "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -11,7 +11,7 @@
 #   scripts/fuzz.sh [TARGET] [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-targets=(document symbols secstore http_response url args getpass)
+targets=(document symbols secstore http_response url args getpass spool)
 [ $# -ge 1 ] && [ "$1" != all ] && targets=("$1")
 seconds=${2:-60}
 

@@ -37,8 +37,9 @@ int deliver(ApiState& s, Spool& spool, const ConnectData& c, const Timeouts& t, 
     int result = 0;
     for (const SpoolEntry& e : entries) {
         std::string body;
-        if (!spool.readBody(e, body)) {
+        if (!spool.readBody(e, body)) {  // moved aside: the others still go
             result = -1;
+            if (report) s.failure = FailureReason::Spool;
             continue;
         }
         if (report) s.lastBodyBytes = body.size();
@@ -98,10 +99,13 @@ int flush(ApiState& s, const ConnectData& c) {
     const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL);
     if (dir.empty()) {
         s.gLog << timestamp << u"--flush needs a spool: --spool DIR or KIVREG_SPOOL." << endlog;
+        s.failure = FailureReason::Spool;
         return -1;
     }
     Spool spool(s.gLog, dir, spoolMaxBytes(s.gArgs));
-    return spool.ok() ? deliver(s, spool, c, timeoutsOf(s.gArgs), true) : -1;
+    if (spool.ok()) return deliver(s, spool, c, timeoutsOf(s.gArgs), true);
+    s.failure = FailureReason::Spool;
+    return -1;
 }
 
 }  // namespace kivreg::api

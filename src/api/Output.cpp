@@ -1,7 +1,5 @@
 #include "api/Output.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -19,13 +17,13 @@ bool writeOutput(ApiState& s, std::string_view body) {
     if (name == u"-") {
         if (!rt::writeAll(s.outputFd, body.data(), body.size())) error = errno != 0 ? errno : EIO;
     } else if (!name.empty()) {
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        error = rt::replaceFile(CCConv::toUTF8Str(name), body, 0666 & ~mask);
+        // The mode a file the host creates would get; set on the temporary file.
+        error = rt::replaceFile(CCConv::toUTF8Str(name), body, 0666 & ~rt::currentUmask());
     }
     if (error == 0 && !name.empty()) return true;
     s.gLog << timestamp << u"Failed to write the transfer document to " << name << u": "
            << (name.empty() ? "no file name given" : std::strerror(error)) << endlog;
+    s.failure = FailureReason::Output;
     return false;
 }
 

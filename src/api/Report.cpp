@@ -29,6 +29,7 @@ void reportRun(int exitStatus) {
         run.skipped = exitStatus == 0 && s.skipped;
         run.httpStatus = s.lastHttpStatus;
         run.bodyBytes = s.lastBodyBytes;
+        run.failure = s.failure;
         if (const std::string dir = settingOrEnv(s.gArgs, CMDARG_SPOOL, ENV_SPOOL); !dir.empty()) {
             const Spool::Totals totals = Spool::totals(dir);
             run.spoolEntries = totals.entries;
@@ -46,6 +47,7 @@ void reportRun(int exitStatus) {
     s.skipped = false;
     s.statusUnchanged = false;
     s.bodyDigest = {};
+    s.failure = FailureReason::None;
 }
 
 }  // namespace kivreg::api

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "api/ApiState.h"
+#include "api/Boundary.h"
 #include "api/Delivery.h"
 #include "api/ExitStatus.h"
 #include "api/Output.h"
@@ -28,6 +29,12 @@ void logTimeout(CLog& log, const char16_t* label, const char16_t* unlimited, int
     log << endlog;
 }
 
+int noDocument(ApiState& s) {
+    s.gLog << timestamp << u"XML input data not set!" << endlog;
+    s.failure = FailureReason::Document;
+    return -1;
+}
+
 void dataTrace(ApiState& s) {
     if (!s.gArgs.isSwitchSetIgnCase(CMDARG_DATA_TRACE)) return;
     s.gLog << timestamp << u">>> Begin Parsed Data >>>" << endlog;
@@ -40,15 +47,20 @@ void dataTrace(ApiState& s) {
 bool prepare(ApiState& s) {
     CLog& log = s.gLog;
     CXmlFile& doc = *s.gpXmlFile;
-    if (!doc.isLoaded() || !doc.validateReferences()) {
+    const bool loaded = doc.isLoaded();
+    if (!loaded || !doc.validateReferences()) {
         log << timestamp << u"Invalid XML data file input." << endlog;
+        s.failure = loaded ? FailureReason::References : FailureReason::Document;
         return false;
     }
     dataTrace(s);
     if (s.gpSymbols) {
         doc.setSymbols(*s.gpSymbols);
         s.gpSymbols->printSymbols();
-        if (!doc.replaceSymbols()) return false;
+        if (!doc.replaceSymbols()) {
+            s.failure = FailureReason::Symbols;
+            return false;
+        }
         dataTrace(s);  // the document once more, after substitution
     }
     return true;
@@ -77,10 +89,7 @@ int transfer(ApiState& s, const ConnectData& c, const IfChanged& rule) {
 
 // --check: everything up to the transfer, then the size of what would be sent.
 int checkDocument(ApiState& s) {
-    if (!s.gpXmlFile) {
-        s.gLog << timestamp << u"XML input data not set!" << endlog;
-        return -1;
-    }
+    if (!s.gpXmlFile) return noDocument(s);
     try {
         if (!prepare(s)) return -1;
         const std::string body = renderBody(s);
@@ -94,6 +103,13 @@ int checkDocument(ApiState& s) {
     }
 }
 
+// What the library did not foresee (memory, a limit of the standard
+// library) still ends the run with a reason and a result.
+int unexpected(ApiState& s, const std::exception& e) {
+    s.gLog << timestamp << u"Registration failed: " << reasonOf(e) << endlog;
+    return -2;
+}
+
 void banner(CLog& log, const char16_t* text) {
     const std::u16string stars(std::char_traits<char16_t>::length(text), u'*');
     log << timestamp << stars << endlog;
@@ -102,10 +118,7 @@ void banner(CLog& log, const char16_t* text) {
 }
 
 int doReg(ApiState& s, const ConnectData& c, const IfChanged& rule) {
-    if (!s.gpXmlFile) {
-        s.gLog << timestamp << u"XML input data not set!" << endlog;
-        return -1;
-    }
+    if (!s.gpXmlFile) return noDocument(s);
     banner(s.gLog, u"*** Start KIV Registration ***");
     int result;
     try {
@@ -113,9 +126,18 @@ int doReg(ApiState& s, const ConnectData& c, const IfChanged& rule) {
     } catch (const ERegExcept& e) {
         logFailure(s.gLog, e);
         result = -2;
+    } catch (const std::exception& e) {
+        result = unexpected(s, e);
     }
     banner(s.gLog, u"*** End KIV Registration ***");
     return result;
+}
+
+// Connection data the run cannot use; the message, if any, says why.
+int refused(ApiState& s, const char16_t* message) {
+    if (message != nullptr) s.gLog << timestamp << message << endlog;
+    s.failure = FailureReason::ConnectData;
+    return -1;
 }
 
 int resolveAndRegister(ApiState& s) {
@@ -130,15 +152,10 @@ int resolveAndRegister(ApiState& s) {
     ConnectData c;
     if (!check) {
         c = resolveConnectData(s);
-        if (c.user.empty() || c.host.empty() || c.port.empty()) {
-            s.gLog << timestamp << u"Incomplete HTTP connect information specified." << endlog;
-            return -1;
-        }
-        if (c.failed) return -1;
-        if (!portAccepted(c.port)) {
-            s.gLog << timestamp << u"Invalid HTTP port specified." << endlog;
-            return -1;
-        }
+        if (c.user.empty() || c.host.empty() || c.port.empty())
+            return refused(s, u"Incomplete HTTP connect information specified.");
+        if (c.failed) return refused(s, nullptr);
+        if (!portAccepted(c.port)) return refused(s, u"Invalid HTTP port specified.");
         if (c.useHttps) s.gLog << timestamp << u"Using HTTPS" << endlog;
         if (flushing) return flush(s, c);
     }
@@ -147,6 +164,7 @@ int resolveAndRegister(ApiState& s) {
         const int rc = s.gpSymbols->addSymbols(s.gArgs.getArgIgnCase(CMDARG_SYMBOL_FILE));
         if (rc < 0) {
             s.lastResultFromSymbols = true;
+            s.failure = FailureReason::Symbols;
             return rc;
         }
     }
@@ -159,26 +177,27 @@ int sendReceiveData() {
     ApiState& s = state();
     if (s.runStart == 0) s.runStart = epochSeconds();
     s.lastResultFromSymbols = false;
+    s.failure = FailureReason::None;  // a setter's refusal is not this run's reason
     const bool httpTrace = s.gArgs.isSwitchSetIgnCase(CMDARG_HTTP_TRACE);
     s.gLog << timestamp << u"HTTP trace: " << httpTrace << endlog;
+    // Every setting of the trace afresh: a host's tenth run is traced as its first.
     Trace& trace = Trace::instance();
-    if (httpTrace) {
-        if (!s.gArgs.getArgIgnCase(CMDARG_LOGFILENAME).empty()) {
-            // A failed open leaves the trace without a file; the run goes on.
-            trace.setExternFP(std::fopen("kivreg_http_trace.log", "w"));
-            setKernelTraceLevel(3);
-        } else {
-            trace.toggleEcho();
-        }
-        trace.setVerbosity(0);
-        trace.tOn(true);
+    const bool toFile = httpTrace && !s.gArgs.getArgIgnCase(CMDARG_LOGFILENAME).empty();
+    // A failed open leaves the trace without a file; the run goes on.
+    trace.setExternFP(toFile ? std::fopen("kivreg_http_trace.log", "we") : nullptr);
+    setKernelTraceLevel(toFile ? 3 : 0);
+    trace.setEcho(httpTrace && !toFile);
+    trace.setVerbosity(httpTrace ? 0 : Trace::QUIET);
+    trace.tOn(true);
+    int result;
+    try {
+        result = resolveAndRegister(s);
+    } catch (const std::exception& e) {
+        result = unexpected(s, e);
     }
-    const int result = resolveAndRegister(s);
-    if (httpTrace) {
-        if (std::FILE* fp = trace.getExternFP()) {
-            std::fclose(fp);
-            trace.setExternFP(nullptr);  // never leave the trace a closed file
-        }
+    if (std::FILE* fp = trace.getExternFP()) {
+        std::fclose(fp);
+        trace.setExternFP(nullptr);  // never leave the trace a closed file
     }
     reportRun(exitStatusOf(result, s.lastResultFromSymbols));
     return result;

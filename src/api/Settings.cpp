@@ -15,6 +15,12 @@ ApiState& state() {
 
 namespace {
 
+// A refused setting; a run that ends before the library's run began reports it.
+int refused(FailureReason why) {
+    state().failure = why;
+    return -1;
+}
+
 int recordTimeout(std::u16string_view option, const char16_t* seconds) {
     const std::u16string value = text(seconds);
     if (value.empty()) return -1;
@@ -27,18 +33,18 @@ int recordTimeout(std::u16string_view option, const char16_t* seconds) {
 int recordConnectFile(const char16_t* name) {
     ApiState& s = state();
     const std::u16string fileName = text(name);
-    if (fileName.empty()) return -1;
+    if (fileName.empty()) return refused(FailureReason::ConnectData);
     CSecStore store(&s.gLog, fileName);
     if (!store.fetch()) {
         s.gLog << timestamp << u"Failed to read connect file: " << fileName << endlog;
-        return -1;
+        return refused(FailureReason::ConnectData);
     }
     if (store.get(std::u16string(PARAM_HOST)).empty() ||
         store.get(std::u16string(PARAM_PORT)).empty() ||
         store.get(std::u16string(PARAM_USER)).empty()) {
         s.gLog << timestamp << u"Incomplete HTTP connect information specified in file " << fileName
                << endlog;
-        return -1;
+        return refused(FailureReason::ConnectData);
     }
     // Only the name is kept: the run reads the file again when it needs it.
     s.gArgs.addArg(CMDARG_CONNECT_FILE, fileName);
@@ -52,7 +58,7 @@ int loadDocument(Make&& make) {
     s.gpXmlFile.reset();
     s.gpXmlFile = make(&s.gLog);
     if (s.gArgs.isSwitchSet(CMDARG_OLDTRANSFERDTD)) s.gpXmlFile->setOldTransferDtd(true);
-    return s.gpXmlFile->isLoaded() ? 1 : -1;
+    return s.gpXmlFile->isLoaded() ? 1 : refused(FailureReason::Document);
 }
 
 }  // namespace
@@ -125,7 +131,8 @@ int KivRegSetConnectTimeout(const char16_t* seconds) {
 int KivRegSetConnectData(const char16_t* host, const char16_t* port, const char16_t* user,
                          const char16_t* password) {
     return guarded(u"KivRegSetConnectData", -1, [&] {
-        if (text(host).empty() || text(port).empty() || text(user).empty()) return -1;
+        if (text(host).empty() || text(port).empty() || text(user).empty())
+            return api::refused(api::FailureReason::ConnectData);
         CPArgs& args = state().gArgs;
         args.addArg(CMDARG_HTTP_HOST, text(host));
         args.addArg(CMDARG_HTTP_PORT, text(port));
@@ -148,7 +155,7 @@ int KivRegSetSymbolFile(const char16_t* fileName) {
     return guarded(u"KivRegSetSymbolFile", -1, [&] {
         const std::u16string name = text(fileName);
         if (name.empty()) return 1;  // no symbol file is a valid choice
-        if (!PSymbols::checkSymbolFile(name)) return -1;
+        if (!PSymbols::checkSymbolFile(name)) return api::refused(api::FailureReason::Symbols);
         state().gArgs.addArg(CMDARG_SYMBOL_FILE, name);
         return 1;
     });

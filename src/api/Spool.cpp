@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 
 #include "runtime/FileIo.h"
 #include "support/CLog.h"
@@ -20,92 +19,7 @@
 namespace kivreg::api {
 namespace {
 
-constexpr std::string_view kMagic = "kivreg-spool 1";
 constexpr std::string_view kSuffix = ".kiv";
-
-}  // namespace
-
-std::string escaped(std::string_view text) {
-    std::string out;
-    for (const unsigned char c : text) {
-        if (c == '%' || c < 0x20 || c == 0x7f) {
-            char hex[4];
-            std::snprintf(hex, sizeof hex, "%%%02X", c);
-            out += hex;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
-}
-
-namespace {
-
-std::string unescaped(std::string_view text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        unsigned int c = 0;
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &c) == 1) {
-            out += static_cast<char>(c);
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
-std::string header(const SpoolEntry& e, uint64_t bodyBytes) {
-    std::string h(kMagic);
-    h += "\nscheme: " + std::string(e.destination.https ? "https" : "http");
-    h += "\nhost: " + escaped(e.destination.host);
-    h += "\nport: " + escaped(e.destination.port);
-    h += "\npath: " + escaped(e.destination.path);
-    h += "\nformat: " + std::string(e.oldFormat ? "old" : "current");
-    h += "\ntime: " + e.time;
-    h += "\nsupplier-name: " + escaped(e.supplierName);
-    h += "\nsupplier-vendor: " + escaped(e.supplierVendor);
-    h += "\nbody-bytes: " + std::to_string(bodyBytes) + "\n\n";
-    return h;
-}
-
-// The header of an entry file; false for anything that is not one. `in` is
-// left at the body, and *bodyBytes holds the length the header announces.
-bool readHeader(std::istream& in, SpoolEntry& e, uint64_t& bodyBytes) {
-    std::string line;
-    if (!std::getline(in, line) || line != kMagic) return false;
-    int fields = 0;
-    while (std::getline(in, line) && !line.empty()) {
-        const size_t colon = line.find(": ");
-        if (colon == std::string::npos) return false;
-        const std::string name = line.substr(0, colon);
-        const std::string value = unescaped(std::string_view(line).substr(colon + 2));
-        ++fields;
-        if (name == "scheme") {
-            e.destination.https = value == "https";
-        } else if (name == "host") {
-            e.destination.host = value;
-        } else if (name == "port") {
-            e.destination.port = value;
-        } else if (name == "path") {
-            e.destination.path = value;
-        } else if (name == "format") {
-            e.oldFormat = value == "old";
-        } else if (name == "time") {
-            e.time = value;
-        } else if (name == "supplier-name") {
-            e.supplierName = value;
-        } else if (name == "supplier-vendor") {
-            e.supplierVendor = value;
-        } else if (name == "body-bytes") {
-            bodyBytes = std::strtoull(value.c_str(), nullptr, 10);
-        } else {
-            --fields;
-        }
-    }
-    return in.good() && fields == 9;
-}
 
 std::string now() {
     timespec ts{};
@@ -185,16 +99,10 @@ std::vector<SpoolEntry> Spool::entries() {
     for (const std::string& name : names(m_dir)) {
         if (!isEntryName(name)) continue;
         SpoolEntry e;
-        e.file = m_dir + "/" + name;
-        std::ifstream in(e.file, std::ios::binary);
-        uint64_t bodyBytes = 0;
-        if (!readHeader(in, e, bodyBytes)) {
-            m_log << timestamp << u"Spool entry unreadable, left alone: " << e.file.c_str()
-                  << endlog;
+        if (const std::string why = readEntry(m_dir + "/" + name, e); !why.empty()) {
+            damaged(e.file, why);
             continue;
         }
-        struct stat st {};
-        if (::stat(e.file.c_str(), &st) == 0) e.fileSize = static_cast<uint64_t>(st.st_size);
         out.push_back(std::move(e));
     }
     std::sort(out.begin(), out.end(), [](const SpoolEntry& a, const SpoolEntry& b) {
@@ -206,7 +114,7 @@ std::vector<SpoolEntry> Spool::entries() {
 void Spool::keep(const SpoolEntry& key, std::string_view body) {
     SpoolEntry entry = key;
     entry.time = now();
-    const std::string head = header(entry, body.size());
+    const std::string head = entryHeader(entry, body.size());
     const uint64_t size = head.size() + body.size();
     if (size > m_maxBytes) {
         m_log << timestamp << u"Registration not kept in spool: its " << size
@@ -270,15 +178,10 @@ std::vector<SpoolEntry> Spool::pending(const Destination& destination) {
 }
 
 bool Spool::readBody(const SpoolEntry& entry, std::string& body) {
-    std::ifstream in(entry.file, std::ios::binary);
     SpoolEntry e;
-    uint64_t bodyBytes = 0;
-    if (readHeader(in, e, bodyBytes)) {
-        body.resize(bodyBytes);
-        in.read(body.data(), static_cast<std::streamsize>(bodyBytes));
-        if (in.gcount() == static_cast<std::streamsize>(bodyBytes) && in.peek() == EOF) return true;
-    }
-    m_log << timestamp << u"Spool entry unreadable, left alone: " << entry.file.c_str() << endlog;
+    const std::string why = readEntry(entry.file, e, &body);
+    if (why.empty()) return true;
+    damaged(entry.file, why);
     return false;
 }
 
@@ -288,17 +191,28 @@ void Spool::delivered(const SpoolEntry& entry) {
 }
 
 void Spool::rejected(const SpoolEntry& entry, int status) {
-    const std::string dir = m_dir + "/rejected";
-    const std::string target = dir + entry.file.substr(entry.file.rfind('/'));
+    if (const std::string target = moveAside(entry.file, "rejected"); !target.empty())
+        m_log << timestamp << u"Spooled registration rejected (HTTP status " << status
+              << u"): moved to " << target.c_str() << endlog;
+}
+
+void Spool::damaged(const std::string& file, const std::string& why) {
+    if (const std::string target = moveAside(file, "damaged"); !target.empty())
+        m_log << timestamp << u"Spooled registration damaged (" << why.c_str() << u"): moved to "
+              << target.c_str() << endlog;
+}
+
+std::string Spool::moveAside(const std::string& file, const char* folder) {
+    const std::string dir = m_dir + "/" + folder;
+    const std::string target = dir + file.substr(file.rfind('/'));
     if (::mkdir(dir.c_str(), 0700) == 0) rt::syncDirectoryOf(dir);
-    if (::rename(entry.file.c_str(), target.c_str()) != 0 || !rt::syncDirectoryOf(target) ||
-        !rt::syncDirectoryOf(entry.file)) {
-        m_log << timestamp << u"Failed to move spool entry " << entry.file.c_str() << u" to "
+    if (::rename(file.c_str(), target.c_str()) != 0 || !rt::syncDirectoryOf(target) ||
+        !rt::syncDirectoryOf(file)) {
+        m_log << timestamp << u"Failed to move spool entry " << file.c_str() << u" to "
               << target.c_str() << u": " << std::strerror(errno) << endlog;
-        return;
+        return "";
     }
-    m_log << timestamp << u"Spooled registration rejected (HTTP status " << status
-          << u"): moved to " << target.c_str() << endlog;
+    return target;
 }
 
 Spool::Totals Spool::totals(const std::string& dir) {

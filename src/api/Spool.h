@@ -45,6 +45,13 @@ struct SpoolEntry {
 // A header value kept on one line whatever a host or supplier name holds.
 std::string escaped(std::string_view text);
 
+// The header that goes before a body of that many bytes.
+std::string entryHeader(const SpoolEntry& entry, uint64_t bodyBytes);
+
+// Why the entry file cannot be read, empty when it can: its header into
+// `entry` (with its file and size), and with `body` its body as well.
+std::string readEntry(const std::string& file, SpoolEntry& entry, std::string* body = nullptr);
+
 class Spool {
 public:
     // Creates DIR (0700) if it is missing and waits for its lock. ok() tells
@@ -63,7 +70,7 @@ public:
     void supersede(const SpoolEntry& key);
     // The entries for a destination, oldest first.
     std::vector<SpoolEntry> pending(const Destination& destination);
-    // False (logged) when the file is not a whole entry.
+    // False when the file is not a whole entry; it is then moved to DIR/damaged.
     bool readBody(const SpoolEntry& entry, std::string& body);
     void delivered(const SpoolEntry& entry);
     void rejected(const SpoolEntry& entry, int status);
@@ -78,6 +85,9 @@ private:
     std::vector<SpoolEntry> entries();
     void removeOldest(std::vector<SpoolEntry>& others, uint64_t room);
     bool remove(const SpoolEntry& entry);
+    void damaged(const std::string& file, const std::string& why);
+    // Moves the file into DIR/folder; its new path, or empty (logged).
+    std::string moveAside(const std::string& file, const char* folder);
 
     CLog& m_log;
     std::string m_dir;

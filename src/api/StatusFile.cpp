@@ -1,7 +1,7 @@
 #include "api/StatusFile.h"
 
+#include <charconv>
 #include <cstdio>
-#include <fstream>
 
 #include "runtime/FileIo.h"
 
@@ -11,21 +11,35 @@ namespace {
 constexpr std::string_view kLastSuccess = "kivreg_last_success_timestamp_seconds";
 constexpr std::string_view kLastDelivery = "kivreg_last_delivery_timestamp_seconds";
 
+// Written and read without the host's locale, which may use a decimal comma.
 std::string number(double value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
+    const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, 3);
+    return std::string(text, end.ptr);
 }
 
 // A metric's value in the file a run replaces; the fallback when it has none.
 double previous(const std::string& path, std::string_view name, double fallback) {
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.starts_with(name) && line.size() > name.size() && line[name.size()] == ' ')
-            return std::strtod(line.c_str() + name.size() + 1, nullptr);
+    std::FILE* in = std::fopen(path.c_str(), "re");
+    if (in == nullptr) return fallback;
+    double value = fallback;
+    char line[256];
+    while (std::fgets(line, sizeof line, in) != nullptr) {
+        const std::string_view text(line);
+        if (text.starts_with(name) && text.size() > name.size() && text[name.size()] == ' ') {
+            std::from_chars(text.data() + name.size() + 1, text.data() + text.size(), value);
+            break;
+        }
     }
-    return fallback;
+    std::fclose(in);
+    return value;
 }
+
+// The failure reasons as monitoring names them, in the enumeration's order.
+constexpr std::string_view kReasons[] = {
+    "document", "symbols", "references", "connect_data", "resolve", "connect", "tls",
+    "proxy",    "send",    "receive",    "http_status",  "output",  "spool"};
+static_assert(std::size(kReasons) == static_cast<size_t>(FailureReason::Spool));
 
 }  // namespace
 
@@ -66,6 +80,15 @@ int writeStatusFile(const std::string& path, const RunStatus& run) {
         text += "# HELP " + name + " " + std::string(m.help) + "\n";
         text += "# TYPE " + name + " gauge\n";
         text += name + " " + m.value + "\n";
+    }
+    // A state set: every reason always there, so that a query never meets a gap.
+    text += "# HELP kivreg_last_run_failure Why the last run failed (all 0 after a success).\n";
+    text += "# TYPE kivreg_last_run_failure gauge\n";
+    const auto failure =
+        static_cast<size_t>(run.exitStatus == 0 ? FailureReason::None : run.failure);
+    for (size_t i = 0; i < std::size(kReasons); ++i) {
+        text += "kivreg_last_run_failure{reason=\"" + std::string(kReasons[i]) + "\"} ";
+        text += i + 1 == failure ? "1\n" : "0\n";
     }
     // Readable by the exporter, which runs as a user of its own.
     return rt::replaceFile(path, text, 0644);

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "api/ApiState.h"
+
 namespace kivreg::api {
 
 struct RunStatus {
@@ -16,6 +18,7 @@ struct RunStatus {
     int httpStatus = 0;    // 0: no answer
     uint64_t bodyBytes = 0;
     uint64_t spoolEntries = 0, spoolBytes = 0;
+    FailureReason failure = FailureReason::None;  // counted only when the run failed
 };
 
 // The errno of a failure, 0 on success. A run that did not succeed carries

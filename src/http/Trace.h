@@ -16,12 +16,13 @@ class Trace {
 public:
     using Verbosity = int;
     static constexpr Verbosity TRANSPORT_LEVEL = 1;
+    static constexpr Verbosity QUIET = 4;  // the threshold that keeps the transport silent
     static constexpr size_t MAX_MESSAGE = 8192;
 
     static Trace& instance();
 
-    // Switches the echo to standard output on, or off again.
-    void toggleEcho() { m_echo = !m_echo; }
+    // Whether messages are echoed to standard output.
+    void setEcho(bool on) { m_echo = on; }
 
     // Writes to the caller's file from now on (threshold 0, trace on). The
     // caller keeps ownership; null stops the writing to a file.
@@ -56,7 +57,7 @@ private:
     bool m_on = true;
     bool m_echo = false;
     std::string m_hostName;
-    Verbosity m_verbosity = 4;
+    Verbosity m_verbosity = QUIET;
     std::FILE* m_fp = nullptr;  // the caller's
 };
 

@@ -1,8 +1,9 @@
 // The transfer body in the current format (groups, classes with their kind,
 // instances) and in the older one, written as UTF-8 straight from the model.
-// Only property values are escaped in the current format; names and
-// attribute values go out exactly as they are held, which the receiving side
-// expects, and the older format escapes nothing at all.
+// Property values of the current format are escaped in full. Everywhere else
+// only what would make the document unreadable is escaped (&, < and, in
+// attribute values, "), so that every document that was well-formed before
+// goes out byte for byte as it always has.
 //
 // Each document is rendered twice by the same code: once into a counter for
 // its exact length, once into a buffer of that length, so that a large body
@@ -16,6 +17,7 @@
 #include <iterator>
 #include <memory>
 #include <span>
+#include <utility>
 
 #include "model/CXmlFile.h"
 
@@ -24,26 +26,33 @@ namespace kivreg {
 namespace {
 
 // The entity for each byte that needs one, else null.
-constexpr std::array<const char*, 256> kEntities = [] {
-    std::array<const char*, 256> t{};
-    t['&'] = "&amp;";
-    t['<'] = "&lt;";
-    t['>'] = "&gt;";
-    t['"'] = "&quot;";
-    t['\''] = "&apos;";
+using Entities = std::array<const char*, 256>;
+constexpr Entities entities(std::string_view bytes) {
+    constexpr std::pair<char, const char*> all[] = {
+        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&apos;"}};
+    Entities t{};
+    for (const auto& [c, entity] : all)
+        if (bytes.find(c) != std::string_view::npos) t[static_cast<unsigned char>(c)] = entity;
     return t;
-}();
+}
+constexpr Entities kValue = entities("&<>\"'");  // property values, current format
+constexpr Entities kAttribute = entities("&<\"");
+// '>' only where it would close "]]>", which text must not hold.
+constexpr Entities kText = entities("&<>");
 
 // Bytes of UTF-8 never hold an ASCII byte inside a longer character, so a
-// scan byte by byte finds exactly the five characters.
-template <typename Out>
+// scan byte by byte finds exactly the characters of the table.
+template <const Entities& table, typename Out>
 void putEscaped(Out& out, std::string_view value) {
     const char* p = value.data();
     const char* const end = p + value.size();
     const char* run = p;
     for (; p != end; ++p) {
-        const char* entity = kEntities[static_cast<unsigned char>(*p)];
+        const char* entity = table[static_cast<unsigned char>(*p)];
         if (entity == nullptr) continue;
+        if (&table == &kText && *p == '>' &&
+            !(p - value.data() >= 2 && p[-1] == ']' && p[-2] == ']'))
+            continue;
         out.put(std::string_view(run, static_cast<size_t>(p - run)));
         out.put(std::string_view(entity));
         run = p + 1;
@@ -98,7 +107,7 @@ struct Chunker {
 template <typename Out>
 void putAttribute(Out& out, std::string_view opening, std::string_view value) {
     out.put(opening);
-    out.put(value);
+    putEscaped<kAttribute>(out, value);
     out.put("\"");
 }
 
@@ -143,7 +152,7 @@ void putInstance(Out& out, const CInst& inst) {
         out.put(">");
         for (std::string_view v : prop.values()) {
             out.put("<value>");
-            putEscaped(out, v);
+            putEscaped<kValue>(out, v);
             out.put("</value>");
         }
         out.put("</property>");
@@ -173,7 +182,8 @@ void putClass(Out& out, const CClass& cls) {
 }
 
 // The older format: each instance under its class name; the target id of a
-// reference is written even when empty, and no value is escaped.
+// reference is written even when empty, and values are escaped as little as
+// the document allows.
 template <typename Out>
 void putInstanceOld(Out& out, const CClass& c, const CInst& inst) {
     putAttribute(out, "<instance classname=\"", c.getName());
@@ -184,7 +194,7 @@ void putInstanceOld(Out& out, const CClass& c, const CInst& inst) {
         out.put(">");
         for (std::string_view v : prop.values()) {
             out.put("<value>");
-            out.put(v);
+            putEscaped<kText>(out, v);
             out.put("</value>");
         }
         out.put("</property>");
@@ -206,10 +216,10 @@ const char16_t* CClass::getType() const {
 
 std::string CProp::escapeXML(std::string_view value) {
     Counter n;
-    putEscaped(n, value);
+    putEscaped<kValue>(n, value);
     std::string out(n.bytes, '\0');
     Writer w{out.data()};
-    putEscaped(w, value);
+    putEscaped<kValue>(w, value);
     return out;
 }
 

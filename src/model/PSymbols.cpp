@@ -68,7 +68,7 @@ PSymbols::PSymbol::PSymbol(std::string name, std::string value)
 }
 
 int PSymbols::addSymbols(const std::u16string& fileName) {
-    FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "r"));
+    FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "re"));
     if (!file) {
         *m_log << timestamp << u"Failed to open symbol file \"" << fileName << u"\"." << endlog;
         return RC_OPEN_FAILED;
@@ -147,7 +147,7 @@ const PatternSet& PSymbols::placeholders() const {
 }
 
 bool PSymbols::checkSymbolFile(const std::u16string& fileName) {
-    FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "r"));
+    FilePtr file(std::fopen(fileNameBytes(fileName).c_str(), "re"));
     return file != nullptr;
 }
 

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 namespace kivreg::rt {
@@ -77,6 +79,25 @@ int replaceFile(const std::string& path, std::string_view bytes, mode_t mode) {
     if (file.write(bytes) && file.finish() && file.renameTo(path))
         return syncDirectoryOf(path) ? 0 : errno;
     return file.error();
+}
+
+mode_t currentUmask() {
+    std::FILE* status = std::fopen("/proc/self/status", "re");
+    mode_t mask = 077;
+    if (status == nullptr) return mask;
+    char line[256];
+    while (std::fgets(line, sizeof line, status) != nullptr) {
+        const std::string_view text(line);
+        if (!text.starts_with("Umask:")) continue;
+        const size_t at = std::min(text.find_first_not_of(" \t", 6), text.size());
+        unsigned value = 0;
+        const auto [end, ec] =
+            std::from_chars(text.data() + at, text.data() + text.size(), value, 8);
+        if (ec == std::errc() && value <= 0777) mask = static_cast<mode_t>(value);
+        break;
+    }
+    std::fclose(status);
+    return mask;
 }
 
 bool removeFile(const std::string& path) {

@@ -65,6 +65,11 @@ bool syncDirectoryOf(const std::string& path);
 // left, and the result is the errno of the failure (0 on success).
 int replaceFile(const std::string& path, std::string_view bytes, mode_t mode);
 
+// The process's umask, read without changing it (umask() can only be read by
+// setting it, which would race with the host's other threads). 077 when it
+// cannot be read: then nobody else is given the file.
+mode_t currentUmask();
+
 // unlink that counts a file already gone as removed. False, with errno, otherwise.
 bool removeFile(const std::string& path);
 

@@ -29,31 +29,58 @@ TermState& term() {
 
 // A signal that ends or stops the process while the terminal reads hidden
 // input must not leave it without echo: the handlers put the saved mode back
-// and then let the signal take its default course; after a stop the reading
-// mode returns.
+// and then hand the signal to the host's own handler; where the host has none,
+// the signal takes its default course. After a stop, or a host handler that
+// returns, the reading mode returns.
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGTSTP};
 constexpr int kHandled[] = {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT};
 struct sigaction g_previous[std::size(kHandled)];
 
-void onSignal(int sig);
+void onSignal(int sig, siginfo_t* info, void* context);
 
-void setAction(int sig, void (*handler)(int)) {
+void setAction(int sig, void (*handler)(int, siginfo_t*, void*)) {
     struct sigaction action {};
-    action.sa_handler = handler;
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     for (const int s : kHandled) sigaddset(&action.sa_mask, s);
     ::sigaction(sig, &action, nullptr);
 }
 
+const struct sigaction& previous(int sig) {
+    return g_previous[std::find(std::begin(kHandled), std::end(kHandled), sig) -
+                      std::begin(kHandled)];
+}
+
+// Calls the host's handler for sig; false when the host has none of its own.
+bool chain(int sig, siginfo_t* info, void* context) {
+    const struct sigaction& host = previous(sig);
+    if ((host.sa_flags & SA_SIGINFO) != 0) {
+        host.sa_sigaction(sig, info, context);
+        return true;
+    }
+    if (host.sa_handler == SIG_DFL || host.sa_handler == SIG_IGN) return false;
+    host.sa_handler(sig);
+    return true;
+}
+
 // Only async-signal-safe calls from here on.
-void onSignal(int sig) {
+void onSignal(int sig, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     const TermState& t = term();
     if (sig == SIGCONT) {
         ::tcsetattr(0, TCSANOW, &t.raw);  // a stop from outside may have left any mode
+        chain(sig, info, context);
+        errno = savedErrno;
+        return;
+    }
+    ::tcsetattr(0, TCSANOW, &t.saved);
+    if (chain(sig, info, context)) {
+        ::tcsetattr(0, TCSANOW, &t.raw);  // the host's handler let the process go on
     } else if (sig == SIGTSTP) {
-        ::tcsetattr(0, TCSANOW, &t.saved);
-        setAction(SIGTSTP, SIG_DFL);
+        struct sigaction byDefault {};
+        byDefault.sa_handler = SIG_DFL;
+        ::sigaction(SIGTSTP, &byDefault, nullptr);
         sigset_t stop;
         sigemptyset(&stop);
         sigaddset(&stop, SIGTSTP);
@@ -65,8 +92,7 @@ void onSignal(int sig) {
         setAction(SIGTSTP, onSignal);
         ::tcsetattr(0, TCSANOW, &t.raw);
     } else {
-        ::tcsetattr(0, TCSANOW, &t.saved);
-        setAction(sig, SIG_DFL);
+        ::sigaction(sig, &previous(sig), nullptr);
         ::raise(sig);  // delivered with its default action once the handler returns
     }
     errno = savedErrno;

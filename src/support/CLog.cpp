@@ -39,7 +39,7 @@ void CLog::openFile() {
     if (!m_fileName.empty()) {
         std::string path;
         appendUtf8Lenient(path, m_fileName);
-        m_file = std::fopen(path.c_str(), "a");
+        m_file = std::fopen(path.c_str(), "ae");  // not inherited by what the host starts
         if (m_file == nullptr)
             writeText(stderr, u"*** Failed to open log file " + m_fileName + u" ***\n");
     }

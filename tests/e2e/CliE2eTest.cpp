@@ -175,6 +175,43 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
         EXPECT_EQ(e.path().filename().string().find(".xml."), std::string::npos) << e.path();
 }
 
+// The five characters in every attribute and in a value, in both formats:
+// each document is one that an XML parser reads back as it was written.
+TEST_F(Extensions, EveryDocumentSentIsWellFormed) {
+    const std::string in = "a&amp;b&lt;c&quot;d'e&gt;f", text = "a&b<c\"d'e>f";
+    const auto tag = [&](const std::string& name, std::vector<std::string> attributes) {
+        std::string out = "<" + name;
+        for (const std::string& a : attributes) out += " " + a + "=\"" + in + "\"";
+        return out + ">";
+    };
+    const std::string doc = writeDoc(
+        "special.xml",
+        tag("kivinfo", {"supplier_name", "supplier_version", "supplier_vendor", "model_version"}) +
+            tag("group", {"name", "data_type", "data_version", "group_type"}) +
+            tag("rootclass", {"name", "sync", "merge_roots", "merge_properties", "clean"}) +
+            tag("instance", {"inst_id"}) + tag("property", {"name", "sourceformat"}) + "<value>" +
+            in + "]]&gt;</value></property>" +
+            tag("reference", {"rolename", "groupname", "classname", "inst_id"}) +
+            "</reference></instance></rootclass></group></kivinfo>");
+    for (const bool old : {false, true}) {
+        SCOPED_TRACE(old ? "old format" : "current format");
+        std::vector<std::string> args = {"--check", "-file", doc, "--output", path("body.xml")};
+        if (old) args.push_back("-oldtransferdtd");
+        const RunResult r = kivreg(args);
+        ASSERT_EQ(r.exitCode, 0) << r.out;
+        const RunResult lint = run({"/usr/bin/xmllint", "--noout", path("body.xml")});
+        EXPECT_EQ(lint.exitCode, 0) << lint.out << readFile(path("body.xml"));
+        const auto read = [&](const std::string& xpath) {
+            return run({"/usr/bin/xmllint", "--xpath", "string(" + xpath + ")", path("body.xml")})
+                .out;
+        };
+        // An attribute that holds the text in each format.
+        EXPECT_EQ(read(old ? "/qordata/instance/@classname" : "//reference/@classname"),
+                  text + "\n");
+        EXPECT_EQ(read("//value"), text + "]]>\n");
+    }
+}
+
 TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
     // A body of about 1.9 MiB: two pieces.
     std::string values;

@@ -1,5 +1,6 @@
 // libkivreg.so as a host sees it: its exported surface and a C caller.
 
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -8,6 +9,8 @@
 
 namespace kivreg::test {
 namespace {
+
+namespace fs = std::filesystem;
 
 TEST(SharedLibrary, ExportsExactlyTheTwentyTwoFunctions) {
     const RunResult r = run({"/usr/bin/nm", "-D", "--defined-only", kLibrary});
@@ -49,6 +52,64 @@ TEST_F(CHost, RegistersThroughDlopenAndDlsym) {
     EXPECT_THAT(r.out, HasSubstr("HTTP open timeout     = 30 sec"));
     EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=0"));
     EXPECT_EQ(server.stored().size(), 1u);
+}
+
+// Without dates, process ids and other numbers, without what every client
+// logs once as it sets up (the log file refused, the document loaded), and
+// without the trace of single reads, which follow how the answer's bytes
+// happen to arrive.
+std::string comparable(const std::string& log) {
+    static const std::regex date(R"(^[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4} )"),
+        pid(R"(\[[^\]\n]*:\d+\]: )"), digits(R"(\d+)"),
+        skipped(R"(Invalid log file specified\.|Parsing XML document\.|Supplier .*|CIM Model .*|)"
+                R"(.* Read returns .*)");
+    std::string out;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        line = std::regex_replace(std::regex_replace(line, date, ""), pid, "[host:pid]: ");
+        if (std::regex_match(line, skipped)) continue;
+        out += std::regex_replace(line, digits, "#") + "\n";
+    }
+    return out;
+}
+
+// The trace's settings, the log file and the status of one run do not carry
+// into the next: three runs in one host log what three hosts log. The host's
+// locale writes numbers with a decimal comma; Prometheus still reads the
+// status file.
+TEST_F(CHost, RunsInOneProcessLogAsSeparateProcesses) {
+    DirServer server(m_dir.path(), {.user = "host", .password = "pw"});
+    writeDoc("doc.xml", kDocument);
+    const auto host = [&](const std::string& steps, std::string& trace) {
+        fs::remove(path("kivreg_http_trace.log"));
+        RunOptions in;
+        in.cwd = m_dir.path();
+        in.env["KIVREG_STATUS_FILE"] = path("kivreg.prom");
+        const RunResult r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary,
+                                 server.portText(), "host", "pw", path("doc.xml"), "d" + steps},
+                                in);
+        EXPECT_EQ(r.exitCode, 0) << r.out;
+        trace = comparable(readFile(path("kivreg_http_trace.log")));
+        return comparable(r.out);
+    };
+    std::string apart, trace, lastTrace;
+    for (const char* steps : {"r", "tr", "tlr"}) apart += host(steps, lastTrace);
+    // Then no file the runs opened is left to what the host starts.
+    const std::string together = host("rtrlrc", trace);
+    EXPECT_EQ(together, apart);
+    EXPECT_EQ(trace, lastTrace);
+    EXPECT_THAT(trace, HasSubstr("HttpRequest::sendMessage"));
+    EXPECT_EQ(occurrences(together, "HttpRequest::sendMessage"), 1u);  // the second run's echo
+    EXPECT_EQ(server.stored().size(), 6u);
+    RunOptions status;
+    status.input = readFile(path("kivreg.prom"));
+    EXPECT_THAT(together, Not(HasSubstr("no locale")));
+    EXPECT_THAT(status.input,
+                testing::ContainsRegex("kivreg_last_duration_seconds [0-9]+\\.[0-9]{3}\n"));
+    if (fs::exists("/usr/bin/promtool")) {
+        EXPECT_EQ(run({"/usr/bin/promtool", "check", "metrics"}, status).exitCode, 0)
+            << status.input;
+    }
 }
 
 }  // namespace

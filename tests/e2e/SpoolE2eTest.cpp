@@ -232,32 +232,49 @@ TEST_F(Spool, SizeBoundRemovesTheOldestFirst) {
     EXPECT_THAT(r.out, HasSubstr("Option --spool-max-mb 0 refused: a number from 1 to 1048576"));
 }
 
-// An entry spoiled on disk is logged and left as it is: never sent, moved or removed.
-TEST_F(Spool, SpoiledEntriesAreLeftAlone) {
+// A damaged entry is moved aside with its reason, and never stops the others.
+TEST_F(Spool, DamagedEntriesAreMovedAsideAndTheGoodOneDelivered) {
     DirServer server(m_dir.path(), {.user = kUser, .first = "503"});
     const std::string entry = keptBy(kivreg(registration(document("U", "u"), server.portText())));
     ASSERT_FALSE(entry.empty());
     const std::string whole = readFile(entry);
     const size_t format = whole.find("format: ");
+    const size_t size = whole.find("body-bytes: ");
+    const auto edited = [&](size_t at, size_t erase, const std::string& insert) {
+        return std::string(whole).replace(at, erase, insert);
+    };
     const struct {
-        const char* what;
+        const char* reason;
         std::string bytes;
     } cases[] = {
-        {"a header line without a colon", std::string(whole).insert(format, "garbage\n")},
-        {"a field missing",
-         std::string(whole).erase(format, whole.find('\n', format) + 1 - format)},
-        {"another first line", "X" + whole.substr(1)},
-        {"body cut short", whole.substr(0, whole.size() - 1)},
-        {"bytes behind the body", whole + "x"},
+        {"header line malformed", edited(format, 0, "garbage\n")},
+        {"header line missing: format", edited(format, whole.find('\n', format) + 1 - format, "")},
+        {"header line repeated: format", edited(format, 0, "format: current\n")},
+        {"not a spool entry", "X" + whole.substr(1)},
+        {"unknown format", edited(0, 14, "kivreg-spool 2")},
+        {"unknown format", edited(format, 15, "format: xml")},
+        {"number out of range: body-bytes", edited(size + 12, 0, "99999999999999999")},
+        {"number out of range: port", edited(whole.find("port: ") + 6, 0, "9")},
+        {"number malformed: body-bytes", edited(size + 12, 0, "-")},
+        {"header not ended", whole.substr(0, whole.find("\n\n") + 1)},
+        {"body shorter than announced", whole.substr(0, whole.size() - 1)},
+        {"body longer than announced", whole + "x"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        writeFile(entry, c.bytes);
-        const RunResult r = kivreg(flush(server.portText()));
-        EXPECT_THAT(r.out, HasSubstr("Spool entry unreadable, left alone: " + entry + "\n"));
-        EXPECT_EQ(readFile(entry), c.bytes);
+    for (size_t i = 0; i < std::size(cases); ++i)
+        writeFile(m_spool + "/d" + std::to_string(i) + ".kiv", cases[i].bytes);
+    const RunResult r = kivreg(flush(server.portText()));
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("Spooled registration delivered: " + entry + "\n"));
+    ASSERT_EQ(server.stored().size(), 2u);
+    EXPECT_EQ(server.stored()[1], server.stored()[0]);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(cases[i].reason);
+        const std::string moved = m_spool + "/damaged/d" + std::to_string(i) + ".kiv";
+        EXPECT_THAT(r.out, HasSubstr("Spooled registration damaged (" +
+                                     std::string(cases[i].reason) + "): moved to " + moved + "\n"));
+        EXPECT_EQ(readFile(moved), cases[i].bytes);
     }
-    EXPECT_EQ(server.stored().size(), 1u);  // the first attempt only
+    EXPECT_TRUE(entries().empty());
 }
 
 TEST_F(Spool, TwoFlushesAtOnceDeliverEachEntryOnce) {
@@ -340,7 +357,7 @@ TEST_F(Spool, StatusFileAfterSuccessFailureAndCheck) {
     RunResult r = kivreg(registration(doc, server.portText(), {"--status-file", status}));
     ASSERT_EQ(r.exitCode, 0) << r.out;
     auto m = checked();
-    EXPECT_EQ(m.size(), 10u);
+    EXPECT_EQ(m.size(), 23u);
     EXPECT_EQ(m["kivreg_last_run_exit_status"], 0);
     EXPECT_EQ(m["kivreg_last_http_status"], 200);
     EXPECT_EQ(m["kivreg_last_body_bytes"], server.stored().at(0).size());
@@ -373,6 +390,49 @@ TEST_F(Spool, StatusFileAfterSuccessFailureAndCheck) {
     r = kivreg({"-file", path("missing.xml"), "--status-file", status});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(checked()["kivreg_last_run_exit_status"], 1);
+}
+
+// Each failure before the transfer names its reason, and only that one; a
+// success sets them all back to 0.
+TEST_F(Spool, StatusFileNamesTheReasonOfEachFailure) {
+    if (!fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "promtool is not installed";
+    DirServer server(m_dir.path(), {.user = kUser});
+    const std::string status = path("kivreg.prom"), doc = document("A", "a");
+    std::string dangling = kDocument;
+    dangling.replace(dangling.find("inst_id=\"c1\"/>"), 14, "inst_id=\"c2\"/>");
+    const std::string port = server.portText();
+    const struct {
+        const char* reason;  // empty: success
+        std::vector<std::string> args;
+    } cases[] = {
+        {"document", registration(path("missing.xml"), port)},
+        {"references", registration(writeDoc("dangling.xml", dangling), port)},
+        {"symbols", registration(doc, port, {"-symbolfile", path("missing.properties")})},
+        {"connect_data", registration(doc, "65537")},
+        {"connect_data", {"-file", doc, "-host", "127.0.0.1", "-port", port}},
+        {"output", {"--check", "-file", doc, "--output", path("no/such/dir/out.xml")}},
+        {"spool", {"--flush", "-user", kUser, "-host", "127.0.0.1", "-port", port}},
+        {"", registration(doc, port)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[1] + " " + c.args.back());
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--status-file", status});
+        const RunResult r = kivreg(args);
+        EXPECT_EQ(r.exitCode == 0, *c.reason == '\0') << r.out;
+        RunOptions in;
+        in.input = readFile(status);
+        EXPECT_EQ(run({"/usr/bin/promtool", "check", "metrics"}, in).exitCode, 0) << in.input;
+        size_t reasons = 0;
+        for (const auto& [name, value] : metrics(in.input)) {
+            if (!name.starts_with("kivreg_last_run_failure{")) continue;
+            ++reasons;
+            EXPECT_EQ(value,
+                      name == "kivreg_last_run_failure{reason=\"" + std::string(c.reason) + "\"}")
+                << name;
+        }
+        EXPECT_EQ(reasons, 13u);
+    }
 }
 
 }  // namespace

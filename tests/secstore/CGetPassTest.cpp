@@ -25,7 +25,8 @@ namespace {
 // result and another zero byte. Every wait is bounded; a hanging child is killed.
 class Terminal {
 public:
-    explicit Terminal(int reads) {
+    // `setUp` runs in the child before its first read, as a host's own set-up.
+    explicit Terminal(int reads, void (*setUp)() = nullptr) {
         if (::openpty(&m_master, &m_slave, nullptr, nullptr, nullptr) != 0 || ::pipe(m_gate) != 0)
             throw std::runtime_error("openpty");
         ::tcgetattr(m_slave, &m_before);
@@ -36,6 +37,7 @@ public:
             ::setsid();
             ::dup2(m_slave, 0);
             ::dup2(m_slave, 1);
+            if (setUp != nullptr) setUp();
             char go;
             for (int i = 0; i < reads && ::read(m_gate[0], &go, 1) == 1; ++i) {
                 std::string typed = "(no text)";  // as the connection store would take it
@@ -58,10 +60,15 @@ public:
     // Starts a read, waits until it has switched the terminal, then types.
     void type(const std::string& keys) const {
         ASSERT_EQ(::write(m_gate[1], "g", 1), 1);
-        for (int i = 0; i < 10000 && (lflag() & ICANON) != 0; ++i) ::usleep(1000);
-        ASSERT_EQ(lflag() & (ICANON | ECHO), 0u);
+        waitHidden();
         ASSERT_EQ(::write(m_master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
+    void waitHidden() const {
+        for (int i = 0; i < 10000 && (lflag() & ICANON) != 0; ++i) ::usleep(1000);
+        ASSERT_EQ(lflag() & (ICANON | ECHO), 0u);
+    }
+    pid_t pid() const { return m_pid; }
+    int master() const { return m_master; }
     // The screen up to the next zero byte: first what a read showed, then its result.
     std::string next() const {
         std::string out;
@@ -201,6 +208,48 @@ TEST(CGetPass, SignalOfTheHostInterruptsTheReadWithoutEndingIt) {
     ::waitpid(pid, nullptr, 0);
     for (int fd : {handled[0], result[0]}) ::close(fd);
     EXPECT_EQ(typed, "ab");
+}
+
+int g_note = -1;  // the child's handlers tell through it how they found the terminal
+
+void noteTerminal() {
+    termios now{};
+    const char c = ::tcgetattr(0, &now) == 0 && (now.c_lflag & ECHO) != 0 ? 'E' : 'H';
+    (void)!::write(g_note, &c, 1);
+}
+
+// The host's own handlers for the signals that would end the read run, with
+// the terminal as the host left it, whichever form they take; when they
+// return, the read goes on hidden.
+TEST(CGetPass, HostHandlersRunWithTheTerminalRestoredAndTheReadGoesOn) {
+    int note[2];
+    ASSERT_EQ(::pipe(note), 0);
+    g_note = note[1];
+    Terminal t(1, [] {
+        struct sigaction plain {
+        }, withInfo{};
+        plain.sa_handler = [](int) { noteTerminal(); };
+        withInfo.sa_sigaction = [](int, siginfo_t*, void*) { noteTerminal(); };
+        withInfo.sa_flags = SA_SIGINFO;
+        ::sigaction(SIGINT, &plain, nullptr);
+        ::sigaction(SIGTERM, &withInfo, nullptr);
+        ::sigaction(SIGHUP, &plain, nullptr);
+    });
+    t.type("a");
+    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        SCOPED_TRACE(sig);
+        ::kill(t.pid(), sig);
+        char c = 0;
+        pollfd ran{note[0], POLLIN, 0};
+        EXPECT_TRUE(::poll(&ran, 1, 10000) == 1 && ::read(note[0], &c, 1) == 1);
+        EXPECT_EQ(c, 'E');
+        t.waitHidden();
+    }
+    ASSERT_EQ(::write(t.master(), "b\r", 2), 2);
+    EXPECT_EQ(t.next(), "**");
+    EXPECT_EQ(t.next(), "ab");
+    EXPECT_TRUE(t.restored());
+    for (const int fd : note) ::close(fd);
 }
 
 }  // namespace
