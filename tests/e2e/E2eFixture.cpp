@@ -110,6 +110,30 @@ std::map<std::string, double> metrics(const std::string& text) {
     return out;
 }
 
+std::map<std::string, double> checkedMetrics(const std::string& statusFile) {
+    RunOptions in;
+    in.input = readFile(statusFile);
+    if (std::filesystem::exists("/usr/bin/promtool")) {
+        const RunResult r = run({"/usr/bin/promtool", "check", "metrics"}, in);
+        EXPECT_EQ(r.exitCode, 0) << r.out << in.input;
+    }
+    return metrics(in.input);
+}
+
+std::string failureReason(const std::map<std::string, double>& metrics) {
+    const std::string prefix = "kivreg_last_run_failure{reason=\"";
+    std::string marked;
+    size_t reasons = 0;
+    for (const auto& [name, value] : metrics) {
+        if (!name.starts_with(prefix)) continue;
+        ++reasons;
+        EXPECT_TRUE(value == 0 || (value == 1 && marked.empty())) << name << " " << value;
+        if (value == 1) marked = name.substr(prefix.size(), name.size() - prefix.size() - 2);
+    }
+    EXPECT_EQ(reasons, 13u);
+    return marked;
+}
+
 std::string E2e::writeDoc(const std::string& name, const std::string& xml) {
     writeFile(m_dir / name, xml);
     return path(name);

@@ -75,8 +75,13 @@ inline size_t occurrences(const std::string& text, const std::string& what) {
     return n;
 }
 
-// The metrics of a status file, by name.
+// The metrics of a status file's text, by name.
 std::map<std::string, double> metrics(const std::string& text);
+// The metrics of the status file, which promtool must accept where it is installed.
+std::map<std::string, double> checkedMetrics(const std::string& statusFile);
+// The one reason the failure state set marks, empty when it marks none; every
+// reason must be there.
+std::string failureReason(const std::map<std::string, double>& metrics);
 
 // A small document whose one reference resolves.
 extern const char* const kDocument;

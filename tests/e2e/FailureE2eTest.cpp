@@ -72,7 +72,7 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
         std::optional<TlsServerConfig> tls;
         int exitCode;
         std::vector<std::string> logged;
-        const char* reason;         // what the status file will show
+        const char* reason;         // what the status file shows
         bool cHost = false;         // the C host sees the same
         std::string document = "";  // instead of doc.xml
         std::map<std::string, std::string> env = {};
@@ -151,12 +151,16 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
                     "no-such-host.invalid";
                 args.insert(args.begin(), {"/usr/bin/unshare", "-rn", kProgram});
             }
+            const std::string status = path("kivreg.prom");
+            args.insert(args.end(), {"--status-file", status});
             RunOptions options;
             options.env = row.env;
+            options.env["KIVREG_STATUS_FILE"] = status;  // for the C host
             RunResult r;
             if (cHost) {
                 r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary, port, "supplier",
-                         "s3cret-pw", path("doc.xml")});
+                         "s3cret-pw", path("doc.xml")},
+                        options);
                 EXPECT_THAT(r.out,
                             HasSubstr("KivRegSendReceiveData=-" + std::to_string(row.exitCode)));
             } else if (row.isolated) {
@@ -167,6 +171,7 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
             }
             EXPECT_EQ(r.exitCode, cHost ? 2 : row.exitCode) << r.out;
             expectInOrder(r.out, row.logged, port);
+            EXPECT_EQ(failureReason(checkedMetrics(status)), row.reason);
             if (server) server->join();
         }
     }
