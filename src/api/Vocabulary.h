@@ -61,10 +61,9 @@ inline constexpr std::u16string_view PARAM_HTTPS = u"https_param";
 
 inline constexpr std::u16string_view PROGRAM_TITLE = u"KIV Registration Program";
 inline constexpr std::u16string_view PROGRAM_VERSION = u" [" KIVREG_VERSION_STRING "] ";
-inline constexpr std::u16string_view PROGRAM_DATE = u"" __DATE__;
-inline constexpr std::u16string_view PROGRAM_TIME = u"" __TIME__;
+inline constexpr std::u16string_view PROGRAM_DATE = u"" KIVREG_BUILD_DATE;
 inline constexpr std::u16string_view PROGRAM_ID =
-    u" [" KIVREG_VERSION_STRING "]  (" __DATE__ ") [Unicode]";
+    u" [" KIVREG_VERSION_STRING "]  (" KIVREG_BUILD_DATE ") [Unicode]";
 
 inline constexpr std::u16string_view PROGRAM_USAGE =
     u"kivreg <options>\n"

@@ -83,13 +83,15 @@ std::optional<std::string> readWhole(const std::u16string& path) {
     return readAll(fd);
 }
 
-// Units in machine byte order up to the first zero unit; an odd last byte
-// belongs to no unit.
+// The older files hold 16-bit units low byte first, as the x86 hosts that
+// wrote them kept them in memory; they are read so on every host. Up to the
+// first zero unit; an odd last byte belongs to no unit.
 std::u16string unitsOf(std::string_view bytes) {
     std::u16string out;
     for (size_t pos = 0; pos + 1 < bytes.size(); pos += 2) {
-        char16_t unit;
-        std::memcpy(&unit, bytes.data() + pos, sizeof unit);
+        const char16_t unit =
+            static_cast<char16_t>(static_cast<unsigned char>(bytes[pos]) |
+                                  static_cast<unsigned char>(bytes[pos + 1]) << 8);
         if (unit == 0) break;
         out.push_back(unit);
     }
@@ -190,10 +192,13 @@ std::optional<CSecStore::Bytes> CSecStore::decodeBytes(std::string_view text) {
 }
 
 std::u16string CSecStore::decrypt(const std::u16string& text, const unsigned char* key) {
-    std::string raw(text.size() * 2, '\0');
-    std::memcpy(raw.data(), text.data(), raw.size());
+    // The bytes of the units as the file held them, low byte first.
+    std::string raw;
+    raw.reserve(text.size() * 2);
+    for (const char16_t unit : text)
+        raw += {static_cast<char>(unit & 0xFF), static_cast<char>(unit >> 8)};
     // Without the four blanks the string is the still older form whose
-    // memory holds the cipher bytes themselves.
+    // units hold the cipher bytes themselves.
     Bytes bytes = decodeBytes(raw).value_or(Bytes(raw.begin(), raw.end()));
     if (!bytes.empty()) DesCipher(key).decrypt(bytes.data(), bytes.size());
     std::u16string out;

@@ -2,9 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
+
 #include "TestServer.h"
 #include "api/ApiState.h"
 #include "api/CPArgs.h"
+#include "api/Spool.h"
 #include "api/Vocabulary.h"
 #include "kivreg.h"
 #include "testutil/TestUtil.h"
@@ -366,6 +369,36 @@ TEST_F(Api, SymbolFileCodesAreHandedThrough) {
     EXPECT_THAT(out, HasSubstr("Failed to open symbol file \"" +
                                test::u8(u16(m_dir / "vanished.sym")) + "\"."));
     EXPECT_THAT(out, Not(HasSubstr("Start KIV Registration")));
+}
+
+// An entry an x86-64 host wrote, checked in: every host reads it alike, and
+// writes the same entry under the same name with the same bytes but its time.
+TEST(Spool, EntriesOfX86HostsAreReadAndWrittenAlikeOnEveryHost) {
+    const std::string name = "201b7c32bfe5b7b5.kiv";
+    const std::string x86 =
+        test::readFile(std::filesystem::path(KIVREG_TEST_DATA_DIR) / "byteorder" / name);
+    const std::string body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<kiv>\u20ac</kiv>\n";
+    api::SpoolEntry key;
+    key.destination = {true, "registry.example.org", "50000", "/kiv/ds"};
+    key.supplierName = "Supplier \u00e9\n";
+    key.supplierVendor = "Vendor 100%";
+    test::TempDir dir;
+    test::LogCapture log;
+    std::filesystem::create_directory(dir / "read");
+    test::writeFile(dir / "read" / name, x86);
+    api::Spool read(log.log(), (dir / "read").string(), 1 << 20);
+    const std::vector<api::SpoolEntry> pending = read.pending(key.destination);
+    ASSERT_EQ(pending.size(), 1u);
+    EXPECT_TRUE(pending[0].sameKey(key));
+    std::string readBody;
+    ASSERT_TRUE(read.readBody(pending[0], readBody));
+    EXPECT_EQ(readBody, body);
+
+    api::Spool written(log.log(), (dir / "written").string(), 1 << 20);
+    written.keep(key, body);
+    const std::regex time("\ntime: [^\n]*");
+    EXPECT_EQ(std::regex_replace(test::readFile(dir / "written" / name), time, ""),
+              std::regex_replace(x86, time, ""));
 }
 
 }  // namespace

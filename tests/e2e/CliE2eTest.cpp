@@ -143,7 +143,8 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
     inDir.cwd = m_dir.path().string();
     // Standard output carries the document alone; the log goes to standard error.
     r = run({"/bin/sh", "-c",
-             "'" + kProgram + "' --check --output - -file doc.xml >body.xml 2>log.txt"},
+             "$KIVREG_TEST_EMULATOR '" + kProgram +
+                 "' --check --output - -file doc.xml >body.xml 2>log.txt"},
             inDir);
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_EQ(readFile(m_dir / "body.xml"), sent);
@@ -151,7 +152,8 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
                   .find("Document checked: " + std::to_string(sent.size()) + " bytes to send."),
               std::string::npos);
     r = run({"/bin/sh", "-c",
-             "'" + kProgram + "' --check --output - -file doc.xml >/dev/full 2>log.txt"},
+             "$KIVREG_TEST_EMULATOR '" + kProgram +
+                 "' --check --output - -file doc.xml >/dev/full 2>log.txt"},
             inDir);
     EXPECT_EQ(r.exitCode, 1) << r.out;
     EXPECT_NE(readFile(m_dir / "log.txt")

@@ -306,6 +306,7 @@ TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
 // password prompt the input stays hidden and is read on; after the prompts
 // the key leaves the terminal's mode alone.
 TEST_F(Configure, StopKeyKeepsThePasswordHiddenAndLaterAnswersEchoed) {
+    if (!testEmulator().empty()) GTEST_SKIP() << kEmulatedSyscalls;
     RunOptions terminal;
     terminal.cwd = m_dir.path().string();
     terminal.terminal = true;

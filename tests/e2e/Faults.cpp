@@ -31,6 +31,8 @@ const std::vector<std::string> kFileCalls = {"openat", "write", "close",  "link"
 
 std::string straceUnavailable() {
     if (::access(kStrace, X_OK) != 0) return "strace is not installed";
+    if (!testEmulator().empty())
+        return "under an emulator strace sees the emulator's system calls, not kivreg's";
     const RunResult r = run({kStrace, "-qq", "-o", "/dev/null", "/bin/true"});
     return r.exitCode == 0 ? "" : "strace cannot trace here: " + r.out;
 }

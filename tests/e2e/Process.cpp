@@ -10,8 +10,12 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
+
+#include "testutil/TestUtil.h"
 
 namespace kivreg::test {
 namespace {
@@ -27,6 +31,13 @@ int inputFd(const std::string& input) {
     return fd;
 }
 
+std::vector<std::string> splitWords(const std::string& text) {
+    std::vector<std::string> words;
+    std::istringstream in(text);
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
 [[noreturn]] void exec(const std::vector<std::string>& argv, const RunOptions& options) {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -34,6 +45,15 @@ int inputFd(const std::string& input) {
     for (const auto& [k, v] : options.env) setenv(k.c_str(), v.c_str(), 1);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
     execv(args[0], args.data());
+    // A program built for another architecture (a cross build's kivreg or C
+    // host) runs through the emulator named in KIVREG_TEST_EMULATOR.
+    if (errno == ENOEXEC && !testEmulator().empty()) {
+        std::vector<std::string> words = splitWords(testEmulator());
+        std::vector<char*> emulated;
+        for (auto& w : words) emulated.push_back(w.data());
+        emulated.insert(emulated.end(), args.begin(), args.end());
+        execvp(emulated[0], emulated.data());
+    }
     _exit(127);
 }
 

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# packaging_test.sh Consumer|Docs|Units: checks what an installed kivreg offers.
+# packaging_test.sh Consumer|Docs|Units|Rpm: checks what an installed kivreg offers.
 # Environment (set by CTest): KIVREG_SOURCE_DIR, KIVREG_BINARY_DIR, KIVREG_CC,
-# KIVREG_CONSUMER_CFLAGS, KIVREG_GENERATOR. Exit 77 means skipped.
+# KIVREG_CONSUMER_CFLAGS, KIVREG_GENERATOR; KIVREG_TEST_EMULATOR in a cross
+# build. Exit 77 means skipped.
 set -euo pipefail
 src=$KIVREG_SOURCE_DIR
 bin=$KIVREG_BINARY_DIR
+# The programs built here run through it (words, so unquoted where used).
+emulator=${KIVREG_TEST_EMULATOR:-}
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
@@ -16,8 +19,8 @@ fail() {
 # The options `kivreg -help` and `kivreg --help` list, one per line.
 program_options() {
     {
-        "$bin/kivreg" -help
-        "$bin/kivreg" --help </dev/null 2>/dev/null || true
+        $emulator "$bin/kivreg" -help
+        $emulator "$bin/kivreg" --help </dev/null 2>/dev/null || true
     } | sed -nE 's/^\[?(--?[a-z][a-z-]*).*/\1/p' | sort -u
 }
 
@@ -33,7 +36,7 @@ consumer() {
     grep -q "^kivreg_DIR:PATH=$prefix/" "$tmp/cmake/CMakeCache.txt" ||
         fail "find_package did not take the package from $prefix"
     cmake --build "$tmp/cmake" >"$tmp/build.log" || { cat "$tmp/build.log"; fail "CMake build"; }
-    "$tmp/cmake/consumer" "$tmp/connect-cmake" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "CMake consumer"; }
+    $emulator "$tmp/cmake/consumer" "$tmp/connect-cmake" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "CMake consumer"; }
 
     local pc
     pc=$(dirname "$(find "$prefix" -name kivreg.pc)")
@@ -44,7 +47,7 @@ consumer() {
     "$KIVREG_CC" -std=c11 $KIVREG_CONSUMER_CFLAGS "$src/tests/packaging/consumer/consumer.c" \
         -o "$tmp/consumer-pc" $(pkg-config --cflags --libs kivreg) \
         -Wl,-rpath,"$(pkg-config --variable=libdir kivreg)"
-    "$tmp/consumer-pc" "$tmp/connect-pc" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "pkg-config consumer"; }
+    $emulator "$tmp/consumer-pc" "$tmp/connect-pc" >"$tmp/run.log" || { cat "$tmp/run.log"; fail "pkg-config consumer"; }
 }
 
 # The man pages render without a warning and name the program's version;
@@ -52,7 +55,7 @@ consumer() {
 # completion offer every option the program has, the completion no other.
 docs() {
     local page warnings version missing
-    version=$("$bin/kivreg" -version | sed -nE 's/^ \[([0-9.]+)\].*/\1/p')
+    version=$($emulator "$bin/kivreg" -version | sed -nE 's/^ \[([0-9.]+)\].*/\1/p')
     for page in "$src"/doc/kivreg.1 "$src"/doc/kivreg.3; do
         warnings=$(groff -man -ww -z "$page" 2>&1) || fail "groff failed on $page"
         [[ -z $warnings ]] || fail "$page: $warnings"
@@ -132,7 +135,7 @@ units() {
     port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
     mkdir -p "$tmp/creds" "$tmp/collector" "$tmp/log" "$tmp/state"
     chmod "$(sed -n 's/^StateDirectoryMode=//p' "$src/systemd/kivreg-register.service")" "$tmp/state"
-    "$bin/kivreg" -configure "$tmp/creds/connect" -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
+    $emulator "$bin/kivreg" -configure "$tmp/creds/connect" -user u -pass p -host 127.0.0.1 -port "$port" >/dev/null
     chmod 0400 "$tmp/creds/connect" && chmod 0500 "$tmp/creds"
     if [[ ${#run_as[@]} != 0 ]]; then chown -R 61727:61727 "$tmp/creds" "$tmp/log" "$tmp/state"; fi
     ln -s "$tmp/state/kivreg.prom" "$tmp/collector/kivreg.prom"
@@ -140,7 +143,7 @@ units() {
     command_of() {
         sed -n '/^ExecStart=/,/[^\\]$/p' "$src/systemd/$1" | sed -e 's/\\$//' | tr -d '\n' |
             sed -e 's/^ExecStart=//' -e "s#\${CREDENTIALS_DIRECTORY}#$tmp/creds#" \
-                -e "s#/usr/bin/kivreg#$bin/kivreg#" -e "s#/etc/kivreg/#$src/examples/#g" \
+                -e "s#/usr/bin/kivreg#${emulator:+$emulator }$bin/kivreg#" -e "s#/etc/kivreg/#$src/examples/#g" \
                 -e "s#--retry 5#--retry 0#" \
                 -e "s#/var/log/kivreg#$tmp/log#g" -e "s#/var/lib/kivreg#$tmp/state#g"
     }
@@ -179,9 +182,43 @@ units() {
     "${peek_as[@]}" cat "$tmp/collector/kivreg.prom" >/dev/null || fail "the exporter cannot read the status"
 }
 
+# The RPM packages that scripts/package-rpm.sh left in dist/, when there are
+# any: each needs nothing outside the base repositories (the C and C++
+# runtimes, libxml2, OpenSSL 3's libraries, rpm's own features) but its
+# sibling, and holds what the README says, no more.
+rpms() {
+    command -v rpm >/dev/null || { echo "rpm is not installed"; exit 77; }
+    local base='^(rpmlib\(.*\)|rtld\(GNU_HASH\)|/sbin/ldconfig|/bin/sh|/usr/bin/pkg-config|pkgconfig'
+    base+='|lib(c|m|gcc_s|stdc\+\+|xml2|ssl|crypto)\.so\.[0-9]+\(.*\)(\(64bit\))?'
+    base+='|libkivreg\.so\.1\(\)(\(64bit\))?|libkivreg1(\([a-z0-9_-]+\))? = [0-9.]+-[0-9]+)( .*)?$'
+    local lib='/usr/lib(64)?' units='/usr/lib/systemd/system/kivreg-(register|flush)\.(service|timer)'
+    local -A holds=(
+        [kivreg]="/usr/bin/kivreg /usr/share/man/man1/kivreg\.1(\.gz)? /usr/share/bash-completion/completions/kivreg $units /usr/lib/sysusers\.d/kivreg\.conf"
+        [libkivreg1]="$lib/libkivreg\.so\.1 $lib/libkivreg\.so\.1\.0\.0"
+        [libkivreg-devel]="/usr/include/kivreg\.h $lib/libkivreg\.so $lib/cmake/kivreg(/kivreg[A-Za-z-]*\.cmake)? $lib/pkgconfig/kivreg\.pc /usr/share/man/man3/kivreg\.3(\.gz)?"
+    )
+    local pkg rpm pattern outside
+    for pkg in kivreg libkivreg1 libkivreg-devel; do
+        rpm=$(find "$src/dist/" -maxdepth 1 -name "$pkg-[0-9]*.rpm" ! -name '*.src.rpm' 2>/dev/null |
+            sort | tail -1 || true)
+        [[ -n $rpm ]] || { echo "no $pkg package in $src/dist (scripts/package-rpm.sh makes them)"; exit 77; }
+        outside=$(rpm -qp --requires "$rpm" | grep -vE "$base" || true)
+        [[ -z $outside ]] || fail "$pkg requires what the base repositories may lack:" $outside
+        rpm -qlp "$rpm" >"$tmp/$pkg.files"
+        for pattern in ${holds[$pkg]}; do
+            grep -qE "^$pattern\$" "$tmp/$pkg.files" || fail "$pkg lacks $pattern"
+        done
+        # rpmbuild adds the build-id links of the binaries itself.
+        outside=$(grep -vxE "($(tr ' ' '|' <<<"${holds[$pkg]}")|/usr/lib/\.build-id(/.*)?)" \
+            "$tmp/$pkg.files" || true)
+        [[ -z $outside ]] || fail "$pkg holds more than the README says:" $outside
+    done
+}
+
 case ${1:-} in
     Consumer) consumer ;;
     Docs) docs ;;
     Units) units ;;
-    *) fail "usage: $0 Consumer|Docs|Units" ;;
+    Rpm) rpms ;;
+    *) fail "usage: $0 Consumer|Docs|Units|Rpm" ;;
 esac

@@ -200,6 +200,36 @@ TEST_F(StoreFiles, OldFormatsAreRead) {
     }
 }
 
+// Files an x86-64 host wrote, checked in: every host reads the same settings
+// from them and writes the same bytes for the same settings and key.
+TEST_F(StoreFiles, FilesOfX86HostsAreReadAndWrittenAlikeOnEveryHost) {
+    const fs::path x86 = fs::path(KIVREG_TEST_DATA_DIR) / "byteorder";
+    const std::u16string plain =
+        u"host_param=registry.example.org;https_param=y;pass_param=pr\u00eas \u20ac=1;"
+        u"port_param=50000;user_param=admin;";
+    // With a binary key file, under the built-in key, the nibble text with a
+    // key file of units, and the bare cipher units.
+    for (const char* name : {"connect", "connect-builtin", "connect-old", "connect-older"}) {
+        SCOPED_TRACE(name);
+        CSecStore store(log, u16(x86 / name));
+        ASSERT_TRUE(store.fetch());
+        EXPECT_EQ(store.mapToString(), plain);
+    }
+    for (const bool keyFile : {true, false}) {
+        SCOPED_TRACE(keyFile ? "key file" : "built-in key");
+        fs::remove(key);
+        CSecStore store(log, u16(data), keyFile);
+        if (keyFile) store.setRandKeyBinary(otherKey);
+        store.stringToMap(plain);
+        ASSERT_TRUE(store.store());
+        EXPECT_EQ(readFile(data), readFile(x86 / (keyFile ? "connect" : "connect-builtin")));
+        ASSERT_EQ(fs::exists(key), keyFile);
+        if (keyFile) {
+            EXPECT_EQ(readFile(key), readFile(x86 / "connect.key"));
+        }
+    }
+}
+
 TEST_F(StoreFiles, EarlierFilesAreMovedAsideUnderAStamp) {
     std::string first[2];
     for (const char16_t* password : {u"one", u"two"}) {

@@ -132,4 +132,9 @@ std::string testCert(const std::string& name) {
     return made ? (dir / name).string() : std::string();
 }
 
+std::string testEmulator() {
+    const char* emulator = std::getenv("KIVREG_TEST_EMULATOR");
+    return emulator ? emulator : "";
+}
+
 }  // namespace kivreg::test

@@ -86,4 +86,13 @@ private:
 // rogue.pem/.key (self-signed, localhost), client.pem (certificate + key by the CA).
 std::string testCert(const std::string& name);
 
+// A cross build's tests run under an emulator, named in KIVREG_TEST_EMULATOR
+// (scripts/cross-test.sh sets it); the programs they start run under it too.
+// Empty when the tests run natively.
+std::string testEmulator();
+// Why a test that watches a child's system call in /proc/PID/syscall cannot
+// run there: the file shows the emulator's host calls, numbered as the host's.
+inline constexpr const char* kEmulatedSyscalls =
+    "under an emulator /proc/PID/syscall shows the host's system calls, not the program's";
+
 }  // namespace kivreg::test
