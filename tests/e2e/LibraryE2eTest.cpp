@@ -45,13 +45,19 @@ class CHost : public E2e {};
 TEST_F(CHost, RegistersThroughDlopenAndDlsym) {
     DirServer server(m_dir.path(), {.user = "host", .password = "pw"});
     writeDoc("doc.xml", kDocument);
+    // Then the connect data asked for on standard input, kept under a generated key.
+    RunOptions answers;
+    answers.input = "u\npw\npw\nh\n8080\nn\ny\n";
     const RunResult r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary, server.portText(),
-                             "host", "pw", path("doc.xml")});
+                             "host", "pw", path("doc.xml"), "rk"},
+                            answers);
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("Invalid log file specified."));
     EXPECT_THAT(r.out, HasSubstr("HTTP open timeout     = 30 sec"));
     EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=0"));
     EXPECT_EQ(server.stored().size(), 1u);
+    EXPECT_THAT(r.out, HasSubstr("KivRegPerformConfigWithKeyFile=0"));
+    EXPECT_TRUE(std::filesystem::exists(path("doc.xml.conn.key"))) << r.out;
 }
 
 // Without dates, process ids and other numbers, without what every client

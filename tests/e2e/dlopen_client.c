@@ -5,7 +5,8 @@
  * t switches the HTTP trace on, l sets the log file <xml-file>.log, d selects
  * the locale de_DE.UTF-8 as a host with a decimal comma would, c names each
  * descriptor open on a file beside <xml-file> that a child process would
- * inherit.
+ * inherit, k asks for the connect data on standard input and stores them in
+ * <xml-file>.conn under a generated key.
  * Exit status: 0 registered; 10 + n when step n failed; 2 when a run
  * returned something other than 0 (each result is printed). */
 
@@ -106,12 +107,14 @@ int main(int argc, char** argv) {
     void (*setLogfile)(const char16_t*);
     void (*doTrace)(void);
     int (*run)(void);
+    int (*configureWithKey)(const char16_t*);
     *(void**)(&setXml) = dlsym(lib, "KivRegSetXML");
     *(void**)(&setConnect) = dlsym(lib, "KivRegSetConnectData");
     *(void**)(&setTimeout) = dlsym(lib, "KivRegSetConnectTimeout");
     *(void**)(&setLogfile) = dlsym(lib, "KivRegSetLogfile");
     *(void**)(&doTrace) = dlsym(lib, "KivRegDoHttpTrace");
     *(void**)(&run) = dlsym(lib, "KivRegSendReceiveData");
+    *(void**)(&configureWithKey) = dlsym(lib, "KivRegPerformConfigWithKeyFile");
 
     char* xml = slurp(argv[5]);
     if (!xml) return 12;
@@ -125,6 +128,9 @@ int main(int argc, char** argv) {
     char* logName = malloc(strlen(argv[5]) + 5);
     sprintf(logName, "%s.log", argv[5]);
     char16_t* logFile = widen(logName);
+    char* connName = malloc(strlen(argv[5]) + 6);
+    sprintf(connName, "%s.conn", argv[5]);
+    char16_t* connFile = widen(connName);
 
     setLogfile(NULL); /* refused with a message, never a crash */
     if (setXml(wxml) != 1) return 13;
@@ -144,6 +150,8 @@ int main(int argc, char** argv) {
             setLogfile(logFile);
         } else if (*step == 'c') {
             listInheritable(argv[5]);
+        } else if (*step == 'k') {
+            printf("KivRegPerformConfigWithKeyFile=%d\n", configureWithKey(connFile));
         } else if (*step == 'd') {
             if (!setlocale(LC_ALL, "de_DE.UTF-8")) printf("no locale de_DE.UTF-8\n");
         } else {
@@ -161,6 +169,8 @@ int main(int argc, char** argv) {
     free(thirty);
     free(logName);
     free(logFile);
+    free(connName);
+    free(connFile);
     dlclose(lib);
     return rc == 0 ? 0 : 2;
 }
