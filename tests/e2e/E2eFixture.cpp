@@ -87,14 +87,23 @@ std::unique_ptr<Child> E2e::startKivreg(const std::vector<std::string>& args) {
     return std::make_unique<Child>(programArgv(args), programOptions({}, m_dir.path()));
 }
 
-std::vector<std::string> E2e::connect(const std::string& port, std::vector<std::string> more) {
-    std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
-                                     "-user", "supplier",
-                                     "-pass", "s3cret-pw",
-                                     "-host", "127.0.0.1",
-                                     "-port", port};
+std::vector<std::string> E2e::registering(const std::string& doc, const std::string& user,
+                                          const std::string& port,
+                                          const std::vector<std::string>& more) {
+    std::vector<std::string> args = {"-file",     doc,     "-user",     user,    "-pass",
+                                     "s3cret-pw", "-host", "127.0.0.1", "-port", port};
     args.insert(args.end(), more.begin(), more.end());
     return args;
+}
+
+std::string E2e::document(const std::string& supplier, const std::string& value,
+                          const std::string& vendor) {
+    std::string xml = kDocument;
+    xml.replace(xml.find("E2E Supplier"), 12, supplier);
+    if (!vendor.empty())
+        xml.insert(xml.find(" supplier_version"), " supplier_vendor=\"" + vendor + "\"");
+    xml.replace(xml.find("h1 &amp; co"), 11, value);
+    return writeDoc(supplier + "-" + std::to_string(++m_docs) + ".xml", xml);
 }
 
 std::map<std::string, double> metrics(const std::string& text) {

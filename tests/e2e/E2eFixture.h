@@ -34,6 +34,9 @@ struct ServerOptions {
     std::string redirect = "";  // "308=LOCATION" answered on every other path
 };
 
+// A small document whose one reference resolves.
+extern const char* const kDocument;
+
 class DirServer {
 public:
     DirServer(const std::filesystem::path& dir, const ServerOptions& options);
@@ -59,13 +62,24 @@ protected:
     std::unique_ptr<Child> startKivreg(const std::vector<std::string>& args);
     std::string writeDoc(const std::string& name, const std::string& xml);
     std::string path(const std::string& name) const { return (m_dir / name).string(); }
+    // Registers `doc` as `user` (password s3cret-pw) with 127.0.0.1 at `port`, then `more`.
+    static std::vector<std::string> registering(const std::string& doc, const std::string& user,
+                                                const std::string& port,
+                                                const std::vector<std::string>& more = {});
     // Registers kDocument (as doc.xml) with the server's user and password, then `more`.
-    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more = {});
+    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more = {}) {
+        return registering(writeDoc("doc.xml", kDocument), "supplier", port, more);
+    }
     std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
         return connect(server.portText(), std::move(more));
     }
 
+    // kDocument under another supplier name (and vendor), with `value` in its one property.
+    std::string document(const std::string& supplier, const std::string& value,
+                         const std::string& vendor = "");
+
     TempDir m_dir;
+    int m_docs = 0;
 };
 
 // How often `what` occurs in `text`.
@@ -82,8 +96,5 @@ std::map<std::string, double> checkedMetrics(const std::string& statusFile);
 // The one reason the failure state set marks, empty when it marks none; every
 // reason must be there.
 std::string failureReason(const std::map<std::string, double>& metrics);
-
-// A small document whose one reference resolves.
-extern const char* const kDocument;
 
 }  // namespace kivreg::test

@@ -34,14 +34,7 @@ class IfChanged : public E2e {
 protected:
     // A document whose one value is the symbol ${v}.
     std::string document(const std::string& supplier, const std::string& vendor = "") {
-        std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<kivinfo supplier_name=\"" +
-                          supplier + "\" supplier_version=\"1\"";
-        if (!vendor.empty()) xml += " supplier_vendor=\"" + vendor + "\"";
-        xml +=
-            "><group name=\"G\" group_type=\"SPECIFIC\"><class name=\"C\"><instance "
-            "inst_id=\"i\"><property name=\"P\" sourceformat=\"text\"><value>${v}</value>"
-            "</property></instance></class></group></kivinfo>\n";
-        return writeDoc(supplier + vendor + ".xml", xml);
+        return E2e::document(supplier, "${v}", vendor);
     }
     std::string symbols(const std::string& value) {
         return writeDoc("v-" + value + ".properties", "v=" + value + "\n");
@@ -49,11 +42,8 @@ protected:
     std::vector<std::string> registration(const std::string& port, const std::string& doc,
                                           const std::string& symbolFile,
                                           std::vector<std::string> more = {}) {
-        std::vector<std::string> args = {"-file", doc,     "-symbolfile",  symbolFile, "-user",
-                                         kUser,   "-pass", kPass,          "-host",    "127.0.0.1",
-                                         "-port", port,    "--if-changed", "--spool",  m_spool};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
+        more.insert(more.begin(), {"-symbolfile", symbolFile, "--if-changed", "--spool", m_spool});
+        return registering(doc, kUser, port, more);
     }
     // The records in a spool; a stopped run's temporary file is none.
     std::vector<std::string> records(const std::string& spool = "") const {
@@ -306,23 +296,6 @@ TEST_F(IfChanged, StatusFileAfterASkipAndAnEmptyFlush) {
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("Spool holds no registration for"));
     EXPECT_EQ(readFile(status), before);
-}
-
-TEST_F(IfChanged, LibraryHostThroughTheEnvironment) {
-    DirServer server(m_dir.path(), {.user = "host", .password = "pw"});
-    writeDoc("doc.xml", kDocument);
-    RunOptions env;
-    env.env = {{"KIVREG_IF_CHANGED", "1"}, {"KIVREG_SPOOL", m_spool}};
-    const std::string host = KIVREG_BINARY_DIR "/kivreg_dlopen_client";
-    const std::vector<std::string> argv = {host,   kLibrary, server.portText(),
-                                           "host", "pw",     path("doc.xml")};
-    for (int i = 0; i < 2; ++i) {
-        const RunResult r = run(argv, env);
-        EXPECT_EQ(r.exitCode, 0) << r.out;
-        EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=0"));
-        EXPECT_EQ(r.out.find("Registration unchanged since ") != std::string::npos, i == 1);
-    }
-    EXPECT_EQ(server.stored().size(), 1u);
 }
 
 }  // namespace
