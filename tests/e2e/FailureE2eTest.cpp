@@ -2,7 +2,6 @@
 // why, after the lines it has always logged: the real program against
 // scripted servers on 127.0.0.1. A library host runs the same code.
 
-#include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <functional>

@@ -6,7 +6,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "E2eFixture.h"
 #include "Faults.h"

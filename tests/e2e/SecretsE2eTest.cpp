@@ -3,8 +3,6 @@
 
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "E2eFixture.h"
 
 namespace kivreg::test {

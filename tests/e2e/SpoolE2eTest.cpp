@@ -1,14 +1,10 @@
 // The spool and the status file: registrations the directory could not take
 // kept and delivered later, and what a run tells monitoring.
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <map>
 #include <set>
-#include <sstream>
 
 #include "E2eFixture.h"
 #include "Faults.h"
