@@ -272,15 +272,14 @@ TEST_F(IfChanged, StatusFileAfterASkipAndAnEmptyFlush) {
     const std::string status = path("kivreg.prom");
     const std::vector<std::string> args =
         registration(server.portText(), document("S"), symbols("one"), {"--status-file", status});
-    const auto checked = [&] { return checkedMetrics(status); };
     ASSERT_EQ(kivreg(args).exitCode, 0);
-    auto m = checked();
+    auto m = checkedMetrics(status);
     EXPECT_EQ(m["kivreg_last_run_skipped"], 0);
     EXPECT_EQ(m["kivreg_last_delivery_timestamp_seconds"], m["kivreg_last_run_timestamp_seconds"]);
     const double delivered = m["kivreg_last_delivery_timestamp_seconds"];
 
     expectSkipped(kivreg(args, shifted("+2h")));
-    m = checked();
+    m = checkedMetrics(status);
     EXPECT_EQ(m["kivreg_last_run_skipped"], 1);
     EXPECT_EQ(m["kivreg_last_body_bytes"], server.stored().at(0).size());
     EXPECT_EQ(m["kivreg_last_success_timestamp_seconds"], m["kivreg_last_run_timestamp_seconds"]);
