@@ -50,15 +50,9 @@ TEST_F(Cli, LongOptionsAreTakenApartFromTheClassicOnes) {
 
 using Extensions = E2e;
 
-std::string httpDate(std::time_t t) {
-    char text[64];
-    std::tm tm{};
-    std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", gmtime_r(&t, &tm));
-    return text;
-}
-
 TEST_F(Extensions, RetriesOnlyWhatMayPassAndResendTheSameBody) {
     const std::time_t now = std::time(nullptr);
+    const char* const httpDate = "%a, %d %b %Y %H:%M:%S GMT";
     struct Case {
         ServerOptions server;
         std::vector<std::string> options;
@@ -72,10 +66,10 @@ TEST_F(Extensions, RetriesOnlyWhatMayPassAndResendTheSameBody) {
              {{.first = "503,503", .retryAfter = "0"}, {"--retry", "3"}, 0, 3,
               {"Retry 1 of 3 in 0 s: " + unavailable, "Retry 2 of 3 in 0 s: " + unavailable}},
              {{.status = 404, .retryAfter = "0"}, {"--retry", "3"}, 1, 1, {}},
-             {{.first = "429", .retryAfter = httpDate(now - 3600)}, {"--retry=1"}, 0, 2,
+             {{.first = "429", .retryAfter = utc(httpDate, now - 3600)}, {"--retry=1"}, 0, 2,
               {"Retry 1 of 1 in 0 s: HTTP status 429 (Too Many Requests)"}},
              // A wait beyond the budget ends the retrying.
-             {{.first = "503", .retryAfter = httpDate(now + 3600)},
+             {{.first = "503", .retryAfter = utc(httpDate, now + 3600)},
               {"--retry", "5", "--retry-max-time", "60"}, 1, 1, {}},
              {{.status = 503, .retryAfter = "0"}, {}, 1, 1, {}},  // no retries by default
              // clang-format on

@@ -48,16 +48,25 @@ std::string DirServer::requests() const {
 }
 
 std::vector<std::string> DirServer::stored() const {
-    std::vector<std::filesystem::path> files;
-    if (std::filesystem::exists(m_store)) {
-        for (const auto& e : std::filesystem::directory_iterator(m_store)) {
-            if (e.path().extension() == ".xml") files.push_back(e.path());
-        }
-    }
-    std::sort(files.begin(), files.end());
     std::vector<std::string> out;
-    for (const auto& f : files) out.push_back(readFile(f));
+    if (std::filesystem::exists(m_store))
+        for (const std::string& file : filesIn(m_store, ".xml")) out.push_back(readFile(file));
     return out;
+}
+
+std::vector<std::string> filesIn(const std::filesystem::path& dir, const std::string& extension) {
+    std::vector<std::string> out;
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        if (e.path().extension() == extension) out.push_back(e.path().string());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::string utc(const char* format, std::time_t t) {
+    char text[64];
+    std::tm tm{};
+    std::strftime(text, sizeof text, format, gmtime_r(&t, &tm));
+    return text;
 }
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
 #include <map>
 #include <memory>
 #include <optional>
@@ -81,6 +82,12 @@ protected:
     TempDir m_dir;
     int m_docs = 0;
 };
+
+// The files in `dir` with the extension (".xml"), sorted by name.
+std::vector<std::string> filesIn(const std::filesystem::path& dir, const std::string& extension);
+
+// The time `t` in UTC as strftime writes it in `format`.
+std::string utc(const char* format, std::time_t t = std::time(nullptr));
 
 // How often `what` occurs in `text`.
 inline size_t occurrences(const std::string& text, const std::string& what) {

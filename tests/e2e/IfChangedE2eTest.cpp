@@ -46,10 +46,7 @@ protected:
     }
     // The records in a spool; a stopped run's temporary file is none.
     std::vector<std::string> records(const std::string& spool = "") const {
-        std::vector<std::string> out;
-        for (const auto& e : fs::directory_iterator((spool.empty() ? m_spool : spool) + "/sent"))
-            if (e.path().extension() == ".sent") out.push_back(e.path().string());
-        return out;
+        return filesIn((spool.empty() ? m_spool : spool) + "/sent", ".sent");
     }
 
     static constexpr const char* kUser = "record-user";

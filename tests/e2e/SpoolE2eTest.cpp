@@ -2,7 +2,6 @@
 // kept and delivered later, and what a run tells monitoring.
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 #include <set>
 
@@ -27,11 +26,7 @@ protected:
     }
     // The spool's entries, by name.
     std::vector<std::string> entries(const std::string& dir = "") const {
-        std::vector<std::string> out;
-        for (const auto& e : fs::directory_iterator(dir.empty() ? m_spool : dir))
-            if (e.path().extension() == ".kiv") out.push_back(e.path().string());
-        std::sort(out.begin(), out.end());
-        return out;
+        return filesIn(dir.empty() ? m_spool : dir, ".kiv");
     }
     // No credentials in any spool file, and each entry's bytes.
     std::vector<std::string> bodies() const {
@@ -64,16 +59,9 @@ protected:
 TEST_F(Spool, KeptUntilASuccessThenDeliveredWithTheFirstAttemptsBytes) {
     DirServer server(m_dir.path(), {.user = kUser, .first = "503,503,503,503"});
     const std::string port = server.portText();
-    const auto utcNow = [] {
-        const std::time_t t = std::time(nullptr);
-        std::tm tm{};
-        char text[32];
-        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime_r(&t, &tm));
-        return std::string(text);
-    };
-    const std::string before = utcNow();
+    const std::string before = utc("%Y-%m-%dT%H:%M:%S");
     RunResult r = kivreg(registration(document("A", "first"), port));
-    const std::string after = utcNow();
+    const std::string after = utc("%Y-%m-%dT%H:%M:%S");
     EXPECT_EQ(r.exitCode, 1) << r.out;
     ASSERT_EQ(entries().size(), 1u);
     const std::string entryA = entries()[0];
