@@ -131,8 +131,7 @@ TEST_F(Extensions, OutputIsExactlyWhatIsSent) {
     const std::string sent = server.stored()[0];
     EXPECT_EQ(readFile(m_dir / "sent.xml"), sent);
 
-    RunOptions inDir;
-    inDir.cwd = m_dir.path().string();
+    const RunOptions inDir{.cwd = m_dir.path().string()};
     // Standard output carries the document alone; the log goes to standard error.
     r = run({"/bin/sh", "-c",
              "'" + kProgram + "' --check --output - -file doc.xml >body.xml 2>log.txt"},
@@ -228,9 +227,7 @@ TEST_F(Extensions, ProgressLineOnlyOnATerminal) {
                  {"no terminal", registration, false, 0}};
     for (const auto& k : cases) {
         SCOPED_TRACE(k.what);
-        RunOptions options;
-        options.terminal = k.terminal;
-        const RunResult r = kivreg(k.args, options);
+        const RunResult r = kivreg(k.args, {.terminal = k.terminal});
         EXPECT_EQ(r.exitCode, k.exitCode) << r.out.substr(0, 2000);
         const size_t line = r.out.find("\rkivreg: ");
         EXPECT_EQ(line != std::string::npos, k.terminal);

@@ -107,8 +107,7 @@ TEST_F(Configure, StoppedOrFailedAtAnyCallLeavesTheOldOrTheNewSettings) {
         // The old state, made once by a clean configure.
         std::filesystem::remove_all(work);
         std::filesystem::create_directory(work);
-        RunOptions inWork;
-        inWork.cwd = work.string();
+        const RunOptions inWork{.cwd = work.string()};
         std::vector<std::string> first = {kProgram, "-configure", "conn"};
         first.insert(first.end(), before.begin(), before.end());
         if (pair.keyBefore) first.push_back("-usekeyfile");
@@ -189,9 +188,7 @@ void converse(Child& t, const std::vector<std::pair<std::string, std::string>>& 
 
 TEST_F(Configure, InteractiveDialogueThroughATerminal) {
     const std::string conn = path("dialog.conn");
-    RunOptions terminal;
-    terminal.cwd = m_dir.path().string();
-    terminal.terminal = true;
+    const RunOptions terminal{.cwd = m_dir.path().string(), .terminal = true};
     Child t({kProgram, "-configure", conn, "-usekeyfile"}, terminal);
     const std::vector<std::pair<std::string, std::string>> round = {
         {"User Name       : ", "u\r"},
@@ -264,9 +261,7 @@ TEST_F(Configure, DialogueFromAPipe) {
 }
 
 TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
-    RunOptions terminal;
-    terminal.cwd = m_dir.path().string();
-    terminal.terminal = true;
+    const RunOptions terminal{.cwd = m_dir.path().string(), .terminal = true};
     struct Case {
         std::string keys;  // empty: SIGTERM from outside
         int signal;
@@ -302,9 +297,7 @@ TEST_F(Configure, SignalAtThePasswordPromptRestoresTheTerminal) {
 // password prompt the input stays hidden and is read on; after the prompts
 // the key leaves the terminal's mode alone.
 TEST_F(Configure, StopKeyKeepsThePasswordHiddenAndLaterAnswersEchoed) {
-    RunOptions terminal;
-    terminal.cwd = m_dir.path().string();
-    terminal.terminal = true;
+    const RunOptions terminal{.cwd = m_dir.path().string(), .terminal = true};
     Child t({kProgram, "-configure", path("stop.conn")}, terminal);
     ASSERT_TRUE(t.expect("User Name       : ")) << t.output();
     termios before{};

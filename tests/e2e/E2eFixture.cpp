@@ -129,8 +129,7 @@ std::map<std::string, double> metrics(const std::string& text) {
 }
 
 std::map<std::string, double> checkedMetrics(const std::string& statusFile) {
-    RunOptions in;
-    in.input = readFile(statusFile);
+    const RunOptions in{.input = readFile(statusFile)};
     if (std::filesystem::exists("/usr/bin/promtool")) {
         const RunResult r = run({"/usr/bin/promtool", "check", "metrics"}, in);
         EXPECT_EQ(r.exitCode, 0) << r.out << in.input;

@@ -20,13 +20,11 @@ const char* const kFaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so
 // The clock of a run moved by `offset` ("+2h", "-1d").
 RunOptions shifted(const std::string& offset) {
     const char* asan = std::getenv("ASAN_OPTIONS");
-    RunOptions o;
-    o.env = {{"LD_PRELOAD", kFaketime},
-             {"FAKETIME", offset},
-             {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
-             // The sanitizer's runtime need not come first for this.
-             {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
-    return o;
+    return {.env = {{"LD_PRELOAD", kFaketime},
+                    {"FAKETIME", offset},
+                    {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
+                    // The sanitizer's runtime need not come first for this.
+                    {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}}};
 }
 
 class IfChanged : public E2e {
@@ -195,9 +193,7 @@ TEST_F(IfChanged, BadSettingsAreRefusedBeforeAnything) {
     };
     size_t accepted = 0;
     for (const auto& row : rows) {
-        RunOptions options;
-        options.env = row.env;
-        const RunResult r = kivreg(row.args, options);
+        const RunResult r = kivreg(row.args, {.env = row.env});
         if (row.message.empty()) {
             EXPECT_EQ(r.exitCode, 0) << r.out;
             ++accepted;

@@ -70,9 +70,8 @@ TEST_F(CHost, RunsInOneProcessLogAsSeparateProcesses) {
     writeDoc("doc.xml", kDocument);
     const auto host = [&](const std::string& steps, std::string& trace) {
         fs::remove(path("kivreg_http_trace.log"));
-        RunOptions in;
-        in.cwd = m_dir.path();
-        in.env["KIVREG_STATUS_FILE"] = path("kivreg.prom");
+        const RunOptions in{.cwd = m_dir.path(),
+                            .env = {{"KIVREG_STATUS_FILE", path("kivreg.prom")}}};
         const RunResult r = run({KIVREG_BINARY_DIR "/kivreg_dlopen_client", kLibrary,
                                  server.portText(), "host", "pw", path("doc.xml"), "d" + steps},
                                 in);

@@ -18,9 +18,7 @@ protected:
         return std::make_unique<DirServer>(m_dir / name, options);
     }
     RunResult registerWith(const DirServer& server, std::vector<std::string> more = {}) {
-        RunOptions options;
-        options.env = {{"SECUDIR", m_dir.path().string()}};
-        return kivreg(connect(server, std::move(more)), options);
+        return kivreg(connect(server, std::move(more)), {.env = {{"SECUDIR", m_dir.path()}}});
     }
 };
 

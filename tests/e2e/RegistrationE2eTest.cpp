@@ -9,8 +9,7 @@ using Registration = E2e;
 
 TEST_F(Registration, OverHttpStoresTheTransferDocument) {
     DirServer server(m_dir.path(), {});
-    RunOptions piped;
-    piped.input = kDocument;
+    const RunOptions piped{.input = kDocument};
     // The old format never escapes values: an "&" would make the document
     // malformed, and the server would refuse it.
     std::string plain = kDocument;

@@ -10,12 +10,6 @@ namespace {
 
 using Secrets = E2e;
 
-RunOptions withInput(std::string input) {
-    RunOptions options;
-    options.input = std::move(input);
-    return options;
-}
-
 TEST_F(Secrets, PasswordsAreBlankedInTheProcessListWhileARunWaits) {
     std::string silent;
     const int listener = listenOnLoopback(silent);  // takes the request, never answers
@@ -52,7 +46,7 @@ TEST_F(Secrets, PasswordFileRulesOverPassForRegistrationAndConfigure) {
     for (const auto& [file, input] : std::vector<std::pair<std::string, std::string>>{
              {path("pw"), ""}, {path("pw-crlf"), ""}, {"-", "s3cret-pw\n"}}) {
         const RunResult r =
-            kivreg(connect(server, {"-pass", "wrong", "--password-file", file}), withInput(input));
+            kivreg(connect(server, {"-pass", "wrong", "--password-file", file}), {.input = input});
         EXPECT_EQ(r.exitCode, 0) << file << "\n" << r.out;
     }
     RunResult r =
@@ -64,7 +58,7 @@ TEST_F(Secrets, PasswordFileRulesOverPassForRegistrationAndConfigure) {
     // The document on standard input after the password line.
     r = kivreg({"-stdin", "-user", "supplier", "-host", "127.0.0.1", "-port", server.portText(),
                 "--password-file", "-"},
-               withInput("s3cret-pw\n" + std::string(kDocument)));
+               {.input = "s3cret-pw\n" + std::string(kDocument)});
     EXPECT_EQ(r.exitCode, 0) << r.out;
 
     writeFile(m_dir / "pw-bad", "\xff\xfe\n");

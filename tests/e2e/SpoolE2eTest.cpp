@@ -141,17 +141,14 @@ TEST_F(Spool, FlushDeliversOldestFirstMovesRefusalsAsideAndStopsAtAnOutage) {
     EXPECT_EQ(server.stored().size(), 7u);
 
     // The option rules over the environment; the environment serves library hosts.
-    RunOptions elsewhere;
-    elsewhere.env["KIVREG_SPOOL"] = path("elsewhere");
-    r = kivreg(flush(port), elsewhere);
+    r = kivreg(flush(port), {.env = {{"KIVREG_SPOOL", path("elsewhere")}}});
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_FALSE(fs::exists(path("elsewhere")));
     const std::vector<std::string> stored = server.stored();
     ASSERT_EQ(stored.size(), 9u);
     EXPECT_EQ(std::vector<std::string>(stored.begin() + 7, stored.end()),
               (std::vector<std::string>{sent[2], sent[3]}));
-    RunOptions fromEnv;
-    fromEnv.env["KIVREG_SPOOL"] = m_spool;
+    const RunOptions fromEnv{.env = {{"KIVREG_SPOOL", m_spool}}};
     std::vector<std::string> noOption = flush(port);
     noOption.resize(noOption.size() - 2);
     r = kivreg(noOption, fromEnv);
@@ -333,9 +330,7 @@ TEST_F(Spool, StatusFileAfterSuccessFailureAndCheck) {
 
     // A failure, with the file named by the environment as a library host
     // names it: the last success stays, the spool is counted.
-    RunOptions env;
-    env.env["KIVREG_STATUS_FILE"] = status;
-    r = kivreg(registration(doc, closedPort()), env);
+    r = kivreg(registration(doc, closedPort()), {.env = {{"KIVREG_STATUS_FILE", status}}});
     ASSERT_EQ(r.exitCode, 2) << r.out;
     m = checked();
     EXPECT_EQ(m["kivreg_last_run_exit_status"], 2);
