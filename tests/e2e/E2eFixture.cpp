@@ -48,16 +48,25 @@ std::string DirServer::requests() const {
 }
 
 std::vector<std::string> DirServer::stored() const {
-    std::vector<std::filesystem::path> files;
-    if (std::filesystem::exists(m_store)) {
-        for (const auto& e : std::filesystem::directory_iterator(m_store)) {
-            if (e.path().extension() == ".xml") files.push_back(e.path());
-        }
-    }
-    std::sort(files.begin(), files.end());
     std::vector<std::string> out;
-    for (const auto& f : files) out.push_back(readFile(f));
+    if (std::filesystem::exists(m_store))
+        for (const std::string& file : filesIn(m_store, ".xml")) out.push_back(readFile(file));
     return out;
+}
+
+std::vector<std::string> filesIn(const std::filesystem::path& dir, const std::string& extension) {
+    std::vector<std::string> out;
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        if (e.path().extension() == extension) out.push_back(e.path().string());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::string utc(const char* format, std::time_t t) {
+    char text[64];
+    std::tm tm{};
+    std::strftime(text, sizeof text, format, gmtime_r(&t, &tm));
+    return text;
 }
 
 namespace {
@@ -87,14 +96,23 @@ std::unique_ptr<Child> E2e::startKivreg(const std::vector<std::string>& args) {
     return std::make_unique<Child>(programArgv(args), programOptions({}, m_dir.path()));
 }
 
-std::vector<std::string> E2e::connect(const std::string& port, std::vector<std::string> more) {
-    std::vector<std::string> args = {"-file", writeDoc("doc.xml", kDocument),
-                                     "-user", "supplier",
-                                     "-pass", "s3cret-pw",
-                                     "-host", "127.0.0.1",
-                                     "-port", port};
+std::vector<std::string> E2e::registering(const std::string& doc, const std::string& user,
+                                          const std::string& port,
+                                          const std::vector<std::string>& more) {
+    std::vector<std::string> args = {"-file",     doc,     "-user",     user,    "-pass",
+                                     "s3cret-pw", "-host", "127.0.0.1", "-port", port};
     args.insert(args.end(), more.begin(), more.end());
     return args;
+}
+
+std::string E2e::document(const std::string& supplier, const std::string& value,
+                          const std::string& vendor) {
+    std::string xml = kDocument;
+    xml.replace(xml.find("E2E Supplier"), 12, supplier);
+    if (!vendor.empty())
+        xml.insert(xml.find(" supplier_version"), " supplier_vendor=\"" + vendor + "\"");
+    xml.replace(xml.find("h1 &amp; co"), 11, value);
+    return writeDoc(supplier + "-" + std::to_string(++m_docs) + ".xml", xml);
 }
 
 std::map<std::string, double> metrics(const std::string& text) {
@@ -111,8 +129,7 @@ std::map<std::string, double> metrics(const std::string& text) {
 }
 
 std::map<std::string, double> checkedMetrics(const std::string& statusFile) {
-    RunOptions in;
-    in.input = readFile(statusFile);
+    const RunOptions in{.input = readFile(statusFile)};
     if (std::filesystem::exists("/usr/bin/promtool")) {
         const RunResult r = run({"/usr/bin/promtool", "check", "metrics"}, in);
         EXPECT_EQ(r.exitCode, 0) << r.out << in.input;

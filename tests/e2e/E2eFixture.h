@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
 #include <map>
 #include <memory>
 #include <optional>
@@ -34,6 +35,9 @@ struct ServerOptions {
     std::string redirect = "";  // "308=LOCATION" answered on every other path
 };
 
+// A small document whose one reference resolves.
+extern const char* const kDocument;
+
 class DirServer {
 public:
     DirServer(const std::filesystem::path& dir, const ServerOptions& options);
@@ -59,14 +63,31 @@ protected:
     std::unique_ptr<Child> startKivreg(const std::vector<std::string>& args);
     std::string writeDoc(const std::string& name, const std::string& xml);
     std::string path(const std::string& name) const { return (m_dir / name).string(); }
+    // Registers `doc` as `user` (password s3cret-pw) with 127.0.0.1 at `port`, then `more`.
+    static std::vector<std::string> registering(const std::string& doc, const std::string& user,
+                                                const std::string& port,
+                                                const std::vector<std::string>& more = {});
     // Registers kDocument (as doc.xml) with the server's user and password, then `more`.
-    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more = {});
+    std::vector<std::string> connect(const std::string& port, std::vector<std::string> more = {}) {
+        return registering(writeDoc("doc.xml", kDocument), "supplier", port, more);
+    }
     std::vector<std::string> connect(const DirServer& server, std::vector<std::string> more = {}) {
         return connect(server.portText(), std::move(more));
     }
 
+    // kDocument under another supplier name (and vendor), with `value` in its one property.
+    std::string document(const std::string& supplier, const std::string& value,
+                         const std::string& vendor = "");
+
     TempDir m_dir;
+    int m_docs = 0;
 };
+
+// The files in `dir` with the extension (".xml"), sorted by name.
+std::vector<std::string> filesIn(const std::filesystem::path& dir, const std::string& extension);
+
+// The time `t` in UTC as strftime writes it in `format`.
+std::string utc(const char* format, std::time_t t = std::time(nullptr));
 
 // How often `what` occurs in `text`.
 inline size_t occurrences(const std::string& text, const std::string& what) {
@@ -82,8 +103,5 @@ std::map<std::string, double> checkedMetrics(const std::string& statusFile);
 // The one reason the failure state set marks, empty when it marks none; every
 // reason must be there.
 std::string failureReason(const std::map<std::string, double>& metrics);
-
-// A small document whose one reference resolves.
-extern const char* const kDocument;
 
 }  // namespace kivreg::test

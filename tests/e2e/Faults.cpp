@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <regex>
 
 #include "testutil/TestUtil.h"
@@ -24,19 +25,7 @@ std::vector<std::string> under(std::vector<std::string> strace,
     return strace;
 }
 
-}  // namespace
-
-const std::vector<std::string> kFileCalls = {"openat", "write", "close",  "link",
-                                             "rename", "fsync", "unlink", "mkdir"};
-
-std::string straceUnavailable() {
-    if (::access(kStrace, X_OK) != 0) return "strace is not installed";
-    if (!testEmulator().empty())
-        return "under an emulator strace sees the emulator's system calls, not kivreg's";
-    const RunResult r = run({kStrace, "-qq", "-o", "/dev/null", "/bin/true"});
-    return r.exitCode == 0 ? "" : "strace cannot trace here: " + r.out;
-}
-
+// How often a clean run of argv makes each of `calls`.
 std::map<std::string, int> countCalls(const std::vector<std::string>& argv,
                                       const std::vector<std::string>& calls,
                                       const RunOptions& options) {
@@ -53,12 +42,17 @@ std::map<std::string, int> countCalls(const std::vector<std::string>& argv,
     return counts;
 }
 
-RunResult runFaulted(const std::vector<std::string>& argv, const std::string& call, int n,
-                     const std::string& action, const RunOptions& options) {
-    return run(under({kStrace, "-f", "-qq", "-o", "/dev/null", "-e", "trace=" + call, "-e",
-                      "inject=" + call + ":" + action + ":when=" + std::to_string(n)},
-                     argv),
-               options);
+}  // namespace
+
+const std::vector<std::string> kFileCalls = {"openat", "write", "close",  "link",
+                                             "rename", "fsync", "unlink", "mkdir"};
+
+std::string straceUnavailable() {
+    if (::access(kStrace, X_OK) != 0) return "strace is not installed";
+    if (!testEmulator().empty())
+        return "under an emulator strace sees the emulator's system calls, not kivreg's";
+    const RunResult r = run({kStrace, "-qq", "-o", "/dev/null", "/bin/true"});
+    return r.exitCode == 0 ? "" : "strace cannot trace here: " + r.out;
 }
 
 int forEachFault(const std::vector<std::string>& argv, const std::vector<std::string>& calls,
@@ -70,7 +64,13 @@ int forEachFault(const std::vector<std::string>& argv, const std::vector<std::st
     for (const auto& [call, count] : countCalls(argv, calls, options)) {
         for (int n = 1; n <= count; ++n, ++runs) {
             prepare();
-            check(call, n, runFaulted(argv, call, n, action, options));
+            const std::string inject =
+                "inject=" + call + ":" + action + ":when=" + std::to_string(n);
+            check(call, n,
+                  run(under({kStrace, "-f", "-qq", "-o", "/dev/null", "-e", "trace=" + call, "-e",
+                             inject},
+                            argv),
+                      options));
         }
     }
     return runs;

@@ -4,7 +4,6 @@
 // a test can check what every such stop leaves on disk.
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -18,18 +17,10 @@ extern const std::vector<std::string> kFileCalls;
 // Empty when strace can trace a program here, else why not.
 std::string straceUnavailable();
 
-// How often a clean run of argv makes each of `calls`.
-std::map<std::string, int> countCalls(const std::vector<std::string>& argv,
-                                      const std::vector<std::string>& calls,
-                                      const RunOptions& options = {});
-
-// Runs argv with its n-th call of `call` replaced by `action`, as strace's
-// inject takes it: "signal=KILL" or "error=ENOSPC".
-RunResult runFaulted(const std::vector<std::string>& argv, const std::string& call, int n,
-                     const std::string& action, const RunOptions& options = {});
-
 // For every call a clean run of argv makes (of `calls`): prepare(), then the
-// run faulted there, then check(call, n, result). Returns the number of runs.
+// run with that call replaced by `action` as strace's inject takes it
+// ("signal=KILL", "error=ENOSPC"), then check(call, n, result). Returns the
+// number of runs.
 int forEachFault(const std::vector<std::string>& argv, const std::vector<std::string>& calls,
                  const std::string& action, const RunOptions& options,
                  const std::function<void()>& prepare,

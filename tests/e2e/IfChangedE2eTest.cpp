@@ -6,7 +6,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "E2eFixture.h"
 #include "Faults.h"
@@ -21,27 +20,18 @@ const char* const kFaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so
 // The clock of a run moved by `offset` ("+2h", "-1d").
 RunOptions shifted(const std::string& offset) {
     const char* asan = std::getenv("ASAN_OPTIONS");
-    RunOptions o;
-    o.env = {{"LD_PRELOAD", kFaketime},
-             {"FAKETIME", offset},
-             {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
-             // The sanitizer's runtime need not come first for this.
-             {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}};
-    return o;
+    return {.env = {{"LD_PRELOAD", kFaketime},
+                    {"FAKETIME", offset},
+                    {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
+                    // The sanitizer's runtime need not come first for this.
+                    {"ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0"}}};
 }
 
 class IfChanged : public E2e {
 protected:
     // A document whose one value is the symbol ${v}.
     std::string document(const std::string& supplier, const std::string& vendor = "") {
-        std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<kivinfo supplier_name=\"" +
-                          supplier + "\" supplier_version=\"1\"";
-        if (!vendor.empty()) xml += " supplier_vendor=\"" + vendor + "\"";
-        xml +=
-            "><group name=\"G\" group_type=\"SPECIFIC\"><class name=\"C\"><instance "
-            "inst_id=\"i\"><property name=\"P\" sourceformat=\"text\"><value>${v}</value>"
-            "</property></instance></class></group></kivinfo>\n";
-        return writeDoc(supplier + vendor + ".xml", xml);
+        return E2e::document(supplier, "${v}", vendor);
     }
     std::string symbols(const std::string& value) {
         return writeDoc("v-" + value + ".properties", "v=" + value + "\n");
@@ -49,18 +39,12 @@ protected:
     std::vector<std::string> registration(const std::string& port, const std::string& doc,
                                           const std::string& symbolFile,
                                           std::vector<std::string> more = {}) {
-        std::vector<std::string> args = {"-file", doc,     "-symbolfile",  symbolFile, "-user",
-                                         kUser,   "-pass", kPass,          "-host",    "127.0.0.1",
-                                         "-port", port,    "--if-changed", "--spool",  m_spool};
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
+        more.insert(more.begin(), {"-symbolfile", symbolFile, "--if-changed", "--spool", m_spool});
+        return registering(doc, kUser, port, more);
     }
     // The records in a spool; a stopped run's temporary file is none.
     std::vector<std::string> records(const std::string& spool = "") const {
-        std::vector<std::string> out;
-        for (const auto& e : fs::directory_iterator((spool.empty() ? m_spool : spool) + "/sent"))
-            if (e.path().extension() == ".sent") out.push_back(e.path().string());
-        return out;
+        return filesIn((spool.empty() ? m_spool : spool) + "/sent", ".sent");
     }
 
     static constexpr const char* kUser = "record-user";
@@ -209,9 +193,7 @@ TEST_F(IfChanged, BadSettingsAreRefusedBeforeAnything) {
     };
     size_t accepted = 0;
     for (const auto& row : rows) {
-        RunOptions options;
-        options.env = row.env;
-        const RunResult r = kivreg(row.args, options);
+        const RunResult r = kivreg(row.args, {.env = row.env});
         if (row.message.empty()) {
             EXPECT_EQ(r.exitCode, 0) << r.out;
             ++accepted;
@@ -283,15 +265,14 @@ TEST_F(IfChanged, StatusFileAfterASkipAndAnEmptyFlush) {
     const std::string status = path("kivreg.prom");
     const std::vector<std::string> args =
         registration(server.portText(), document("S"), symbols("one"), {"--status-file", status});
-    const auto checked = [&] { return checkedMetrics(status); };
     ASSERT_EQ(kivreg(args).exitCode, 0);
-    auto m = checked();
+    auto m = checkedMetrics(status);
     EXPECT_EQ(m["kivreg_last_run_skipped"], 0);
     EXPECT_EQ(m["kivreg_last_delivery_timestamp_seconds"], m["kivreg_last_run_timestamp_seconds"]);
     const double delivered = m["kivreg_last_delivery_timestamp_seconds"];
 
     expectSkipped(kivreg(args, shifted("+2h")));
-    m = checked();
+    m = checkedMetrics(status);
     EXPECT_EQ(m["kivreg_last_run_skipped"], 1);
     EXPECT_EQ(m["kivreg_last_body_bytes"], server.stored().at(0).size());
     EXPECT_EQ(m["kivreg_last_success_timestamp_seconds"], m["kivreg_last_run_timestamp_seconds"]);
@@ -306,23 +287,6 @@ TEST_F(IfChanged, StatusFileAfterASkipAndAnEmptyFlush) {
     EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_THAT(r.out, HasSubstr("Spool holds no registration for"));
     EXPECT_EQ(readFile(status), before);
-}
-
-TEST_F(IfChanged, LibraryHostThroughTheEnvironment) {
-    DirServer server(m_dir.path(), {.user = "host", .password = "pw"});
-    writeDoc("doc.xml", kDocument);
-    RunOptions env;
-    env.env = {{"KIVREG_IF_CHANGED", "1"}, {"KIVREG_SPOOL", m_spool}};
-    const std::string host = KIVREG_BINARY_DIR "/kivreg_dlopen_client";
-    const std::vector<std::string> argv = {host,   kLibrary, server.portText(),
-                                           "host", "pw",     path("doc.xml")};
-    for (int i = 0; i < 2; ++i) {
-        const RunResult r = run(argv, env);
-        EXPECT_EQ(r.exitCode, 0) << r.out;
-        EXPECT_THAT(r.out, HasSubstr("KivRegSendReceiveData=0"));
-        EXPECT_EQ(r.out.find("Registration unchanged since ") != std::string::npos, i == 1);
-    }
-    EXPECT_EQ(server.stored().size(), 1u);
 }
 
 }  // namespace

@@ -20,10 +20,11 @@ struct RunResult {
 };
 
 struct RunOptions {
-    std::string cwd;
-    std::map<std::string, std::string> env;  // added to (or replacing in) the environment
-    std::string input;                       // the whole of standard input
-    bool terminal = false;                   // a pseudo-terminal for all three standard streams
+    // Each with its default, so that a designated initializer may name any of them alone.
+    std::string cwd = "";
+    std::map<std::string, std::string> env = {};  // added to (or replacing in) the environment
+    std::string input = "";                       // the whole of standard input
+    bool terminal = false;  // a pseudo-terminal for all three standard streams
 };
 
 // Runs argv[0] (a path) with its arguments to its end.

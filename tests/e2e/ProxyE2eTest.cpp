@@ -62,10 +62,8 @@ protected:
         if (https) args.push_back("-usehttps");
         args.push_back("-httptrace");  // the trace, too, must keep the credentials to itself
         args.insert(args.end(), more.begin(), more.end());
-        RunOptions options;
-        options.env = std::move(env);
-        options.env.try_emplace("SECUDIR", m_dir.path().string());
-        return kivreg(args, options);
+        env.try_emplace("SECUDIR", m_dir.path().string());
+        return kivreg(args, {.env = std::move(env)});
     }
 
     std::unique_ptr<DirServer> m_http, m_https;

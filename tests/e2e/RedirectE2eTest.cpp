@@ -18,9 +18,7 @@ protected:
         return std::make_unique<DirServer>(m_dir / name, options);
     }
     RunResult registerWith(const DirServer& server, std::vector<std::string> more = {}) {
-        RunOptions options;
-        options.env = {{"SECUDIR", m_dir.path().string()}};
-        return kivreg(connect(server, std::move(more)), options);
+        return kivreg(connect(server, std::move(more)), {.env = {{"SECUDIR", m_dir.path()}}});
     }
 };
 
@@ -47,12 +45,9 @@ TEST_F(Redirects, SameHost307And308AreFollowedWithTheCredentials) {
         server("busy", {.status = 503, .path = "/v2/kiv/ds", .redirect = "308=/v2/kiv/ds"});
     r = registerWith(*busy, {"--spool", path("spool")});
     ASSERT_EQ(r.exitCode, 1) << r.out;
-    ASSERT_THAT(r.out, HasSubstr("Registration kept in spool: "));
-    for (const auto& e : std::filesystem::directory_iterator(m_dir / "spool")) {
-        if (e.path().extension() != ".kiv") continue;
-        EXPECT_THAT(readFile(e.path()),
-                    HasSubstr("\nport: " + busy->portText() + "\npath: /kiv/ds\n"));
-    }
+    const std::vector<std::string> kept = filesIn(m_dir / "spool", ".kiv");
+    ASSERT_EQ(kept.size(), 1u) << r.out;
+    EXPECT_THAT(readFile(kept[0]), HasSubstr("\nport: " + busy->portText() + "\npath: /kiv/ds\n"));
 }
 
 TEST_F(Redirects, OthersAreNotFollowedAndNothingGoesElsewhere) {
@@ -73,7 +68,6 @@ TEST_F(Redirects, OthersAreNotFollowedAndNothingGoesElsewhere) {
                                                : std::vector<std::string>{});
         EXPECT_EQ(r.exitCode, 1) << r.out;
         EXPECT_THAT(r.out, HasSubstr(line + nameIt));
-        EXPECT_THAT(r.out, Not(HasSubstr("Redirected to")));
         EXPECT_EQ(first->requests(), kAsked) << line;
     }
     EXPECT_EQ(plain->requests(), "");  // no request, so no credentials either

@@ -3,20 +3,12 @@
 
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "E2eFixture.h"
 
 namespace kivreg::test {
 namespace {
 
 using Secrets = E2e;
-
-RunOptions withInput(std::string input) {
-    RunOptions options;
-    options.input = std::move(input);
-    return options;
-}
 
 TEST_F(Secrets, PasswordsAreBlankedInTheProcessListWhileARunWaits) {
     std::string silent;
@@ -51,24 +43,22 @@ TEST_F(Secrets, PasswordFileRulesOverPassForRegistrationAndConfigure) {
     DirServer server(m_dir / "server", ServerOptions{});
     writeFile(m_dir / "pw", "s3cret-pw\nthe first line alone counts\n");
     writeFile(m_dir / "pw-crlf", "s3cret-pw\r\n");
-    const std::string conn = path("conn");
     for (const auto& [file, input] : std::vector<std::pair<std::string, std::string>>{
              {path("pw"), ""}, {path("pw-crlf"), ""}, {"-", "s3cret-pw\n"}}) {
-        RunResult r =
-            kivreg(connect(server, {"-pass", "wrong", "--password-file", file}), withInput(input));
-        EXPECT_EQ(r.exitCode, 0) << file << "\n" << r.out;
-        std::filesystem::remove(conn);
-        r = kivreg({"-configure", conn, "-user", "supplier", "-pass", "wrong", "-host", "127.0.0.1",
-                    "-port", server.portText(), "--password-file", file},
-                   withInput(input));
-        ASSERT_EQ(r.exitCode, 0) << file << "\n" << r.out;
-        r = kivreg({"-file", path("doc.xml"), "-connectfile", conn});
+        const RunResult r =
+            kivreg(connect(server, {"-pass", "wrong", "--password-file", file}), {.input = input});
         EXPECT_EQ(r.exitCode, 0) << file << "\n" << r.out;
     }
+    RunResult r =
+        kivreg({"-configure", path("conn"), "-user", "supplier", "-pass", "wrong", "-host",
+                "127.0.0.1", "-port", server.portText(), "--password-file", path("pw")});
+    ASSERT_EQ(r.exitCode, 0) << r.out;
+    r = kivreg({"-file", path("doc.xml"), "-connectfile", path("conn")});
+    EXPECT_EQ(r.exitCode, 0) << r.out;
     // The document on standard input after the password line.
-    RunResult r = kivreg({"-stdin", "-user", "supplier", "-host", "127.0.0.1", "-port",
-                          server.portText(), "--password-file", "-"},
-                         withInput("s3cret-pw\n" + std::string(kDocument)));
+    r = kivreg({"-stdin", "-user", "supplier", "-host", "127.0.0.1", "-port", server.portText(),
+                "--password-file", "-"},
+               {.input = "s3cret-pw\n" + std::string(kDocument)});
     EXPECT_EQ(r.exitCode, 0) << r.out;
 
     writeFile(m_dir / "pw-bad", "\xff\xfe\n");

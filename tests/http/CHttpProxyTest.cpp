@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <list>
 #include <map>
 #include <string>
@@ -19,8 +18,6 @@
 
 namespace kivreg::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 const char* const kOpened = "HTTP open status: true - NI RC=0";

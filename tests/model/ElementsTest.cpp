@@ -223,22 +223,9 @@ TEST(TransferBody, EscapesTheFiveCharactersAnywhereInAValue) {
     };
     for (const auto& [value, escaped, old] : cases) {
         SCOPED_TRACE(value);
-        std::string text;
-        for (char c : value) {
-            switch (c) {
-                case '&':
-                    text += "&amp;";
-                    break;
-                case '<':
-                    text += "&lt;";
-                    break;
-                case '>':
-                    text += "&gt;";
-                    break;
-                default:
-                    text += c;
-            }
-        }
+        std::string text;  // the value as the document writes it
+        for (char c : value)
+            text += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : std::string(1, c);
         LogCapture cap;
         auto file =
             test::loadText(cap,
