@@ -86,6 +86,10 @@ TEST_F(Registration, HttpTraceWithLogFileWritesTheTraceFile) {
     EXPECT_THAT(log, HasSubstr("HTTP response: Success. HTTP status code: 200"));
     const std::string trace = readFile(m_dir / "kivreg_http_trace.log");
     EXPECT_THAT(trace, HasSubstr("HttpRequest::connect"));
+    // Each entry one line: the time, then who wrote it.
+    EXPECT_THAT(trace, testing::ContainsRegex("(^|\n)[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] "
+                                              "[0-9:]{8} [0-9]{4} \\[[^]\n]+:[0-9]+\\]: "
+                                              "HttpRequest::connect"));
     for (const char* secret : {"s3cret-pw", "c3VwcGxpZXI6czNjcmV0LXB3"})  // clear, and as Basic
         EXPECT_THAT(trace + log + r.out, Not(HasSubstr(secret)));
 }
