@@ -48,8 +48,10 @@ std::map<std::string, int> countCalls(const std::vector<std::string>& argv,
 
 }  // namespace
 
-const std::vector<std::string> kFileCalls = {"openat", "write", "close",  "link",
-                                             "rename", "fsync", "unlink", "mkdir"};
+// Some architectures (arm64) have only the *at forms of these.
+const std::vector<std::string> kFileCalls = {"openat",   "write",    "close",     "link",  "linkat",
+                                             "rename",   "renameat", "renameat2", "fsync", "unlink",
+                                             "unlinkat", "mkdir",    "mkdirat"};
 
 std::string straceUnavailable() {
     if (::access(kStrace, X_OK) != 0) return "strace is not installed";
