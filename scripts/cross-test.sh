@@ -31,8 +31,11 @@ fi
 "$root/scripts/deps.sh" "g++-$triplet" qemu-user-static
 
 # What kivreg and its tests link and load, with what those need in turn.
+# The emulator looks for the guest's files under the sysroot first, and
+# locale files and preloaded libraries are the architecture's own: the tests
+# select de_DE.UTF-8 and move a run's clock with libfaketime.
 packages=(libc6 libgcc-s1 libstdc++6 libxml2 libxml2-dev libicu72 liblzma5 zlib1g
-          libssl3 libssl-dev libgtest-dev libgmock-dev)
+          libssl3 libssl-dev libgtest-dev libgmock-dev locales-all libfaketime)
 stamp="$sysroot/.packages"
 if [ "$(cat "$stamp" 2>/dev/null)" != "${packages[*]}" ]; then
   echo "Unpacking into $sysroot: ${packages[*]/%/:$arch}"

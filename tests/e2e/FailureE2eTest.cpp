@@ -143,7 +143,9 @@ TEST_F(Failure, EachFailureEndsWithWhatWhereAndWhy) {
         if (row.tls) args.push_back("-usehttps");
         if (row.unresolvable) {
             *std::find(args.begin(), args.end(), "127.0.0.1") = "no-such-host.invalid";
-            args.insert(args.begin(), {"/usr/bin/unshare", "-rn", kProgram});
+            args.insert(args.begin(), kProgram);
+            args = emulated(args);
+            args.insert(args.begin(), {"/usr/bin/unshare", "-rn"});
         }
         const RunOptions options{.cwd = m_dir.path(), .env = row.env};
         const RunResult r = row.unresolvable ? run(args, options) : kivreg(args, options);

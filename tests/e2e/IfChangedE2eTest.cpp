@@ -15,7 +15,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const char* const kFaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
+// The target's own (an emulator finds it under its sysroot).
+const char* const kFaketime = "/usr/lib/" KIVREG_LIBRARY_ARCH "/faketime/libfaketime.so.1";
 
 // The clock of a run moved by `offset` ("+2h", "-1d").
 RunOptions shifted(const std::string& offset) {

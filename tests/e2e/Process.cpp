@@ -31,33 +31,35 @@ int inputFd(const std::string& input) {
     return fd;
 }
 
-std::vector<std::string> splitWords(const std::string& text) {
-    std::vector<std::string> words;
-    std::istringstream in(text);
-    for (std::string w; in >> w;) words.push_back(w);
-    return words;
+std::vector<char*> pointers(const std::vector<std::string>& words) {
+    std::vector<char*> args;
+    for (const auto& w : words) args.push_back(const_cast<char*>(w.c_str()));
+    args.push_back(nullptr);
+    return args;
 }
 
 [[noreturn]] void exec(const std::vector<std::string>& argv, const RunOptions& options) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
     for (const auto& [k, v] : options.env) setenv(k.c_str(), v.c_str(), 1);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    execv(args[0], args.data());
+    execv(argv[0].c_str(), pointers(argv).data());
     // A program built for another architecture (a cross build's kivreg or C
     // host) runs through the emulator named in KIVREG_TEST_EMULATOR.
     if (errno == ENOEXEC && !testEmulator().empty()) {
-        std::vector<std::string> words = splitWords(testEmulator());
-        std::vector<char*> emulated;
-        for (auto& w : words) emulated.push_back(w.data());
-        emulated.insert(emulated.end(), args.begin(), args.end());
-        execvp(emulated[0], emulated.data());
+        const std::vector<std::string> words = emulated(argv);
+        execvp(words[0].c_str(), pointers(words).data());
     }
     _exit(127);
 }
 
 }  // namespace
+
+std::vector<std::string> emulated(std::vector<std::string> argv) {
+    std::vector<std::string> words;
+    std::istringstream in(testEmulator());
+    for (std::string w; in >> w;) words.push_back(w);
+    argv.insert(argv.begin(), words.begin(), words.end());
+    return argv;
+}
 
 Child::Child(const std::vector<std::string>& argv, const RunOptions& options) {
     if (options.terminal) {

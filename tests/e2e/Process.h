@@ -27,6 +27,10 @@ struct RunOptions {
     bool terminal = false;  // a pseudo-terminal for all three standard streams
 };
 
+// argv as a host program (strace, unshare) must start it: after the words of
+// the emulator when the tests run under one (see testEmulator()).
+std::vector<std::string> emulated(std::vector<std::string> argv);
+
 // Runs argv[0] (a path) with its arguments to its end.
 RunResult run(const std::vector<std::string>& argv, const RunOptions& options = {});
 

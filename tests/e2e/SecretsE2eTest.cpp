@@ -11,6 +11,9 @@ namespace {
 using Secrets = E2e;
 
 TEST_F(Secrets, PasswordsAreBlankedInTheProcessListWhileARunWaits) {
+    if (!testEmulator().empty())
+        GTEST_SKIP() << "under an emulator /proc/PID/cmdline shows the emulator's copy of the "
+                        "arguments, which the program cannot blank";
     std::string silent;
     const int listener = listenOnLoopback(silent);  // takes the request, never answers
     ASSERT_GE(listener, 0);
