@@ -8,27 +8,26 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=$(realpath -m "${1:-$root/dist}")
-spec=$root/rpm/kivreg.spec
+recipe=$root/rpm/kivreg.rpmbuild
 
 "$root/scripts/deps.sh" rpm rpmlint make
 
 version=$(sed -nE 's/^project\(kivreg VERSION ([0-9.]+).*/\1/p' "$root/CMakeLists.txt")
-if [ "$(rpmspec -q --srpm --qf '%{version}' "$spec")" != "$version" ]; then
-  echo "rpm/kivreg.spec does not name version $version of CMakeLists.txt" >&2
+if [ "$(sed -nE 's/^Version:[[:space:]]*//p' "$recipe")" != "$version" ]; then
+  echo "rpm/kivreg.rpmbuild does not name version $version of CMakeLists.txt" >&2
   exit 1
 fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-mkdir -p "$work"/{SOURCES,SPECS,BUILD,RPMS,SRPMS}
+mkdir -p "$work"/{SOURCES,BUILD,RPMS,SRPMS}
 # The source tarball: the tree as it is, without git, build trees and packages.
 tar -C "$root" --exclude=.git --exclude='./build*' --exclude=./dist --exclude=./debian/build \
   --exclude='./obj-*' --sort=name --owner=0 --group=0 --numeric-owner \
   --transform "s,^\.,kivreg-$version," -czf "$work/SOURCES/kivreg-$version.tar.gz" .
-cp "$spec" "$work/SPECS/"
 
 rpmbuild --define "_topdir $work" --define "_smp_mflags -j${JOBS:-2}" --nodeps \
-  -ba "$work/SPECS/kivreg.spec"
+  -ba "$recipe"
 
 mkdir -p "$out"
 mapfile -t rpms < <(find "$work/RPMS" "$work/SRPMS" -name '*.rpm' | sort)
