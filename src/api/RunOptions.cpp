@@ -3,13 +3,13 @@
 #include "api/RunOptions.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 
 #include "api/ApiState.h"
 #include "api/Vocabulary.h"
 #include "secstore/CSecStore.h"
 #include "support/CCConv.h"
+#include "support/Decimal.h"
 
 namespace kivreg::api {
 namespace {
@@ -105,9 +105,7 @@ long durationSeconds(std::string_view text) {
         text.remove_suffix(1);
     }
     unsigned long n = 0;
-    const char* end = text.data() + text.size();
-    const std::from_chars_result r = std::from_chars(text.data(), end, n);
-    if (text.empty() || r.ec != std::errc() || r.ptr != end || n > kMax / unit) return -1;
+    if (!wholeDecimal(text, n) || n > kMax / unit) return -1;
     return static_cast<long>(n * unit);
 }
 

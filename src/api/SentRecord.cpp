@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -17,6 +16,7 @@
 #include "runtime/FileIo.h"
 #include "runtime/Sha256.h"
 #include "support/CCConv.h"
+#include "support/Decimal.h"
 
 namespace kivreg::api {
 namespace {
@@ -52,12 +52,6 @@ struct Record {
     long long time = 0;  // of the 200, seconds since the epoch
 };
 
-template <typename Number>
-bool parsed(std::string_view text, Number& n) {
-    const std::from_chars_result r = std::from_chars(text.data(), text.data() + text.size(), n);
-    return !text.empty() && r.ec == std::errc() && r.ptr == text.data() + text.size();
-}
-
 std::optional<Record> readRecord(const std::string& path, const std::string& keyText) {
     std::ifstream in(path, std::ios::binary);
     std::string text(kMaxRecordBytes, '\0');
@@ -74,8 +68,8 @@ std::optional<Record> readRecord(const std::string& path, const std::string& key
     const std::optional<std::string> bytes = field("body-bytes: ");
     const std::optional<std::string> time = field("time: ");
     Record r;
-    if (!sha || sha->size() != 64 || !bytes || !parsed(*bytes, r.bytes) || !time ||
-        !parsed(*time, r.time) || rest.peek() != EOF || !text.ends_with('\n'))
+    if (!sha || sha->size() != 64 || !bytes || !wholeDecimal(*bytes, r.bytes) || !time ||
+        !wholeDecimal(*time, r.time) || rest.peek() != EOF || !text.ends_with('\n'))
         return std::nullopt;
     r.sha256 = *sha;
     return r;

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdio>
+#include <optional>
 
 #include "runtime/FileIo.h"
 
@@ -18,21 +19,30 @@ std::string number(double value) {
     return std::string(text, end.ptr);
 }
 
-// A metric's value in the file a run replaces; the fallback when it has none.
-double previous(const std::string& path, std::string_view name, double fallback) {
+// The timestamps carried over from the file a run replaces, read in one pass.
+struct Carried {
+    double success = 0;
+    std::optional<double> delivery;  // absent in files from before deliveries were told apart
+};
+
+Carried previous(const std::string& path) {
+    Carried carried;
     std::FILE* in = std::fopen(path.c_str(), "re");
-    if (in == nullptr) return fallback;
-    double value = fallback;
+    if (in == nullptr) return carried;
+    const auto valueOf = [](std::string_view text, std::string_view name) -> std::optional<double> {
+        if (!text.starts_with(name) || text.size() <= name.size() || text[name.size()] != ' ')
+            return std::nullopt;
+        double value = 0;
+        std::from_chars(text.data() + name.size() + 1, text.data() + text.size(), value);
+        return value;
+    };
     char line[256];
     while (std::fgets(line, sizeof line, in) != nullptr) {
-        const std::string_view text(line);
-        if (text.starts_with(name) && text.size() > name.size() && text[name.size()] == ' ') {
-            std::from_chars(text.data() + name.size() + 1, text.data() + text.size(), value);
-            break;
-        }
+        if (const auto v = valueOf(line, kLastSuccess)) carried.success = *v;
+        if (const auto v = valueOf(line, kLastDelivery)) carried.delivery = *v;
     }
     std::fclose(in);
-    return value;
+    return carried;
 }
 
 // The failure reasons as monitoring names them, in the enumeration's order.
@@ -44,11 +54,10 @@ static_assert(std::size(kReasons) == static_cast<size_t>(FailureReason::Spool));
 }  // namespace
 
 int writeStatusFile(const std::string& path, const RunStatus& run) {
-    const double lastSuccess =
-        run.success || run.skipped ? run.end : previous(path, kLastSuccess, 0);
+    const Carried carried = run.success ? Carried{} : previous(path);
+    const double lastSuccess = run.success || run.skipped ? run.end : carried.success;
     // A file from before deliveries were told apart: its last success was one.
-    const double lastDelivery =
-        run.success ? run.end : previous(path, kLastDelivery, previous(path, kLastSuccess, 0));
+    const double lastDelivery = run.success ? run.end : carried.delivery.value_or(carried.success);
     const struct {
         std::string_view name, help;
         std::string value;
